@@ -1,0 +1,82 @@
+#include "common/host_identity.h"
+
+#include "common/files.h"
+#include "common/logging.h"
+#include "common/text.h"
+#include "service/agent.h"
+
+namespace tdacli {
+
+std::string ReadIPMask(const std::string& path) {
+  std::vector<std::string> lines;
+  if (!ReadLines(path, lines)) return "";
+  std::string value;
+  for (const auto& line : lines) {
+    auto p = line.find('=');
+    if (p == std::string::npos || p + 1 >= line.size()) continue;
+    if (line.substr(0, p) == "IPMask") value = line.substr(p + 1);
+  }
+  return value;
+}
+
+bool MatchesIPMask(const std::string& address, const std::string& mask) {
+  if (mask.empty()) return false;
+  std::vector<std::string> parts;
+  int n = SplitString(mask, ",", parts);
+  for (int i = 1; i <= n; ++i)
+    if (!parts[i].empty() && Contains(address, parts[i])) return true;
+  return false;
+}
+
+bool LooksLikeIPv4(const std::string& a) {
+  for (size_t pos : {1u, 2u, 3u})
+    if (a.size() > pos && a[pos] == '.') return true;
+  return false;
+}
+
+void DetermineLocalIP(Agent& agent) {
+  std::string mask;
+  const std::string mask_file = agent.AppPath("TDIPMASK.INI");
+  if (FileExists(mask_file)) mask = ReadIPMask(mask_file);
+  const std::string upper = Upper(mask);
+  if (upper == "PC-NAME") {
+    agent.local_ip = agent.computer_names[0];
+    return;
+  }
+  if (upper == "PC-NAME-FQDN") {
+    agent.local_ip = agent.computer_names[3];
+    return;
+  }
+  // The adapters come from the platform's native adapter list (enabled adapters, in the system's
+  // order), the same data the configuration query of the management interface returns.
+  std::string chosen = "(Unknown)", first;
+  for (const auto& adapter : agent.host().AdapterAddresses()) {
+    for (const auto& entry : adapter) {
+      if (entry == "0.0.0.0" || entry.empty() || entry == " ") continue;
+      if (!LooksLikeIPv4(entry)) continue;
+      if (first.empty()) first = entry;
+      if (MatchesIPMask(entry, mask)) chosen = entry;  // the last match wins
+    }
+  }
+  agent.local_ip = chosen;
+  if (agent.local_ip.empty() || agent.local_ip == "(Unknown)") agent.local_ip = first;
+  if (agent.local_ip.empty()) agent.local_ip = "(Unknown)";
+  LogMessage(agent, "Set Local IP to: " + agent.local_ip, "Trace");
+}
+
+void LoadComputerNames(Agent& agent) {
+  for (int i = 0; i < 8; ++i) agent.computer_names[i] = agent.host().ComputerNameEx(i);
+}
+
+void DetectOSVersion(Agent& agent) {
+  platform::OsVersion v = agent.host().Version();
+  int code = 99;
+  if (v.known) {
+    if (v.major == 5 && v.minor <= 2) code = 50 + static_cast<int>(v.minor);
+    else if (v.major == 6 && v.minor <= 3) code = 60 + static_cast<int>(v.minor);
+    else if (v.major == 10) code = 10;
+  }
+  agent.os_code = code;
+}
+
+}  // namespace tdacli

@@ -1,0 +1,26 @@
+#pragma once
+// Factory for the real facilities of the running OS.
+#include <memory>
+
+#include "platform/clock.h"
+#include "platform/host_identity.h"
+#include "platform/service_host.h"
+
+namespace tdacli::platform {
+
+struct SystemFacilities {
+  std::unique_ptr<Clock> clock;
+  std::unique_ptr<HostIdentity> host;
+  std::unique_ptr<EventLog> event_log;
+  std::unique_ptr<ServiceControlClient> service_control;
+  std::unique_ptr<Dialogs> dialogs;
+};
+
+SystemFacilities MakeSystemFacilities(const std::string& app_folder);
+
+// Runs `program(host)` as the service process: on Windows under the service control dispatcher when
+// the service manager started us, otherwise directly. Returns the process exit code.
+int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_folder,
+                      const std::function<int(ServiceHost& host)>& program);
+
+}  // namespace tdacli::platform

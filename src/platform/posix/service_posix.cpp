@@ -1,0 +1,157 @@
+// There is no service manager here: a hand-started agent runs as the service in the foreground.
+// SIGTERM and SIGINT are the Stop request; user-defined control codes arrive as decimal text on a
+// datagram socket in the application folder named after the service.
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "platform/platform.h"
+
+namespace tdacli::platform {
+
+std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
+
+std::string ControlEndpointPath(const std::string& app_folder, const std::string& service) {
+  std::string p = app_folder;
+  if (!p.empty() && p.back() != '/') p += '/';
+  return p + service + ".svc";
+}
+
+namespace {
+
+class PosixServiceHost : public ServiceHost {
+ public:
+  PosixServiceHost(ServiceIdentity id, std::string app_folder)
+      : id_(std::move(id)), app_folder_(std::move(app_folder)) {}
+  bool StartedByServiceManager() const override { return true; }
+  bool IsInstalled() override { return true; }
+  bool Install(const std::string&, const std::string&) override { return false; }
+  bool Uninstall() override { return false; }
+
+  void Attach(ServiceEvents events) override {
+    events_ = std::move(events);
+    std::thread([this] {
+      sigset_t set;
+      sigemptyset(&set);
+      sigaddset(&set, SIGTERM);
+      sigaddset(&set, SIGINT);
+      int sig = 0;
+      while (sigwait(&set, &sig) == 0) {
+        if (events_.on_stop) events_.on_stop();
+      }
+    }).detach();
+    std::string path = ControlEndpointPath(app_folder_, id_.name);
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    if (fd >= 0 && path.size() < sizeof a.sun_path) {
+      std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+      unlink(path.c_str());
+      if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
+        endpoint_ = path;
+        std::thread([this, fd] {
+          char buf[64];
+          for (;;) {
+            ssize_t n = recv(fd, buf, sizeof buf - 1, 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) break;
+            buf[n] = '\0';
+            char* end = nullptr;
+            long code = std::strtol(buf, &end, 10);
+            if (end != buf && events_.on_control) events_.on_control(static_cast<int>(code));
+          }
+        }).detach();
+      }
+    }
+    if (events_.on_start) events_.on_start();
+  }
+  void ReportRunning() override {}
+  void ReportStopped() override {
+    if (!endpoint_.empty()) unlink(endpoint_.c_str());
+  }
+
+ private:
+  ServiceIdentity id_;
+  std::string app_folder_;
+  ServiceEvents events_;
+  std::string endpoint_;
+};
+
+class SyslogEventLog : public EventLog {
+ public:
+  SyslogEventLog() { openlog("TDACLI", LOG_PID, LOG_DAEMON); }
+  void Write(int type, const std::string& message) override {
+    int prio = type == 1 ? LOG_ERR : type == 2 ? LOG_WARNING : LOG_INFO;
+    syslog(prio, "%s", message.c_str());
+  }
+};
+
+class DatagramServiceControl : public ServiceControlClient {
+ public:
+  explicit DatagramServiceControl(std::string app_folder) : app_folder_(std::move(app_folder)) {}
+  unsigned long SendControl(const std::string& service, int code) override {
+    std::string path = ControlEndpointPath(app_folder_, service);
+    if (access(path.c_str(), F_OK) != 0) return 1060;  // ERROR_SERVICE_DOES_NOT_EXIST
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return 1061;
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    std::string text = std::to_string(code);
+    ssize_t n = sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    int e = errno;
+    close(fd);
+    if (n >= 0) return 0;
+    if (e == ECONNREFUSED || e == ENOENT) return 1062;  // ERROR_SERVICE_NOT_ACTIVE
+    return 1061;                                        // ERROR_SERVICE_CANNOT_ACCEPT_CTRL
+  }
+
+ private:
+  std::string app_folder_;
+};
+
+class ConsoleDialogs : public Dialogs {
+ public:
+  void Information(const std::string& text, const std::string& title) override {
+    std::fprintf(stderr, "%s: %s\n", title.c_str(), text.c_str());
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string& app_folder) {
+  return std::make_unique<DatagramServiceControl>(app_folder);
+}
+
+SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
+  SystemFacilities f;
+  f.clock = MakeSystemClock();
+  f.host = MakeSystemHostIdentity();
+  f.event_log = std::make_unique<SyslogEventLog>();
+  f.service_control = MakeServiceControlClient(app_folder);
+  f.dialogs = std::make_unique<ConsoleDialogs>();
+  return f;
+}
+
+int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_folder,
+                      const std::function<int(ServiceHost& host)>& program) {
+  // Signals are taken by the host's own thread, never by the loop's.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  PosixServiceHost host(identity, app_folder);
+  return program(host);
+}
+
+}  // namespace tdacli::platform

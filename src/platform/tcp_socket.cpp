@@ -1,0 +1,273 @@
+#include "platform/tcp_socket.h"
+
+#include <atomic>
+#include <memory>
+
+#include "platform/socket_api.h"
+
+namespace tdacli::platform {
+
+namespace {
+std::atomic<int64_t> g_open_sockets{0};
+
+// Errors of the control itself (not of the network), as the classic control numbers them.
+constexpr int kWrongState = 40006;
+constexpr int kInvalidOperation = 40020;
+
+SocketError Err(int number) {
+  if (number == kWrongState)
+    return {number, "Wrong protocol or connection state for the requested transaction or request"};
+  if (number == kInvalidOperation) return {number, "Invalid operation at current state"};
+  return {number, sockapi::Describe(number)};
+}
+
+SocketHandle Track(SocketHandle h) {
+  if (h != kInvalidSocket) ++g_open_sockets;
+  return h;
+}
+void Release(SocketHandle& h) {
+  if (h == kInvalidSocket) return;
+  sockapi::CloseSocket(h);
+  --g_open_sockets;
+  h = kInvalidSocket;
+}
+}  // namespace
+
+int64_t TcpSocket::OpenSocketCount() { return g_open_sockets.load(); }
+
+TcpSocket::TcpSocket(EventLoop& loop) : loop_(loop) { sockapi::Startup(); }
+
+TcpSocket::~TcpSocket() {
+  Unregister();
+  Release(pending_accept_);
+  Release(handle_);
+}
+
+void TcpSocket::Register() {
+  if (!registered_) {
+    loop_.AddSink(this);
+    registered_ = true;
+  }
+}
+
+void TcpSocket::Unregister() {
+  if (registered_) {
+    loop_.RemoveSink(this);
+    registered_ = false;
+  }
+}
+
+uint16_t TcpSocket::LocalPort() const {
+  if (handle_ != kInvalidSocket && (state_ == kListening || state_ == kConnected)) {
+    uint16_t p = sockapi::LocalPort(handle_);
+    if (p != 0) return p;
+  }
+  return local_port_;
+}
+
+bool TcpSocket::WantRead() const {
+  if (state_ == kListening) return pending_accept_ == kInvalidSocket;
+  if (state_ == kConnected) return !data_notified_;
+  return false;
+}
+
+bool TcpSocket::WantWrite() const {
+  return state_ == kConnecting || (state_ == kConnected && !send_queue_.empty());
+}
+
+SocketError TcpSocket::Listen() {
+  if (state_ != kClosed) return Err(kInvalidOperation);
+  int error = 0;
+  SocketHandle h = Track(sockapi::CreateTcp(&error));
+  if (h == kInvalidSocket) return Err(error);
+  if ((error = sockapi::Bind(h, local_port_)) != 0 || (error = sockapi::ListenOn(h)) != 0) {
+    Release(h);
+    return Err(error);
+  }
+  handle_ = h;
+  state_ = kListening;
+  Register();
+  return {};
+}
+
+SocketError TcpSocket::Connect() {
+  if (state_ != kClosed) return Err(kInvalidOperation);
+  std::string ip = sockapi::ResolveIPv4(remote_host_);
+  if (ip.empty()) {
+    state_ = kResolvingHost;
+    loop_.Post([this, alive = std::weak_ptr<bool>(alive_)] {
+      if (!alive.expired() && state_ == kResolvingHost) Fail(sockapi::kHostNotFound);
+    });
+    return {};
+  }
+  int error = 0;
+  SocketHandle h = Track(sockapi::CreateTcp(&error));
+  if (h == kInvalidSocket) return Err(error);
+  handle_ = h;
+  remote_ip_ = ip;
+  int rc = sockapi::ConnectStart(h, ip, remote_port_);
+  if (rc == 0 || rc == sockapi::kInProgress || rc == sockapi::kWouldBlock) {
+    state_ = kConnecting;  // completion (even an immediate one) is reported by the poller
+    Register();
+    return {};
+  }
+  state_ = kConnecting;
+  Register();
+  loop_.Post([this, rc, h, alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired() && state_ == kConnecting && handle_ == h) Fail(rc);
+  });
+  return {};
+}
+
+SocketError TcpSocket::Accept(TcpSocket& from, int64_t request_id) {
+  if (state_ != kClosed) return Err(kInvalidOperation);
+  if (from.pending_accept_ == kInvalidSocket || from.pending_request_id_ != request_id)
+    return Err(kInvalidOperation);
+  handle_ = from.pending_accept_;
+  remote_ip_ = from.pending_accept_ip_;
+  from.pending_accept_ = kInvalidSocket;
+  from.pending_request_id_ = 0;
+  state_ = kConnected;
+  data_notified_ = false;
+  Register();
+  return {};
+}
+
+SocketError TcpSocket::SendData(std::string_view data) {
+  if (state_ != kConnected) return Err(kWrongState);
+  if (!send_queue_.empty()) {
+    send_queue_.append(data);
+    return {};
+  }
+  size_t sent = 0;
+  while (sent < data.size()) {
+    int error = 0;
+    long n = sockapi::Send(handle_, data.substr(sent), &error);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (error == sockapi::kWouldBlock) break;
+    return Err(error);
+  }
+  if (sent < data.size()) send_queue_.assign(data.substr(sent));
+  return {};
+}
+
+void TcpSocket::FlushSend() {
+  while (!send_queue_.empty()) {
+    int error = 0;
+    long n = sockapi::Send(handle_, send_queue_, &error);
+    if (n > 0) {
+      send_queue_.erase(0, static_cast<size_t>(n));
+      continue;
+    }
+    if (error != sockapi::kWouldBlock) {
+      send_queue_.clear();
+      Fail(error);
+    }
+    return;
+  }
+}
+
+std::string TcpSocket::GetData() {
+  std::string out;
+  if (state_ == kConnected || state_ == kClosing) {
+    char buf[65536];
+    for (;;) {
+      int error = 0;
+      long n = sockapi::Recv(handle_, buf, sizeof buf, false, &error);
+      if (n <= 0) break;
+      out.append(buf, static_cast<size_t>(n));
+    }
+  }
+  data_notified_ = false;
+  peeked_ = 0;
+  return out;
+}
+
+void TcpSocket::ReleaseHandle() {
+  Unregister();
+  Release(pending_accept_);
+  Release(handle_);
+}
+
+void TcpSocket::Close() {
+  ReleaseHandle();
+  state_ = kClosed;
+  data_notified_ = false;
+  peeked_ = 0;
+  send_queue_.clear();
+  pending_request_id_ = 0;
+}
+
+void TcpSocket::Fail(int number) {
+  state_ = kError;
+  Unregister();
+  SocketError e = Err(number);
+  if (on_error) on_error(e.number, e.description);
+}
+
+void TcpSocket::OnReady(bool read, bool write, bool error) {
+  switch (state_) {
+    case kConnecting: {
+      if (!write && !error) return;
+      int err = sockapi::PendingError(handle_);
+      if (err == 0 && write) {
+        state_ = kConnected;
+        std::string peer = sockapi::PeerAddress(handle_);
+        if (!peer.empty()) remote_ip_ = peer;
+        if (on_connect) on_connect();
+      } else {
+        Fail(err != 0 ? err : sockapi::kConnRefused);
+      }
+      return;
+    }
+    case kListening: {
+      if (!read || pending_accept_ != kInvalidSocket) return;
+      int err = 0;
+      SocketHandle h = Track(sockapi::Accept(handle_, &err));
+      if (h == kInvalidSocket) return;
+      pending_accept_ = h;
+      pending_accept_ip_ = sockapi::PeerAddress(h);
+      pending_request_id_ = next_request_id_++;
+      const int64_t id = pending_request_id_;
+      if (on_connection_request) on_connection_request(id);
+      // A request the handler did not take is refused, so the next one can be announced.
+      if (pending_accept_ != kInvalidSocket && pending_request_id_ == id) {
+        Release(pending_accept_);
+        pending_request_id_ = 0;
+      }
+      return;
+    }
+    case kConnected: {
+      if (write && !send_queue_.empty()) FlushSend();
+      if (state_ != kConnected || (!read && !error) || data_notified_) return;
+      char buf[65536];
+      int err = 0;
+      long n = sockapi::Recv(handle_, buf, sizeof buf, true, &err);
+      if (n > 0) {
+        data_notified_ = true;
+        peeked_ = static_cast<size_t>(n);
+        if (on_data_arrival) on_data_arrival(peeked_);
+      } else if (n == 0) {
+        state_ = kClosing;
+        Unregister();
+        if (on_close) on_close();
+      } else if (err != sockapi::kWouldBlock) {
+        if (err == sockapi::kConnReset) {
+          state_ = kClosing;
+          Unregister();
+          if (on_close) on_close();
+        } else {
+          Fail(err);
+        }
+      }
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+}  // namespace tdacli::platform

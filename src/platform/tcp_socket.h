@@ -1,0 +1,101 @@
+#pragma once
+// A TCP socket control with the behaviour of the classic Winsock control the agent was designed around:
+// DataArrival is raised once and not again until the data has been read with GetData(); Connect, Close
+// and Error once each; ConnectionRequest again only after the pending connection was accepted (or
+// refused because the handler did not accept it). GetData() returns everything pending as one string.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/event_loop.h"
+
+namespace tdacli::platform {
+
+// Error raised by an operation: Winsock number (0 = none) and its description.
+struct SocketError {
+  int number = 0;
+  std::string description;
+  explicit operator bool() const { return number != 0; }
+};
+
+class TcpSocket : public SocketSink {
+ public:
+  enum State {
+    kClosed = 0,
+    kOpen = 1,
+    kListening = 2,
+    kConnectionPending = 3,
+    kResolvingHost = 4,
+    kHostResolved = 5,
+    kConnecting = 6,
+    kConnected = 7,
+    kClosing = 8,
+    kError = 9
+  };
+
+  explicit TcpSocket(EventLoop& loop);
+  ~TcpSocket() override;
+  TcpSocket(const TcpSocket&) = delete;
+  TcpSocket& operator=(const TcpSocket&) = delete;
+
+  void SetLocalPort(uint16_t port) { local_port_ = port; }
+  uint16_t LocalPort() const;
+  void SetRemoteHost(std::string host) { remote_host_ = std::move(host); }
+  const std::string& RemoteHost() const { return remote_host_; }
+  void SetRemotePort(uint16_t port) { remote_port_ = port; }
+  uint16_t RemotePort() const { return remote_port_; }
+  int State() const { return state_; }
+  std::string RemoteHostIP() const { return remote_ip_; }
+
+  SocketError Listen();
+  // Starts connecting to the remote host and port; the outcome arrives as Connect or Error.
+  SocketError Connect();
+  // Takes over the connection announced by ConnectionRequest on the listening socket `from`.
+  SocketError Accept(TcpSocket& from, int64_t request_id);
+  SocketError SendData(std::string_view data);
+  std::string GetData();
+  size_t BytesReceived() const { return peeked_; }
+  void Close();
+
+  std::function<void()> on_connect;
+  std::function<void(int64_t request_id)> on_connection_request;
+  std::function<void(size_t bytes)> on_data_arrival;
+  std::function<void()> on_close;
+  std::function<void(int number, const std::string& description)> on_error;
+
+  // SocketSink
+  SocketHandle Handle() const override { return handle_; }
+  bool WantRead() const override;
+  bool WantWrite() const override;
+  void OnReady(bool read, bool write, bool error) override;
+
+  static int64_t OpenSocketCount();  // process-wide count of OS sockets held by controls
+
+ private:
+  void Register();
+  void Unregister();
+  void ReleaseHandle();
+  void Fail(int number);
+  void FlushSend();
+
+  EventLoop& loop_;
+  SocketHandle handle_ = kInvalidSocket;
+  int state_ = kClosed;
+  uint16_t local_port_ = 0;
+  uint16_t remote_port_ = 0;
+  std::string remote_host_;
+  std::string remote_ip_;
+  bool registered_ = false;
+  bool data_notified_ = false;   // DataArrival raised, waiting for GetData()
+  size_t peeked_ = 0;
+  SocketHandle pending_accept_ = kInvalidSocket;  // listening: connection waiting for Accept()
+  std::string pending_accept_ip_;
+  int64_t next_request_id_ = 1;
+  int64_t pending_request_id_ = 0;
+  std::string send_queue_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // guards work posted to the loop
+};
+
+}  // namespace tdacli::platform

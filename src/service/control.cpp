@@ -1,0 +1,46 @@
+#include "service/control.h"
+
+#include <string>
+
+#include "common/errors.h"
+#include "common/logging.h"
+#include "service/agent.h"
+
+namespace tdacli {
+
+void Service_Pause(Agent& agent) {
+  LogMessage(agent,
+             "The service received, and discarded, a 'Pause' request. This service does not accept "
+             "pause/continue requests.",
+             "Warning");
+}
+
+void Service_Continue(Agent& agent) {
+  LogMessage(agent,
+             "The service received, and discarded, a 'Continue' request. This service does not accept "
+             "pause/continue requests.",
+             "Warning");
+}
+
+void Service_Control(Agent& agent, int code) {
+  try {
+    switch (code) {
+      case 131: agent.MediaTransferReply = 1; break;
+      case 132: agent.MediaTransferReply = 2; break;
+      case 141: agent.TraceFileReply = "1"; break;
+      case 142: agent.TraceFileReply = "2"; break;
+      default:
+        LogMessage(agent,
+                   "The message (" + std::to_string(code) +
+                       ") was recevied and discarded. The service does not recognize that request",
+                   "Warning");
+    }
+  } catch (const std::exception& e) {
+    TrappedError err = Describe(e);
+    LogMessage(agent,
+               "Detected Error In Service_Control() Routine:" + std::to_string(err.number) + ", " + err.description,
+               "Error");
+  }
+}
+
+}  // namespace tdacli

@@ -1,0 +1,236 @@
+#include "service/lifecycle.h"
+
+#include "common/errors.h"
+#include "common/files.h"
+#include "common/host_identity.h"
+#include "common/logging.h"
+#include "common/paths.h"
+#include "common/text.h"
+#include "config/configuration.h"
+#include "listener/listener.h"
+#include "service/agent.h"
+#include "service/control.h"
+
+namespace tdacli {
+
+namespace {
+
+constexpr const char* kTitle = "Tyndrel - By Marlock!";
+
+template <typename Fn>
+void Trap(Agent& agent, const char* routine, Fn&& fn) {
+  try {
+    fn();
+  } catch (const std::exception& e) {
+    TrappedError err = Describe(e);
+    LogMessage(agent,
+               std::string("Detected Error In ") + routine + "() Routine:" + std::to_string(err.number) + ", " +
+                   err.description,
+               "Error");
+  }
+}
+
+void ResetProcessValues(Agent& agent) {
+  agent.date_format = "YYYY-MM-DD";
+  agent.language_label = "English";
+}
+
+void RecomputeAppFolder(Agent& agent) {
+  agent.app_folder = agent.options().exe_folder;
+  if (agent.app_folder.empty() || agent.app_folder.back() != kSep) agent.app_folder += kSep;
+}
+
+}  // namespace
+
+std::optional<CommandLineAccount> ParseAccount(const std::string& command_line) {
+  CommandLineAccount out;
+  if (command_line.empty()) return out;
+  const std::string lower = Lower(command_line);
+  const size_t a = lower.find("/account="), p = lower.find("/password=");
+  if (a != std::string::npos && p != std::string::npos) {
+    // 1-based positions as the routine counts them: the account ends before the character that
+    // precedes "/password=".
+    const long len = static_cast<long>(p + 1) - static_cast<long>(a + 1) - 10;
+    if (len < 0) return std::nullopt;
+    out.account = TrimBlanks(command_line.substr(a + 9, static_cast<size_t>(len)));
+    out.password = TrimBlanks(command_line.substr(p + 10));
+    if (Lower(out.account) != "ftp") out.account_given = out.password_given = true;
+  } else if (a != std::string::npos) {
+    out.account = command_line.substr(a + 9);
+    if (Lower(out.account) != "ftp") out.account_given = true;
+  }
+  if (!out.account_given) out.account.clear();
+  if (!out.password_given) out.password.clear();
+  return out;
+}
+
+void HideMainWindow(Agent&) {
+  // There is no window to move off screen: the agent has no visible form at all.
+}
+
+void Form_Load(Agent& agent) {
+  if (!agent.LoadTimer.on_tick) agent.LoadTimer.on_tick = [&agent] { LoadTimer_Timer(agent); };
+  try {
+    ResetProcessValues(agent);
+    RecomputeAppFolder(agent);
+    LoadComputerNames(agent);
+    DetermineLocalIP(agent);
+    DetectOSVersion(agent);
+    HideMainWindow(agent);
+    agent.command_line = agent.options().command_line;
+    if (agent.UserSessionMode()) {
+      Service_Start(agent);
+      return;
+    }
+    LogMessage(agent, "Form_Load Invoked", "Trace");
+    if (agent.service_host().StartedByServiceManager()) return;
+
+    // Installer mode.
+    const std::string& cmd = agent.command_line;
+    const bool silent = Contains(cmd, "/s");
+    if (Contains(cmd, "/u")) {
+      agent.service_host().Uninstall();
+      if (!silent)
+        agent.dialogs().Information("The Tyndrel Agent Client Login Service has been uninstalled!", kTitle);
+      agent.EndProcess();
+      return;
+    }
+    if (!agent.service_host().IsInstalled()) {
+      auto account = ParseAccount(cmd);
+      if (!account) throw std::invalid_argument("Invalid procedure call or argument");
+      // The parsed account is deliberately dropped: the service always runs as the local system
+      // account.
+      agent.service_host().Install("", "");
+      if (!silent)
+        agent.dialogs().Information(
+            "The Tyndrel Agent Client Login Service has been installed. You may now run it from the "
+            "WindowsNT Service Manager!",
+            kTitle);
+    } else if (!silent) {
+      agent.dialogs().Information(
+          "The Tyndrel Agent Client Login Service has already been installed. You can only run it from the "
+          "WindowsNT Service Manager!",
+          kTitle);
+    }
+    agent.EndProcess();
+  } catch (const std::exception& e) {
+    TrappedError err = Describe(e);
+    LogMessage(agent, "Detected Error In Form_Load() Routine:" + std::to_string(err.number) + ", " + err.description,
+               "Error");
+    agent.EndProcess();
+  }
+}
+
+void Form_QueryUnload(Agent& agent, bool& cancel) {
+  Trap(agent, "Form_QueryUnload", [&] {
+    if (agent.UserSessionMode()) {
+      Service_Stop(agent);
+      return;
+    }
+    LogMessage(agent, "Form_QueryUnload Invoked", "Trace");
+    cancel = true;
+  });
+}
+
+void Service_Start(Agent& agent) {
+  Trap(agent, "Service_Start", [&] {
+    ResetProcessValues(agent);
+    agent.LoadTimer.SetInterval(1000);
+    agent.LoadTimer.SetEnabled(true);
+  });
+}
+
+std::string BuildStartupBanner(Agent& agent) {
+  const Settings& s = agent.settings;
+  std::string b = "TD Agent Client Login Service Started\r\n\r\n";
+  b += "Version: 3.0 (Build: " + std::to_string(100 + agent.options().file_revision) + ")\r\n";
+  if (Contains(s.Server, ":"))
+    b += "TD Server: " + s.Server + "\r\n";
+  else
+    b += "TD Server: " + s.Server + "(Port: " + std::to_string(agent.Broadcast.RemotePort()) + ")\r\n";
+  b += "Extension: " + s.Ext + "\r\n";
+  b += "Notification Method: " + s.NotificationMethod + "\r\n";
+  b += "Use File Trace: " + s.UseTrace + "\r\n";
+  b += "Listening Port: " + std::to_string(agent.listener().Listener().LocalPort()) + "\r\n";
+  b += agent.UserSessionMode() ? "Running As: UserSession (Terminal Server)\r\n" : "Running As: WinService\r\n";
+  return b;
+}
+
+void LoadTimer_Timer(Agent& agent) {
+  Trap(agent, "LoadTimer_Timer", [&] {
+    agent.LoadTimer.SetInterval(0);
+    agent.LoadTimer.SetEnabled(false);
+    ResetProcessValues(agent);
+    HideMainWindow(agent);
+    agent.command_line = agent.options().command_line;
+    RecomputeAppFolder(agent);
+    LoadComputerNames(agent);
+    DetectOSVersion(agent);
+    DetermineLocalIP(agent);
+    LoadConfiguration(agent);
+    agent.tmrMessage.SetInterval(1000);
+    agent.tmrMessage.SetEnabled(true);
+
+    auto& listen = agent.listener();
+    int retries = 0;
+    for (;;) {
+      const int16_t port = listener::GetListeningPort(agent);
+      if (agent.UserSessionMode()) {
+        listen.Listener().SetLocalPort(static_cast<uint16_t>(port));
+        LogMessage(agent, "THINTERMINAL - Deferring opening of socket until after login!", "Trace!");
+        break;
+      }
+      platform::SocketError err = listen.Listen(static_cast<uint16_t>(port));
+      if (!err || retries == 30) break;
+      ++retries;
+      LogMessage(agent, "Error opening listening socket, attempting again (" + std::to_string(retries) + ")",
+                 "Warning!");
+      agent.WaitSeconds(2);
+      if (agent.Ended()) return;
+    }
+
+    LogMessage(agent, BuildStartupBanner(agent), "Information");
+    if (Lower(agent.settings.NotificationMethod) == "filemessage") {
+      agent.tmrPollForLogin.SetInterval(3000);
+      agent.tmrPollForLogin.SetEnabled(true);
+    }
+  });
+}
+
+void Service_Stop(Agent& agent) {
+  Trap(agent, "Service_Stop", [&] {
+    LogMessage(agent, "TD Agent Client Login Service Stopped", "Information");
+    WriteProgramTrace(agent, "**********", "Information");
+    WriteProgramTrace(agent, "*  STOP  *", "Information");
+    WriteProgramTrace(agent, "**********", "Information");
+    agent.EndProcess();
+  });
+}
+
+void Service_ShutDown(Agent& agent) {
+  Trap(agent, "Service_ShutDown", [&] {
+    LogMessage(agent, "Windows Shutdown", "Trace");
+    Service_Stop(agent);
+  });
+}
+
+void AttachServiceHost(Agent& agent, bool raise_start) {
+  platform::ServiceEvents ev;
+  auto& loop = agent.loop();
+  Agent* a = &agent;
+  ev.on_start = [&loop, a, raise_start] {
+    loop.Post([a, raise_start] {
+      if (!raise_start) return;  // user-session mode has started itself
+      Service_Start(*a);
+      a->service_host().ReportRunning();
+    });
+  };
+  ev.on_stop = [&loop, a] { loop.Post([a] { Service_Stop(*a); }); };
+  ev.on_shutdown = [&loop, a] { loop.Post([a] { Service_ShutDown(*a); }); };
+  ev.on_pause = [&loop, a] { loop.Post([a] { Service_Pause(*a); }); };
+  ev.on_continue = [&loop, a] { loop.Post([a] { Service_Continue(*a); }); };
+  ev.on_control = [&loop, a](int code) { loop.Post([a, code] { Service_Control(*a, code); }); };
+  agent.service_host().Attach(std::move(ev));
+}
+
+}  // namespace tdacli
