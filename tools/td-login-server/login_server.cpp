@@ -59,11 +59,22 @@ std::string EscapeBytes(std::string_view bytes) {
 }
 
 std::string FormatEntry(const TranscriptEntry& e) {
-  std::string line = "[" + std::to_string(e.connection) + "] ";
+  std::string line(1, '[');
+  line += std::to_string(e.connection);
+  line += "] ";
   switch (e.kind) {
-    case TranscriptEntry::Kind::kReceived: return line + "C> " + EscapeBytes(e.bytes);
-    case TranscriptEntry::Kind::kSent: return line + "S> " + EscapeBytes(e.bytes);
-    case TranscriptEntry::Kind::kEvent: return line + "-- " + e.bytes;
+    case TranscriptEntry::Kind::kReceived:
+      line += "C> ";
+      line += EscapeBytes(e.bytes);
+      break;
+    case TranscriptEntry::Kind::kSent:
+      line += "S> ";
+      line += EscapeBytes(e.bytes);
+      break;
+    case TranscriptEntry::Kind::kEvent:
+      line += "-- ";
+      line += e.bytes;
+      break;
   }
   return line;
 }
