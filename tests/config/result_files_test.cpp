@@ -24,7 +24,8 @@ bool Logged(TestAgent& t, const std::string& line) {
   return std::find(msgs.begin(), msgs.end(), line) != msgs.end();
 }
 
-// The trace messages written after the first mark, without the "Trace in TDACLI: " part.
+// The "Trace" messages of the program trace without the start-up and address lines, each without
+// its "Trace in TDACLI: " head.
 std::vector<std::string> TraceAfterIp(TestAgent& t) {
   std::vector<std::string> out;
   for (const auto& m : t.Messages()) {
