@@ -20,7 +20,7 @@ struct SystemFacilities {
 
 SystemFacilities MakeSystemFacilities(const std::string& app_folder);
 
-// The single facilities, for tools and platform tests.
+// The running host's own identity (names, adapter addresses, version, Windows folder).
 std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
 // Sends user-defined control codes to the suite's services installed beside the agent in app_folder.
 std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string& app_folder);
