@@ -59,6 +59,14 @@ int Bind(SocketHandle h, uint16_t port) {
   return bind(S(h), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? 0 : Last();
 }
 
+int BindTo(SocketHandle h, const std::string& ipv4, uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  if (inet_pton(AF_INET, ipv4.c_str(), &a.sin_addr) != 1) return kInvalidArg;
+  return bind(S(h), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? 0 : Last();
+}
+
 int ListenOn(SocketHandle h) { return listen(S(h), SOMAXCONN) == 0 ? 0 : Last(); }
 
 SocketHandle Accept(SocketHandle listener, int* error) {
