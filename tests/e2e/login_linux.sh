@@ -1,0 +1,240 @@
+#!/bin/bash
+# A user's logon end to end with the real programs on Linux:
+#   td-login-server on a loopback address of its own, stand-ins for TDACMT (answers 130 with 131) and
+#   TDACSC, tdacli running in a fresh application folder -> control code 128 to TDACLI logs the user
+#   in: the chain's trace lines, the login result and capture files, 130 and 131 at TDACMT, the login
+#   and the status report at the server -> control code 133 logs the user off: the logoff at the server,
+#   130 at TDACSC -> every program is stopped (also when a check fails).
+#
+#   login_linux.sh --tdacli F --standin F --login-server F --control "PROGRAM [ARGUMENTS]"
+#
+# --control is the program that sends a control code: it is run as
+# `PROGRAM [ARGUMENTS] control SERVICE CODE --app-dir DIR` and prints the Windows error number.
+set -u
+
+TDACLI= STANDIN= LOGIN_SERVER= CONTROL=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --tdacli) TDACLI=$2; shift 2 ;;
+    --standin) STANDIN=$2; shift 2 ;;
+    --login-server) LOGIN_SERVER=$2; shift 2 ;;
+    --control) CONTROL=$2; shift 2 ;;
+    *) echo "unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$CONTROL" ] ||
+  { echo "missing arguments" >&2; exit 2; }
+
+STARTED=$(date +%s%N)
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-e2e.XXXXXX") || exit 1
+APP=$WORK/app
+USER_NAME=jsmith
+# The sanitizer's leak check would hold up the exits that follow a stop.
+export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0"
+
+PIDS=()
+stop_all() {
+  local p
+  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
+  for p in "${PIDS[@]}"; do
+    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
+    kill -KILL "$p" 2>/dev/null
+    wait "$p" 2>/dev/null
+  done
+  PIDS=()
+}
+cleanup() {
+  stop_all
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+step() { echo "== $*"; }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+# The trace's messages, one per line, without the time stamps.
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+fail() {
+  echo "FAIL: $*"
+  local f
+  for f in "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r'; }
+  done
+  exit 1
+}
+# Polls (10 times a second, at most $1 seconds) until the command succeeds.
+wait_for() {
+  local limit=$1 deadline
+  shift
+  deadline=$(($(date +%s%N) + limit * 1000000000))
+  until "$@"; do
+    [ "$(date +%s%N)" -lt "$deadline" ] || return 1
+    sleep 0.1
+  done
+}
+has_message() { messages | grep -qxF -- "$1"; }
+has_line() { [ -f "$1" ] && tr -d '\r' <"$1" | grep -qE -- "$2"; }
+alive() { kill -0 "$1" 2>/dev/null; }
+# The messages appear in this order in the trace (other lines may come in between).
+in_order() {
+  local all want at start=1
+  all=$(messages)
+  for want; do
+    at=$(tail -n +"$start" <<<"$all" | grep -nxF -- "$want" | head -n 1 | cut -d: -f1)
+    [ -n "$at" ] || fail "after trace message $((start - 1)), the trace lacks: $want"
+    start=$((start + at))
+  done
+}
+# The file holds exactly these bytes (printf format).
+same_bytes() {
+  local file=$1 expected
+  shift
+  [ -f "$file" ] || fail "missing file $(basename "$file")"
+  # shellcheck disable=SC2059
+  expected=$(printf "$@" | od -An -c)
+  [ "$(od -An -c <"$file")" = "$expected" ] || fail "$(basename "$file") holds:
+$(od -An -c <"$file")
+expected:
+$expected"
+}
+control() { (cd "$WORK" && $CONTROL control "$1" "$2" --app-dir "$APP"); }
+
+mkdir -p "$APP"
+cp "$TDACLI" "$APP/tdacli"
+
+step "login server simulator on a loopback address of its own"
+cat >"$WORK/users.txt" <<'EOF'
+# The one agent of this workstation.
+[jsmith]
+ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
+LocalTemp=c:\%appdir%\Capture
+LiveID=48213:10.1.2.3:5020:T
+KekInfo=KEK-0001
+ValidIPMask=127.0.0.
+Trace=False
+WebCam=true
+100Screen=SCR:010|ATLOGO:2|010|001
+EOF
+# The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
+SERVER=
+for x in $(shuf -i 2-254 -n 20); do
+  rm -f "$WORK/transcript.txt"
+  "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
+    --exit-after 300 2>"$WORK/login-server.err" &
+  pid=$!
+  if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
+     alive $pid; then
+    PIDS+=("$pid")
+    SERVER=127.0.0.$x
+    break
+  fi
+  wait $pid 2>/dev/null
+done
+[ -n "$SERVER" ] || fail "no loopback address free for the simulator"
+echo "simulator on $SERVER:5003"
+
+step "settings: the simulator, the user, a free listening port below 32768"
+port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+PORT=
+for p in $(shuf -i 20000-32700 -n 50); do
+  if port_free "$p"; then PORT=$p; break; fi
+done
+[ -n "$PORT" ] || fail "no free port"
+printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
+  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
+  >"$APP/TDRegInfo.TXT"
+
+step "stand-ins for TDACMT (130 -> 131) and TDACSC"
+"$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
+PIDS+=("$!")
+"$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &
+PIDS+=("$!")
+wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" || fail "the stand-ins did not open their endpoints"
+
+step "tdacli in its application folder"
+(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+AGENT=$!
+PIDS+=("$AGENT")
+wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
+wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint TDACLI.svc"
+has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
+has_message "TD Server: $SERVER(Port: 5003)" || fail "the banner names another server"
+
+step "code 128: the user logs in"
+out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
+[ "$out" = 0 ] || fail "code 128: $out"
+# 131 is the last message of the chain.
+wait_for 60 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Sending message 130 to TDACMT Service" \
+  "Trace in TDACLI: User has proper access to both temp folders"
+! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+! messages | grep -qF 'WIPE OUT' || fail "the login wiped capture activity out"
+same_bytes "$APP/TDACFTP.INI" '%s\r\n' "[Tyndrel - Agent Client - FTP Credentials]" "" "[Config]" \
+  'ServerTemp=\\fs01\tdtemp\' "FTPServer=ftp.example.com" "UserName=tduser" "EncryptedPassword=9F8E7D6C" \
+  "Port=21" "Ssl=False" "AuthTLS=False" "Passive=False" "PassiveUseHostAddr=False" "Protocol=FTP"
+same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=127.0.0."
+same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
+same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-0001"
+same_bytes "$APP/UseWebCam.TXT" '%s\r\n' "WEBCAM=True"
+# The local temp folder named by the server was made, and the settings file keeps both folders.
+[ -d "$APP/capture" ] || fail "local temp folder $APP/capture not made"
+has_line "$APP/TDRegInfo.TXT" "^LocalTemp=$APP/capture\$" || fail "TDRegInfo.TXT: $(tr -d '\r' <"$APP/TDRegInfo.TXT")"
+has_line "$APP/TDRegInfo.TXT" '^SvrTemp=\\\\fs01\\tdtemp\\$' || fail "TDRegInfo.TXT: $(tr -d '\r' <"$APP/TDRegInfo.TXT")"
+# The server heard the login and then the status report.
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
+has_line "$WORK/transcript.txt" '^\[[0-9]+\] S> TDLIVEID=48213:10.1.2.3:5020:T$' || fail "no live id sent"
+has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+login_line=$(tr -d '\r' <"$WORK/transcript.txt" | grep -nE "C> ID$USER_NAME\$" | head -n 1 | cut -d: -f1)
+status_line=$(tr -d '\r' <"$WORK/transcript.txt" | grep -nE 'C> STATUS0$' | head -n 1 | cut -d: -f1)
+[ "$login_line" -lt "$status_line" ] || fail "the status report came before the login"
+[ ! -s "$WORK/TDACSC.log" ] || fail "TDACSC heard something at login: $(tr -d '\r' <"$WORK/TDACSC.log")"
+
+step "code 133: the user logs off; the 'ATLOGOUT' schedule removes frames 2 days old or more"
+# Frames the capture service left behind: the maximum age is the schedule's digit (2).
+FRAMES=$APP/capture/100Screens
+mkdir -p "$FRAMES"
+printf 'x' >"$FRAMES/20261101-old.TVF"
+printf 'x' >"$FRAMES/20261101-old.TDK"
+printf 'x' >"$FRAMES/today.TVF.ENC"
+printf 'x' >"$FRAMES/notes.TXT"
+# Noon five calendar days ago: the age is a difference of calendar days in local time.
+touch -d "$(date -d '5 days ago' +%Y-%m-%d) 12:00:00" "$FRAMES/20261101-old.TVF" "$FRAMES/20261101-old.TDK" \
+  "$FRAMES/notes.TXT"
+out=$(control TDACLI 133) || fail "code 133 not delivered: $out"
+[ "$out" = 0 ] || fail "code 133: $out"
+wait_for 60 has_line "$WORK/TDACSC.log" '^130$' || fail "TDACSC never heard 130"
+same_bytes "$WORK/TDACSC.log" '130\r\n'
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Successfully Sent Message [130] to TDACSC!" \
+  "Trace in TDACLI: Cleaning up frame files!" \
+  "Information in TDACLI: The Tyndrel 100% Screen Capture Component Analyzed (3) Frame File(s) at (Log Off) and Deleted (2)."
+for f in 20261101-old.TDK 20261101-old.TVF; do
+  messages | grep -qF "Trace in TDACLI: Deleting file ($f) because it is (5) days old. Last Modified is (" ||
+    fail "no trace line for the deletion of $f"
+done
+[ "$(cd "$FRAMES" && ls | sort | tr '\n' ' ')" = "notes.TXT today.TVF.ENC " ] || fail "frames left: $(ls "$FRAMES")"
+! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
+has_line "$WORK/transcript.txt" '^\[[0-9]+\] S> LOGOFF=OKAY$' || fail "the server did not accept the logoff"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+
+step "stop: SIGTERM ends the agent with its STOP banner"
+kill -TERM "$AGENT"
+wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
+[ "$(messages | tail -n 4)" = "Information in TDACLI: TD Agent Client Login Service Stopped
+Information in TDACLI: **********
+Information in TDACLI: *  STOP  *
+Information in TDACLI: **********" ] || fail "the trace does not end with the STOP banner"
+[ ! -e "$APP/TDACLI.svc" ] || fail "the control endpoint outlived the agent"
+stop_all
+[ ! -e "$APP/TDACMT.svc" ] && [ ! -e "$APP/TDACSC.svc" ] || fail "a stand-in's endpoint outlived it"
+
+echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
+echo "PASS: login end to end"
+exit 0
