@@ -29,8 +29,6 @@ STARTED=$(date +%s%N)
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-e2e.XXXXXX") || exit 1
 APP=$WORK/app
 USER_NAME=jsmith
-# The sanitizer's leak check would hold up the exits that follow a stop.
-export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0"
 
 PIDS=()
 stop_all() {
