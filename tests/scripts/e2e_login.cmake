@@ -1,16 +1,16 @@
 # A user's logon end to end with the real programs: tdacli, the login server simulator and stand-ins
 # for the sibling services. On Linux the programs run side by side in a temporary application folder;
 # the Windows build runs them under Wine against the real service manager.
-if(TARGET agent-explorer)
-  set(TDACLI_E2E_CONTROL $<TARGET_FILE:agent-explorer>)
-else()
-  # The console client is not part of this tree: a minimal sender of control codes stands in for it.
-  add_executable(send_control ${CMAKE_CURRENT_SOURCE_DIR}/e2e/send_control.cpp)
-  target_link_libraries(send_control PRIVATE tdacli_platform)
-  set(TDACLI_E2E_CONTROL $<TARGET_FILE:send_control>)
-endif()
-
 if(NOT WIN32)
+  if(TARGET agent-explorer)
+    set(TDACLI_E2E_CONTROL $<TARGET_FILE:agent-explorer>)
+  else()
+    # The console client is not part of this tree: a minimal sender of control codes stands in for it.
+    add_executable(send_control ${CMAKE_CURRENT_SOURCE_DIR}/e2e/send_control.cpp)
+    target_link_libraries(send_control PRIVATE tdacli_platform)
+    set(TDACLI_E2E_CONTROL $<TARGET_FILE:send_control>)
+  endif()
+
   add_test(NAME E2E.LoginLinux
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/e2e/login_linux.sh
       --tdacli $<TARGET_FILE:tdacli>
@@ -18,4 +18,31 @@ if(NOT WIN32)
       --login-server $<TARGET_FILE:td-login-server>
       --control ${TDACLI_E2E_CONTROL})
   set_tests_properties(E2E.LoginLinux PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: login end to end")
+else()
+  # The login server simulator runs beside Wine as a host program (Wine shares the host's loopback):
+  # the given one, or one built here with the host's own compiler.
+  set(TDACLI_HOST_LOGIN_SERVER "" CACHE FILEPATH "A td-login-server built for the host, for the Wine end-to-end run")
+  if(TDACLI_HOST_LOGIN_SERVER)
+    set(TDACLI_E2E_LOGIN_SERVER ${TDACLI_HOST_LOGIN_SERVER})
+  else()
+    include(ExternalProject)
+    ExternalProject_Add(host_login_server
+      SOURCE_DIR ${CMAKE_SOURCE_DIR}
+      BINARY_DIR ${CMAKE_BINARY_DIR}/host-tools
+      CMAKE_ARGS -DCMAKE_BUILD_TYPE=Release -DTDACLI_TESTS=OFF
+      BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target td-login-server
+      INSTALL_COMMAND ""
+      BUILD_ALWAYS ON
+      BUILD_BYPRODUCTS ${CMAKE_BINARY_DIR}/host-tools/bin/td-login-server)
+    set(TDACLI_E2E_LOGIN_SERVER ${CMAKE_BINARY_DIR}/host-tools/bin/td-login-server)
+  endif()
+
+  add_test(NAME E2E.LoginWine
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/e2e/login_wine.sh
+      --tdacli $<TARGET_FILE:tdacli>
+      --standin $<TARGET_FILE:sibling-standin>
+      --svctool $<TARGET_FILE:svctool>
+      --login-server ${TDACLI_E2E_LOGIN_SERVER}
+      --work ${CMAKE_CURRENT_BINARY_DIR}/e2e-login-wine)
+  set_tests_properties(E2E.LoginWine PROPERTIES TIMEOUT 600 PASS_REGULAR_EXPRESSION "PASS: login end to end under Wine")
 endif()

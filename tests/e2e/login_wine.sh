@@ -1,0 +1,267 @@
+#!/bin/bash
+# A user's logon end to end under Wine, against the real service manager:
+#   tdacli.exe installed ("/s") and started as the service TDACLI; sibling-standin.exe installed and
+#   started as the service TDACMT, answering 130 with 131 and 140 with 141; the Linux login server
+#   simulator on a loopback address of its own (Wine shares the host's loopback)
+#   -> code 128 to TDACLI through the service manager: the login chain runs, TDACMT hears 130 and 131,
+#      the server hears the login and the status report
+#   -> code 133: the logoff reaches the server; Windows 10 gets the TDACSC message as a request file
+#   -> TDACMT stopped and removed, code 128 again: the message to the missing sibling logs 1060
+#   -> both services stopped and removed (also when a check fails).
+# Runs in a private Wine prefix with its own service manager.
+#
+#   login_wine.sh --tdacli EXE --standin EXE --svctool EXE --login-server PROGRAM --work DIR
+set -u
+
+TDACLI= STANDIN= SVCTOOL= LOGIN_SERVER= WORK=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --tdacli) TDACLI=$2; shift 2 ;;
+    --standin) STANDIN=$2; shift 2 ;;
+    --svctool) SVCTOOL=$2; shift 2 ;;
+    --login-server) LOGIN_SERVER=$2; shift 2 ;;
+    --work) WORK=$2; shift 2 ;;
+    *) echo "unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$SVCTOOL" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$WORK" ] ||
+  { echo "missing arguments" >&2; exit 2; }
+
+STARTED=$(date +%s%N)
+WINE=/usr/lib/wine/wine64
+WINESERVER=/usr/lib/wine/wineserver
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+APP=$WORK/app
+LOG=$WORK/wine-stderr.log
+USER_NAME=jsmith
+export WINEPREFIX=$WORK/prefix
+export WINEDEBUG=-all
+export WINEDLLOVERRIDES="mscoree,mshtml="
+export DISPLAY=
+
+rm -rf "$WORK"
+mkdir -p "$APP"
+cp "$TDACLI" "$APP/tdacli.exe"
+# The siblings live in the agent's application folder.
+cp "$STANDIN" "$APP/sibling-standin.exe"
+
+SERVER_PID=
+WINE_UP=
+cleanup() {
+  if [ -n "$WINE_UP" ]; then
+    "$WINE" "$SVCTOOL" stop TDACMT >/dev/null 2>&1
+    "$WINE" "$SVCTOOL" stop TDACLI >/dev/null 2>&1
+    "$WINE" sc delete TDACMT >/dev/null 2>&1
+    (cd "$APP" && "$WINE" tdacli.exe /u /s >/dev/null 2>&1)
+    "$WINESERVER" -k >/dev/null 2>&1
+  fi
+  if [ -n "$SERVER_PID" ]; then
+    kill -TERM "$SERVER_PID" 2>/dev/null
+    wait "$SERVER_PID" 2>/dev/null
+  fi
+}
+trap cleanup EXIT
+
+step() { echo "== $*"; }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+# The trace's messages, one per line, without the time stamps.
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+fail() {
+  echo "FAIL: $*"
+  local f
+  for f in "$(program_trace)" "$WORK"/transcript.txt "$WORK"/TDACMT.log "$LOG" "$WORK"/login-server.err; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r'; }
+  done
+  exit 1
+}
+# Polls (10 times a second, at most $1 seconds) until the command succeeds.
+wait_for() {
+  local limit=$1 deadline
+  shift
+  deadline=$(($(date +%s%N) + limit * 1000000000))
+  until "$@"; do
+    [ "$(date +%s%N)" -lt "$deadline" ] || return 1
+    sleep 0.1
+  done
+}
+has_message() { messages | grep -qxF -- "$1"; }
+has_line() { [ -f "$1" ] && tr -d '\r' <"$1" | grep -qE -- "$2"; }
+alive() { kill -0 "$1" 2>/dev/null; }
+# The messages appear in this order in the trace (other lines may come in between).
+in_order() {
+  local all want at start=1
+  all=$(messages)
+  for want; do
+    at=$(tail -n +"$start" <<<"$all" | grep -nxF -- "$want" | head -n 1 | cut -d: -f1)
+    [ -n "$at" ] || fail "after trace message $((start - 1)), the trace lacks: $want"
+    start=$((start + at))
+  done
+}
+# The file holds exactly these bytes (printf format).
+same_bytes() {
+  local file=$1 expected
+  shift
+  [ -f "$file" ] || fail "missing file $(basename "$file")"
+  # shellcheck disable=SC2059
+  expected=$(printf "$@" | od -An -c)
+  [ "$(od -An -c <"$file")" = "$expected" ] || fail "$(basename "$file") holds:
+$(od -An -c <"$file")
+expected:
+$expected"
+}
+svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+winpath() { "$WINE" winepath -w "$1" 2>>"$LOG" | tr -d '\r'; }
+
+step "login server simulator on a loopback address of its own"
+cat >"$WORK/users.txt" <<'EOF'
+# The one agent of this workstation.
+[jsmith]
+ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
+LocalTemp=c:\%appdir%\Capture
+LiveID=48213:10.1.2.3:5020:T
+KekInfo=KEK-0001
+ValidIPMask=127.0.0.
+Trace=False
+WebCam=true
+100Screen=SCR:010|ATLOGO:2|010|001
+EOF
+# The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
+SERVER=
+for x in $(shuf -i 2-254 -n 20); do
+  rm -f "$WORK/transcript.txt"
+  "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
+    --exit-after 600 2>"$WORK/login-server.err" &
+  pid=$!
+  if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
+     alive $pid; then
+    SERVER_PID=$pid
+    SERVER=127.0.0.$x
+    break
+  fi
+  wait $pid 2>/dev/null
+done
+[ -n "$SERVER" ] || fail "no loopback address free for the simulator"
+echo "simulator on $SERVER:5003"
+
+step "private prefix and service manager"
+WINE_UP=1
+# Create the prefix and let every set-up process finish, so that nothing rewrites the service
+# database under the test.
+WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
+"$WINESERVER" -w
+# One server for the rest of the run; the first program started under it starts the service manager,
+# which thereby inherits this environment and standard error.
+"$WINESERVER" -p
+"$WINE" wineboot >>"$LOG" 2>&1 || fail "wineboot"
+echo "Wine ready after $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
+
+step "settings: the simulator, the user, a free listening port below 32768"
+port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+PORT=
+for p in $(shuf -i 20000-32700 -n 50); do
+  if port_free "$p"; then PORT=$p; break; fi
+done
+[ -n "$PORT" ] || fail "no free port"
+APP_W=$(winpath "$APP")
+[ -n "$APP_W" ] || fail "no Windows path for $APP"
+printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
+  "LocalTemp=$(winpath "$WORK/temp")" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
+  >"$APP/TDRegInfo.TXT"
+
+step "install: tdacli.exe /s, and the stand-in as TDACMT"
+(cd "$APP" && "$WINE" tdacli.exe /s >>"$LOG" 2>&1) || fail "tdacli.exe /s exited with $?"
+out=$(svctool installed TDACLI) || fail "TDACLI not installed: $out"
+"$WINE" sc create TDACMT binpath= "\"$APP_W\\sibling-standin.exe\" --name TDACMT --app-dir $APP_W --answer 130=131,140=141 --log $(winpath "$WORK/TDACMT.log")" \
+  >>"$LOG" 2>&1 || fail "sc create TDACMT"
+out=$(svctool installed TDACMT) || fail "TDACMT not installed: $out"
+
+step "start both services through the service manager"
+out=$(svctool start TDACMT) || fail "StartService(TDACMT): $out"
+out=$(svctool wait TDACMT 4 60) || fail "TDACMT not running: $out"
+out=$(svctool start TDACLI) || fail "StartService(TDACLI): $out"
+out=$(svctool wait TDACLI 4 60) || fail "TDACLI not running: $out"
+wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
+has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
+has_message "TD Server: $SERVER(Port: 5003)" || fail "the banner names another server"
+
+step "code 128 through the service manager: the user logs in"
+out=$(svctool control TDACLI 128); grep -qx 'result=0' <<<"$out" || fail "ControlService(128): $out"
+# 131 is the last message of the chain.
+wait_for 90 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Sending message 130 to TDACMT Service" \
+  "Trace in TDACLI: User has proper access to both temp folders" \
+  "Trace in TDACLI: Login Server Received UserName OK, Sending STATUS (0)" \
+  "Trace in TDACLI: Made 100% Screen KEK   File ($APP_W\\100Screen.KEK) with values (KEK-0001)" \
+  "Trace in TDACLI: Made 100% Screen Param File ($APP_W\\100ScreenParam.TXT) with values (SCR:010|ATLOGO:2|010|001)" \
+  "Trace in TDACLI: WebCam Enabled, Making Trigger File ($APP_W\\UseWebCam.TXT)"
+! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+same_bytes "$APP/TDACFTP.INI" '%s\r\n' "[Tyndrel - Agent Client - FTP Credentials]" "" "[Config]" \
+  'ServerTemp=\\fs01\tdtemp\' "FTPServer=ftp.example.com" "UserName=tduser" "EncryptedPassword=9F8E7D6C" \
+  "Port=21" "Ssl=False" "AuthTLS=False" "Passive=False" "PassiveUseHostAddr=False" "Protocol=FTP"
+same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=127.0.0."
+same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
+same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-0001"
+same_bytes "$APP/UseWebCam.TXT" '%s\r\n' "WEBCAM=True"
+[ -d "$APP/capture" ] || fail "local temp folder $APP/capture not made"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
+has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+
+step "code 133: the user logs off; Windows 10 gets the TDACSC message as a request file"
+# Frames the capture service left behind; the 'ATLOGOUT' schedule removes those 2 days old or more.
+FRAMES=$APP/capture/100Screens
+mkdir -p "$FRAMES"
+printf 'x' >"$FRAMES/20261101-old.TVF"
+printf 'x' >"$FRAMES/today.TVF.ENC"
+touch -d "$(date -d '5 days ago' +%Y-%m-%d) 12:00:00" "$FRAMES/20261101-old.TVF"
+out=$(svctool control TDACLI 133); grep -qx 'result=0' <<<"$out" || fail "ControlService(133): $out"
+wait_for 60 has_message "Trace in TDACLI: Sent Message [130] to TDACSC!" || fail "no message to TDACSC"
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Sent Message [130] to TDACSC!" \
+  "Trace in TDACLI: Cleaning up frame files!" \
+  "Trace in TDACLI: Deleting file (20261101-old.TVF) because it is (5) days old. Last Modified is ($(date -d '5 days ago' +%Y-%m-%d) 12:00:00 PM)" \
+  "Information in TDACLI: The Tyndrel 100% Screen Capture Component Analyzed (2) Frame File(s) at (Log Off) and Deleted (1)."
+[ "$(ls "$FRAMES")" = "today.TVF.ENC" ] || fail "frames left: $(ls "$FRAMES")"
+! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
+request=$(ls "$APP"/*.TDACSC 2>/dev/null | head -n 1)
+[ -n "$request" ] || fail "no request file for TDACSC"
+[[ "$(basename "$request")" =~ ^[0-9]{14}\.TDACSC$ ]] || fail "request file name $(basename "$request")"
+same_bytes "$request" '%s\r\n' "Code=130"
+# TDACMT heard nothing more.
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+
+step "TDACMT stopped and removed: a message to it fails with 1060"
+out=$(svctool stop TDACMT) || fail "stop TDACMT: $out"
+out=$(svctool wait TDACMT 1 60) || fail "TDACMT not stopped: $out"
+"$WINE" sc delete TDACMT >>"$LOG" 2>&1 || fail "sc delete TDACMT"
+out=$(svctool installed TDACMT) && fail "TDACMT still installed"
+out=$(svctool control TDACLI 128); grep -qx 'result=0' <<<"$out" || fail "ControlService(128): $out"
+wait_for 90 has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS2$' || fail "no status report of the failed check"
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \
+  "Trace in TDACLI: Sending message 130 to TDACMT Service" \
+  "Error in TDACLI: Error Sending Message 130 to TDACMT: 1060" \
+  "Warning in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (2) for User ($USER_NAME). However the user does not have proper permissions!"
+
+step "stop and remove TDACLI"
+out=$(svctool stop TDACLI) || fail "stop TDACLI: $out"
+out=$(svctool wait TDACLI 1 60) || fail "TDACLI not stopped: $out"
+wait_for 30 has_message "Information in TDACLI: *  STOP  *" || fail "no STOP banner"
+[ "$(messages | tail -n 4)" = "Information in TDACLI: TD Agent Client Login Service Stopped
+Information in TDACLI: **********
+Information in TDACLI: *  STOP  *
+Information in TDACLI: **********" ] || fail "the trace does not end with the STOP banner"
+(cd "$APP" && "$WINE" tdacli.exe /u /s >>"$LOG" 2>&1) || fail "tdacli.exe /u /s exited with $?"
+out=$(svctool installed TDACLI) && fail "TDACLI still installed"
+
+echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
+echo "PASS: login end to end under Wine"
+exit 0
