@@ -3,24 +3,13 @@
 # runs every test under Wine (the portable tests, the Windows platform tests and the service round
 # trip). Installs the Debian packages it needs when they are missing. Exit code: ctest's.
 #
-#   scripts/windows-tests.sh            (TDACLI_JOBS=<n> to change the build and test parallelism)
+#   scripts/windows-tests.sh            (JOBS=<n> to change the build and test parallelism, default 2)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-JOBS=${TDACLI_JOBS:-2}
+JOBS=${JOBS:-2}
 
-# --- packages
-PACKAGES=(cmake ninja-build g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 googletest wine64 util-linux)
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  SUDO=
-  [ "$(id -u)" -eq 0 ] || SUDO=sudo
-  $SUDO apt-get update
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+# --- packages (mingw-w64, Wine, CMake, Ninja, the GoogleTest sources)
+scripts/install-deps.sh windows
 
 # --- build
 cmake --preset windows
