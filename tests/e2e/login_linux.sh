@@ -143,6 +143,13 @@ printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Se
   >"$APP/TDRegInfo.TXT"
 
 step "stand-ins for TDACMT (130 -> 131) and TDACSC"
+for bad in "--answer 130" "--answer 130=1310" "--answer 130=131," "--answer =131" "--log" "--name"; do
+  # shellcheck disable=SC2086
+  timeout 10 "$STANDIN" --name TDACMT --app-dir "$APP" $bad 2>/dev/null
+  rc=$?
+  [ $rc -eq 2 ] || fail "sibling-standin $bad: exit code $rc, expected 2"
+done
+[ ! -e "$APP/TDACMT.svc" ] || fail "a stand-in with bad arguments opened its endpoint"
 "$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
 PIDS+=("$!")
 "$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &

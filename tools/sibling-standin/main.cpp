@@ -55,9 +55,9 @@ bool ToCode(std::string_view text, int& out) {
   return out <= 255;
 }
 
-// "130=131,140=141" -> {130: 131, 140: 141}.
+// "130=131,140=141" -> {130: 131, 140: 141}. Every pair must be complete: an empty one is an error.
 bool ParseAnswers(std::string_view list, std::map<int, int>& answers) {
-  while (!list.empty()) {
+  for (;;) {
     const size_t comma = list.find(',');
     const std::string_view pair = list.substr(0, comma);
     const size_t eq = pair.find('=');
@@ -65,10 +65,9 @@ bool ParseAnswers(std::string_view list, std::map<int, int>& answers) {
     if (eq == std::string_view::npos || !ToCode(pair.substr(0, eq), code) || !ToCode(pair.substr(eq + 1), reply))
       return false;
     answers[code] = reply;
-    if (comma == std::string_view::npos) break;
+    if (comma == std::string_view::npos) return true;
     list.remove_prefix(comma + 1);
   }
-  return true;
 }
 
 struct Options {
