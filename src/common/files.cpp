@@ -4,6 +4,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "common/file_errors.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
@@ -93,10 +94,9 @@ bool CanWriteToFolder(Agent& agent, const std::string& folder) {
   {
     std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
     if (!f) {
-      std::error_code ec(errno, std::generic_category());
+      TrappedError error = FileOpenError(test);
       LogMessage(agent,
-                 "Error during 'CanWriteToFolder' Routine(): " + std::to_string(ec.value() ? ec.value() : 76) +
-                     "-" + (ec.value() ? ec.message() : std::string("Path not found")),
+                 "Error during 'CanWriteToFolder' Routine(): " + std::to_string(error.number) + "-" + error.description,
                  "Error");
       return false;
     }
