@@ -93,10 +93,11 @@ bool CanWriteToFolder(Agent& agent, const std::string& folder) {
   {
     std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
     if (!f) {
-      std::error_code ec(errno, std::generic_category());
+      // The classic run-time numbers: 76 for a missing folder, 70 when the folder refuses the file.
+      const bool missing = !FolderExists(folder);
       LogMessage(agent,
-                 "Error during 'CanWriteToFolder' Routine(): " + std::to_string(ec.value() ? ec.value() : 76) +
-                     "-" + (ec.value() ? ec.message() : std::string("Path not found")),
+                 std::string("Error during 'CanWriteToFolder' Routine(): ") +
+                     (missing ? "76-Path not found" : "70-Permission denied"),
                  "Error");
       return false;
     }

@@ -1,0 +1,140 @@
+#include "platform/tcp_socket.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace tdacli::platform {
+namespace {
+
+// A listener on a free loopback port and a client connected to it, on one loop.
+struct Pair {
+  explicit Pair(Clock& clock) : loop(clock), server(loop), client(loop), accepted(loop) {
+    server.SetLocalPort(0);
+    EXPECT_FALSE(server.Listen());
+    server.on_connection_request = [this](int64_t id) { EXPECT_FALSE(accepted.Accept(server, id)); };
+    client.SetRemoteHost("127.0.0.1");
+    client.SetRemotePort(server.LocalPort());
+    client.on_connect = [this] { connected = true; };
+    EXPECT_FALSE(client.Connect());
+    loop.RunUntil(clock.NowMs() + 5000, [this] {
+      return connected && accepted.State() == TcpSocket::kConnected;
+    });
+  }
+  EventLoop loop;
+  TcpSocket server, client, accepted;
+  bool connected = false;
+};
+
+TEST(TcpSocket, ConnectsAndAccepts) {
+  SimulatedClock clock;
+  Pair p(clock);
+  EXPECT_EQ(p.client.State(), 7);
+  EXPECT_EQ(p.accepted.State(), 7);
+  EXPECT_EQ(p.accepted.RemoteHostIP(), "127.0.0.1");
+  EXPECT_EQ(p.server.State(), 2);
+}
+
+TEST(TcpSocket, DataArrivalIsRaisedOnceUntilTheDataIsRead) {
+  SimulatedClock clock;
+  Pair p(clock);
+  int arrivals = 0;
+  p.accepted.on_data_arrival = [&](size_t) { ++arrivals; };
+  ASSERT_FALSE(p.client.SendData("one"));
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return arrivals > 0; });
+  ASSERT_FALSE(p.client.SendData("two"));
+  const uint64_t polls = p.loop.poll_calls();
+  p.loop.RunFor(200);
+  EXPECT_EQ(arrivals, 1);
+  // Unread data does not make the loop spin.
+  EXPECT_LT(p.loop.poll_calls() - polls, 50u);
+  EXPECT_EQ(p.accepted.GetData(), "onetwo");
+  ASSERT_FALSE(p.client.SendData("three"));
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return arrivals > 1; });
+  EXPECT_EQ(arrivals, 2);
+  EXPECT_EQ(p.accepted.GetData(), "three");
+}
+
+TEST(TcpSocket, PeerCloseRaisesCloseOnce) {
+  SimulatedClock clock;
+  Pair p(clock);
+  int closes = 0;
+  p.accepted.on_close = [&] { ++closes; };
+  p.client.Close();
+  EXPECT_EQ(p.client.State(), 0);
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return closes > 0; });
+  p.loop.RunFor(100);
+  EXPECT_EQ(closes, 1);
+  EXPECT_EQ(p.accepted.State(), 8);
+}
+
+TEST(TcpSocket, RefusedConnectionRaisesError10061) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  // Find a port where nothing listens: bind, note it, close.
+  uint16_t port;
+  {
+    TcpSocket probe(loop);
+    probe.SetLocalPort(0);
+    ASSERT_FALSE(probe.Listen());
+    port = probe.LocalPort();
+  }
+  TcpSocket client(loop);
+  int number = 0;
+  std::string text;
+  client.on_error = [&](int n, const std::string& d) {
+    number = n;
+    text = d;
+  };
+  client.SetRemoteHost("127.0.0.1");
+  client.SetRemotePort(port);
+  ASSERT_FALSE(client.Connect());
+  loop.RunUntil(clock.NowMs() + 5000, [&] { return number != 0; });
+  EXPECT_EQ(number, 10061);
+  EXPECT_EQ(text, "Connection is forcefully rejected");
+  EXPECT_NE(client.State(), 7);
+}
+
+TEST(TcpSocket, ListenOnAPortInUseFailsWithAddressInUse) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  TcpSocket a(loop), b(loop);
+  a.SetLocalPort(0);
+  ASSERT_FALSE(a.Listen());
+  b.SetLocalPort(a.LocalPort());
+  SocketError e = b.Listen();
+  EXPECT_EQ(e.number, 10048);
+  EXPECT_EQ(b.State(), 0);
+}
+
+TEST(TcpSocket, UnacceptedRequestIsRefusedAndTheNextOneIsAnnounced) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  const int64_t sockets_before = TcpSocket::OpenSocketCount();
+  TcpSocket server(loop);
+  server.SetLocalPort(0);
+  ASSERT_FALSE(server.Listen());
+  int requests = 0;
+  server.on_connection_request = [&](int64_t) { ++requests; };
+  std::vector<std::unique_ptr<TcpSocket>> clients;
+  for (int i = 0; i < 2; ++i) {
+    clients.push_back(std::make_unique<TcpSocket>(loop));
+    clients.back()->SetRemoteHost("127.0.0.1");
+    clients.back()->SetRemotePort(server.LocalPort());
+    ASSERT_FALSE(clients.back()->Connect());
+  }
+  loop.RunUntil(clock.NowMs() + 5000, [&] { return requests == 2; });
+  EXPECT_EQ(requests, 2);
+  EXPECT_EQ(TcpSocket::OpenSocketCount() - sockets_before, 3);  // listener and two clients: refused ones are released
+}
+
+TEST(TcpSocket, SendOnAClosedSocketIsAnError) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  TcpSocket s(loop);
+  SocketError e = s.SendData("x");
+  EXPECT_EQ(e.number, 40006);
+}
+
+}  // namespace
+}  // namespace tdacli::platform
