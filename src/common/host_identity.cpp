@@ -7,16 +7,20 @@
 
 namespace tdacli {
 
-std::string ReadIPMask(const std::string& path) {
-  std::vector<std::string> lines;
-  if (!ReadLines(path, lines)) return "";
+std::string ParseIPMask(std::string_view text) {
   std::string value;
-  for (const auto& line : lines) {
+  for (const auto& line : SplitLines(text)) {
     auto p = line.find('=');
     if (p == std::string::npos || p + 1 >= line.size()) continue;
-    if (line.substr(0, p) == "IPMask") value = line.substr(p + 1);
+    if (line.compare(0, p, "IPMask") == 0) value = line.substr(p + 1);
   }
   return value;
+}
+
+std::string ReadIPMask(const std::string& path) {
+  std::string text;
+  if (!ReadTextFile(path, text)) return "";
+  return ParseIPMask(text);
 }
 
 bool MatchesIPMask(const std::string& address, const std::string& mask) {

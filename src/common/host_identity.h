@@ -2,6 +2,7 @@
 // Who this host is to the rest of the suite: computer names, OS code, and the "local IP" text that
 // names the log files and is reported to the login server.
 #include <string>
+#include <string_view>
 
 namespace tdacli {
 
@@ -11,6 +12,8 @@ void DetermineLocalIP(Agent& agent);
 void LoadComputerNames(Agent& agent);
 void DetectOSVersion(Agent& agent);
 std::string ReadIPMask(const std::string& path);
+// The value of the last "IPMask=" line of a mask file's text (exact key, nothing trimmed), or empty.
+std::string ParseIPMask(std::string_view text);
 bool MatchesIPMask(const std::string& address, const std::string& mask);
 bool LooksLikeIPv4(const std::string& address);
 

@@ -1,45 +1,195 @@
 #include "config/configuration.h"
 
+#include <array>
+
+#include "common/file_errors.h"
 #include "common/files.h"
+#include "common/logging.h"
 #include "common/text.h"
+#include "listener/listener.h"
 #include "service/agent.h"
+#include "siblings/messaging.h"
 
 namespace tdacli {
+
+namespace {
+
+constexpr const char* kTitleLine = "Tyndrel - Agent Client Configuration";
+
+// The six keys a whole save rewrites, in the order their lines are tested and appended.
+struct RewrittenKey {
+  const char* key;
+  std::string Settings::*field;
+};
+constexpr std::array<RewrittenKey, 6> kRewrittenKeys = {{
+    {"SvrTemp=", &Settings::SvrTemp},
+    {"LocalTemp=", &Settings::LocalTemp},
+    {"UseTrace=", &Settings::UseTrace},
+    {"PopEx=", &Settings::PopEx},
+    {"PopWinName=", &Settings::PopWinName},
+    {"ListeningPorts=", &Settings::ListeningPorts},
+}};
+
+// Entries 0 to 19 of the stored lines are written back; entry 20 only catches the 21st line.
+constexpr size_t kWrittenStoredLines = 20;
+
+std::string TemporaryPath(const std::string& path) { return ReplaceAll(path, ".TXT", ".tmp"); }
+
+// Writes the settings file through the temporary file; returns the error description, or empty text.
+std::string WriteConfiguration(Agent& agent) {
+  const std::string target = ConfigurationPath(agent);
+  const std::string temporary = TemporaryPath(target);
+  if (FileExists(temporary)) DeleteFile(agent, temporary);
+
+  const Settings& s = agent.settings;
+  std::vector<std::string> out;
+  if (agent.stored_lines[0].empty()) {
+    out = FreshConfigurationLines(s);
+  } else {
+    std::array<bool, kRewrittenKeys.size()> written{};
+    for (size_t i = 0; i < kWrittenStoredLines; ++i) {
+      const std::string& line = agent.stored_lines[i];
+      if (line.empty()) continue;
+      bool replaced = false;
+      for (size_t k = 0; k < kRewrittenKeys.size() && !replaced; ++k) {
+        if (!Contains(line, kRewrittenKeys[k].key)) continue;
+        out.push_back(kRewrittenKeys[k].key + s.*kRewrittenKeys[k].field);
+        written[k] = replaced = true;
+      }
+      if (!replaced) out.push_back(line);
+    }
+    for (size_t k = 0; k < kRewrittenKeys.size(); ++k)
+      if (!written[k]) out.push_back(kRewrittenKeys[k].key + s.*kRewrittenKeys[k].field);
+  }
+
+  std::string content;
+  for (const auto& line : out) content += line + "\r\n";
+  TrappedError error;
+  // Opened for appending, as the writer always did: a leftover that could not be deleted is kept.
+  if (!WriteFileReporting(temporary, content, /*append=*/true, error)) return error.description;
+
+  if (FileExists(target)) DeleteFile(agent, target);
+  MoveFile(agent, temporary, target);
+  LogMessage(agent, "Wrote Login Settings to config file", "Trace");
+  return "";
+}
+
+// The per-setting saves: reload everything else from the file, keep the one new value, and write the
+// fresh file (lines the program does not know are dropped).
+bool SaveOneSetting(Agent& agent, std::string Settings::*field) {
+  const std::string value = agent.settings.*field;
+  LoadConfiguration(agent);
+  agent.settings.*field = value;
+  agent.stored_lines[0].clear();
+  const std::string error = WriteConfiguration(agent);
+  if (!error.empty()) {
+    LogMessage(agent, "Error saving settings: " + error, "Error");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
 
 std::string ConfigurationPath(Agent& agent) { return agent.AppPath("TDRegInfo.TXT"); }
 
 std::string ExpandLocalTemp(Agent& agent, const std::string& value) {
+  // Lower-cased first so that the placeholders match in any case; the folders put in keep their own.
   std::string v = Lower(value);
   v = ReplaceAll(v, "c:\\%windir%\\", GetWindowsFolder(agent));
   v = ReplaceAll(v, "c:\\%appdir%\\", agent.app_folder);
   return v;
 }
 
+void ApplySettingsLine(Settings& s, std::string_view line) {
+  const size_t p = line.find('=');
+  if (p == std::string_view::npos || p + 1 >= line.size()) return;
+  const std::string_view key = line.substr(0, p);
+  const std::string value(line.substr(p + 1));
+  if (key == "Server") s.Server = value;
+  else if (key == "Ext") s.Ext = value;
+  else if (key == "LocalTemp") s.LocalTemp = value;
+  else if (key == "SvrTemp") s.SvrTemp = value;
+  else if (key == "CurrentUser") s.CurrentUser = value;
+  else if (key == "CurrentEvent") s.CurrentEvent = value;
+  else if (key == "UseTrace") s.UseTrace = value;
+  else if (key == "NotificationMethod") s.NotificationMethod = value;
+  else if (key == "ListeningPorts") s.ListeningPorts = value;
+  else if (key == "PopEx") s.PopEx = value;
+  else if (key == "PopWinName") s.PopWinName = value;
+}
+
+Settings ParseSettings(std::string_view text) {
+  Settings s;
+  for (const auto& line : SplitLines(text)) ApplySettingsLine(s, line);
+  return s;
+}
+
+std::vector<std::string> FreshConfigurationLines(const Settings& s) {
+  return {kTitleLine,
+          "[Config]",
+          "Ext=" + s.Ext,
+          "Server=" + s.Server,
+          "UseTrace=" + s.UseTrace,
+          "LocalTemp=" + s.LocalTemp,
+          "CurrentUser=" + s.CurrentUser,
+          "CurrentEvent=" + s.CurrentEvent,
+          "SvrTemp=" + s.SvrTemp,
+          "NotificationMethod=" + s.NotificationMethod,
+          "PopEx=" + s.PopEx,
+          "PopWinName=" + s.PopWinName,
+          "ListeningPorts=" + s.ListeningPorts};
+}
+
 void LoadConfiguration(Agent& agent) {
   agent.settings = Settings{};
   const std::string path = ConfigurationPath(agent);
+  // A missing file leaves the defaults; neither the Windows folder nor the local temp expansion is
+  // touched then.
   if (!FileExists(path)) return;
-  std::vector<std::string> lines;
-  ReadLines(path, lines);
-  Settings& s = agent.settings;
-  for (const auto& line : lines) {
-    auto p = line.find('=');
-    if (p == std::string::npos || p + 1 >= line.size()) continue;
-    const std::string key = line.substr(0, p), value = line.substr(p + 1);
-    if (key == "Server") s.Server = value;
-    else if (key == "Ext") s.Ext = value;
-    else if (key == "LocalTemp") s.LocalTemp = value;
-    else if (key == "SvrTemp") s.SvrTemp = value;
-    else if (key == "CurrentUser") s.CurrentUser = value;
-    else if (key == "CurrentEvent") s.CurrentEvent = value;
-    else if (key == "UseTrace") s.UseTrace = value;
-    else if (key == "NotificationMethod") s.NotificationMethod = value;
-    else if (key == "ListeningPorts") s.ListeningPorts = value;
-    else if (key == "PopEx") s.PopEx = value;
-    else if (key == "PopWinName") s.PopWinName = value;
-  }
+  std::string text;
+  if (!ReadTextFile(path, text)) return;
+  agent.settings = ParseSettings(text);
   agent.windows_folder = GetWindowsFolder(agent);
-  s.LocalTemp = ExpandLocalTemp(agent, s.LocalTemp);
+  agent.settings.LocalTemp = ExpandLocalTemp(agent, agent.settings.LocalTemp);
+}
+
+bool SaveConfiguration(Agent& agent) {
+  const std::string path = ConfigurationPath(agent);
+  if (FileExists(path)) {
+    for (size_t i = 0; i < kWrittenStoredLines; ++i) agent.stored_lines[i].clear();
+    std::vector<std::string> lines;
+    if (ReadLines(path, lines)) {
+      // The table holds 21 lines; reading stops at the first line that does not fit.
+      for (size_t i = 0; i < lines.size() && i < agent.stored_lines.size(); ++i) agent.stored_lines[i] = lines[i];
+    }
+  }
+  const std::string error = WriteConfiguration(agent);
+  if (!error.empty()) {
+    LogMessage(agent, "Unable to write configuration information to file [" + path + "]: " + error, "Error");
+    return false;
+  }
+  return true;
+}
+
+bool SaveExt(Agent& agent) { return SaveOneSetting(agent, &Settings::Ext); }
+bool SaveServer(Agent& agent) { return SaveOneSetting(agent, &Settings::Server); }
+bool SaveNotificationMethod(Agent& agent) { return SaveOneSetting(agent, &Settings::NotificationMethod); }
+bool SavePopEx(Agent& agent) { return SaveOneSetting(agent, &Settings::PopEx); }
+bool SavePopWinName(Agent& agent) { return SaveOneSetting(agent, &Settings::PopWinName); }
+
+bool SaveListeningPorts(Agent& agent) {
+  if (!SaveOneSetting(agent, &Settings::ListeningPorts)) return false;
+  // The listener moves to the port of the new list; accepted connections stay where they are.
+  auto& listener = agent.listener();
+  listener.CloseListener();
+  const int16_t port = listener::GetListeningPort(agent);
+  if (platform::SocketError error = listener.Listen(static_cast<uint16_t>(port))) {
+    LogMessage(agent, "Error saving settings: " + error.description, "Error");
+    return false;
+  }
+  NotifyNewListeningPort(agent);
+  return true;
 }
 
 }  // namespace tdacli

@@ -18,6 +18,9 @@ struct SystemFacilities {
 
 SystemFacilities MakeSystemFacilities(const std::string& app_folder);
 
+// The running host's own identity (names, adapter addresses, version, Windows folder).
+std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
+
 // Runs `program(host)` as the service process: on Windows under the service control dispatcher when
 // the service manager started us, otherwise directly. Returns the process exit code.
 int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_folder,

@@ -1,0 +1,37 @@
+#include "common/file_errors.h"
+
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace tdacli {
+
+TrappedError FileOpenError(const std::string& path) {
+  std::error_code ec;
+  const fs::path p = fs::u8path(path);
+  if (fs::is_directory(p, ec)) return {75, "Path/File access error"};
+  const fs::path parent = p.parent_path();
+  if (!parent.empty() && !fs::is_directory(parent, ec)) return {76, "Path not found"};
+  return {70, "Permission denied"};
+}
+
+TrappedError FileWriteError() { return {61, "Disk full"}; }
+
+bool WriteFileReporting(const std::string& path, const std::string& content, bool append, TrappedError& error) {
+  std::ofstream f(fs::u8path(path), std::ios::binary | (append ? std::ios::app : std::ios::trunc));
+  if (!f) {
+    error = FileOpenError(path);
+    return false;
+  }
+  f.write(content.data(), static_cast<std::streamsize>(content.size()));
+  f.flush();
+  if (!f) {
+    error = FileWriteError();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace tdacli
