@@ -1,0 +1,142 @@
+#include "triggers/capture_files.h"
+
+#include "common/files.h"
+#include "common/logging.h"
+#include "common/paths.h"
+#include "common/text.h"
+#include "service/agent.h"
+
+namespace tdacli {
+
+namespace {
+
+// A job name comes from the network. Characters that no file name may hold, a path separator, or a
+// name made only of dots would write somewhere else than the one job file: the write fails instead.
+bool IsPlainFileName(const std::string& name) {
+  if (name.find_first_not_of('.') == std::string::npos) return false;
+  for (unsigned char c : name)
+    if (c < 32 || std::string_view("<>:\"/\\|?*").find(static_cast<char>(c)) != std::string_view::npos) return false;
+  return true;
+}
+
+void WriteSendFramesFile(Agent& agent, const std::string& request, const std::string& job) {
+  const std::string path = agent.AppPath("SendFrames-" + job + ".TSF");
+  if (!IsPlainFileName(job)) {
+    LogMessage(agent, "Error saving 'Send Frames' info to file (" + path + ") - 52, Bad file name or number",
+               "Error");
+    return;
+  }
+  if (!WriteLines(path, {request})) {
+    LogMessage(agent, "Error saving 'Send Frames' info to file (" + path + ") - 75, Path/File access error",
+               "Error");
+    return;
+  }
+  LogMessage(agent, "Made 'Send Frames' File (" + path + ") with values (" + request + ")", "Trace");
+}
+
+}  // namespace
+
+void Make100ScreensParamFile(Agent& agent) {
+  const std::string& kek = agent.login.KekInfo;
+  std::string path = agent.AppPath("100Screen.KEK");
+  if (kek != "N/A" && !kek.empty()) {
+    if (!WriteLines(path, {kek})) {
+      LogMessage(agent, "Error save 100% Screen Capture Params to file (" + path + ") - 75, Path/File access error",
+                 "Error");
+      return;
+    }
+    LogMessage(agent, "Made 100% Screen KEK   File (" + path + ") with values (" + kek + ")", "Trace");
+  }
+  path = agent.AppPath("100ScreenParam.TXT");
+  const std::string& line = agent.login.HundredScreensParam;
+  if (!WriteLines(path, {line})) {
+    LogMessage(agent, "Error save 100% Screen Capture Params to file (" + path + ") - 75, Path/File access error",
+               "Error");
+    return;
+  }
+  LogMessage(agent, "Made 100% Screen Param File (" + path + ") with values (" + line + ")", "Trace");
+}
+
+void HandleWebCamTrigger(Agent& agent) {
+  const std::string path = agent.AppPath("UseWebCam.TXT");
+  if (agent.login.UseWebCam) {
+    LogMessage(agent, "WebCam Enabled, Making Trigger File (" + path + ")", "Trace");
+    if (!FileExists(path) && !WriteLines(path, {"WEBCAM=True"}))
+      LogMessage(agent, "Error in HandleWebCamTrigger() Routine: [FilNam=" + path + "], [Error=Path/File access error]",
+                 "Error");
+  } else {
+    LogMessage(agent, "WebCam Disabled, Deleting Trigger File (" + path + ")", "Trace");
+    if (FileExists(path)) DeleteFile(agent, path);
+  }
+}
+
+void ParseScreenParamLine(const std::string& line, ScreenParams& p) {
+  p = ScreenParams{};
+  p.line = line;
+  if (line == "NOTSET") return;
+  // Each field is read only when the line is long enough; a field that is not a number ends parsing.
+  if (line.size() >= 7) {
+    auto v = ToInt16(Mid(line, 5).substr(0, 3));
+    if (!v) return;
+    p.first_number = *v;
+  }
+  if (line.size() >= 16) {
+    const std::string field = line.substr(8, 8);
+    if (field[6] == ':') {
+      auto digit = ToInt16(field.substr(7, 1));
+      const std::string head = field.substr(0, 6);
+      p.schedule = head == "AT-LOG" ? "AT-LOGIN" : head == "ATLOGO" ? "ATLOGOUT" : field.substr(0, 5);
+      if (!digit) return;
+      p.max_age_days = *digit;
+    } else {
+      p.schedule = field;
+    }
+  }
+  if (line.size() >= 20) {
+    auto v = ToInt16(line.substr(17, 3));
+    if (!v) return;
+    p.second_number = *v;
+  }
+  if (line.size() >= 24) {
+    auto v = ToInt16(line.substr(21, 3));
+    if (!v) return;
+    p.third_number = *v;
+  }
+}
+
+void LoadScreenParams(Agent& agent) {
+  agent.screen = ScreenParams{};
+  // The folder already ends in a separator; the doubled one is harmless and kept.
+  std::vector<std::string> lines;
+  if (!ReadLines(agent.app_folder + kSepStr + "100ScreenParam.TXT", lines)) return;
+  std::string line = "NOTSET";
+  for (const auto& l : lines) {
+    line = l;
+    if (!l.empty()) break;
+  }
+  ParseScreenParamLine(line, agent.screen);
+}
+
+std::string SendFramesJobName(const std::string& request) {
+  std::string copy = request;
+  if (copy.size() >= 12 && StartsWith(copy, "|SENDFRAMES|")) copy = copy.substr(12);
+  std::vector<std::string> parts;
+  if (SplitString(copy, "@", parts) >= 3) return parts[3];
+  return "";
+}
+
+void SendFrames(Agent& agent, const std::string& request) {
+  std::string job = SendFramesJobName(request);
+  if (job.empty()) job = FormatCompact(agent.Now());
+  WriteSendFramesFile(agent, request, job);
+}
+
+void SendFramesForGrabberTask(Agent& agent, const std::string& request) {
+  std::string job = SendFramesJobName(request);
+  if (job.empty()) job = FormatCompact(agent.Now());
+  auto bar = job.find('|');
+  if (bar != std::string::npos) job = job.substr(0, bar);
+  WriteSendFramesFile(agent, request, job);
+}
+
+}  // namespace tdacli

@@ -1,0 +1,147 @@
+#include "triggers/frames.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/file_times.h"
+#include "support/test_agent.h"
+
+namespace tdacli {
+namespace {
+
+using testing::Exists;
+using testing::TestAgent;
+using testing::WriteFile;
+
+// The simulated clock stands at 2026-11-14 23:15:02.
+struct Frames : ::testing::Test {
+  Frames() {
+    t->local_ip = "192.168.5.20";
+    t->startup_banner_written = true;
+    temp = t.dir.File("temp");
+    t->settings.LocalTemp = temp + kSepStr;
+    frames = temp + kSepStr + "100Screens";
+    std::filesystem::create_directories(frames);
+  }
+  std::string Frame(const std::string& name, int day, int hour = 12) {
+    std::string p = frames + kSepStr + name;
+    WriteFile(p, "frame");
+    EXPECT_TRUE(platform::SetFileModifiedLocal(p, {2026, 11, day, hour, 0, 0}));
+    return p;
+  }
+  TestAgent t;
+  std::string temp, frames;
+};
+
+TEST_F(Frames, FileExactlyMaxDaysOldIsDeletedOneDayYoungerIsKept) {
+  std::string old4 = Frame("a.TVF", 10, 23);  // 4 calendar days, though less than 4 x 24 hours
+  std::string old3 = Frame("b.TVF", 11, 0);
+  CleanupFrames(*t, "Log Off");
+  EXPECT_FALSE(Exists(old4));
+  EXPECT_TRUE(Exists(old3));
+  auto msgs = t.Messages();
+  EXPECT_EQ(msgs[0], "Trace in TDACLI: Cleaning up frame files!");
+  EXPECT_EQ(msgs[1],
+            "Trace in TDACLI: Deleting file (a.TVF) because it is (4) days old. Last Modified is (2026-11-10 11:00:00 PM)");
+  EXPECT_EQ(msgs.back(),
+            "Information in TDACLI: The Tyndrel 100% Screen Capture Component Analyzed (2) Frame File(s) at (Log Off) "
+            "and Deleted (1).");
+  // The deletion line goes to the trace files only.
+  for (const auto& e : t.event_log.entries) EXPECT_EQ(e.second.find("Deleting file"), std::string::npos);
+}
+
+TEST_F(Frames, DefaultAgeKeepsTheLastThreeDays) {
+  std::vector<std::string> kept;
+  for (int day : {12, 13, 14}) kept.push_back(Frame("f" + std::to_string(day) + ".TDK", day));
+  std::string gone = Frame("old.CAM", 9);
+  CleanupFrames(*t, "Log Off");
+  for (const auto& k : kept) EXPECT_TRUE(Exists(k)) << k;
+  EXPECT_FALSE(Exists(gone));
+}
+
+TEST_F(Frames, PatternMatchesAnywhereInTheUpperCasedName) {
+  std::string inner = Frame("shot.tvf.bak", 1);
+  std::string other = Frame("notes.txt", 1);
+  std::string enc = Frame("x.TVF.ENC", 1);
+  std::string tff = Frame("y.TFF", 1);  // not a pattern of the age cleanup
+  CleanupFrames(*t, "Log Off");
+  EXPECT_FALSE(Exists(inner));
+  EXPECT_FALSE(Exists(enc));
+  EXPECT_TRUE(Exists(other));
+  EXPECT_TRUE(Exists(tff));
+  EXPECT_NE(t.Messages().back().find("Analyzed (2) Frame File(s)"), std::string::npos);
+}
+
+TEST_F(Frames, MaximumAgeComesFromTheSchedule) {
+  t->screen.max_age_days = 1;
+  std::string y = Frame("y.TVF", 13, 23);
+  CleanupFrames(*t, "Log Off");
+  EXPECT_FALSE(Exists(y));
+}
+
+TEST_F(Frames, MissingFrameFolderLogsTheErrorWithoutSummary) {
+  std::filesystem::remove_all(frames);
+  CleanupFrames(*t, "Log Off");
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 2u);
+  EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:76, Path not found");
+}
+
+TEST_F(Frames, WipeOutAfterAFailedLoginOnlyWarns) {
+  t->login.LoginSucceeded = false;
+  std::string f = Frame("a.TVF", 14);
+  WipeOut(*t);
+  EXPECT_TRUE(Exists(f));
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 1u);
+  EXPECT_EQ(msgs[0], "Warning in TDACLI: The WIPE OUT Routine was skipped as the previous login did not succeed!");
+}
+
+TEST_F(Frames, WipeOutRemovesAllCaptureActivity) {
+  t->login.LoginSucceeded = true;
+  for (const char* n : {"a.TVF", "b.TVF.ENC", "c.TFF.ENC", "d.tff", "e.TDK", "f.CAM"}) Frame(n, 14);
+  std::string keep = Frame("keep.txt", 14);
+  WriteFile(t.dir.File("SendFrames-1.TSF"), "x");
+  WriteFile(t.dir.File("job.ts2"), "x");
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "x");
+  WipeOut(*t);
+  EXPECT_TRUE(Exists(keep));
+  EXPECT_TRUE(Exists(t.dir.File("TDRegInfo.TXT")));
+  EXPECT_FALSE(Exists(t.dir.File("SendFrames-1.TSF")));
+  EXPECT_FALSE(Exists(t.dir.File("job.ts2")));
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 3u);
+  EXPECT_EQ(msgs[0], "Information in TDACLI: The Tyndrel Agent Client removed all 100% Screen Activity!");
+  EXPECT_EQ(msgs[1], "Information in TDACLI: The WIPE OUT Routine removed (6) files from (" + frames + kSepStr + ")");
+  EXPECT_EQ(msgs[2], "Information in TDACLI: The WIPE OUT Routine removed (2) files from (" + t->app_folder + ")");
+}
+
+TEST_F(Frames, WipeOutWithoutFrameFolderSkipsTheFirstPass) {
+  t->login.LoginSucceeded = true;
+  std::filesystem::remove_all(frames);
+  WriteFile(t.dir.File("a.TSF"), "x");
+  WipeOut(*t);
+  EXPECT_FALSE(Exists(t.dir.File("a.TSF")));
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 3u);
+  EXPECT_EQ(msgs[1], "Information in TDACLI: The WIPE OUT Routine removed (0) files from (" + frames + kSepStr + ")");
+}
+
+TEST_F(Frames, WipeOutWithNothingToRemoveLogsNothing) {
+  t->login.LoginSucceeded = true;
+  WipeOut(*t);
+  EXPECT_FALSE(Exists(t.ProgramTrace()));
+}
+
+TEST_F(Frames, FileThatCannotBeWipedIsReported) {
+  t->login.LoginSucceeded = true;
+  std::string f = Frame("a.TVF", 14);
+  t->refuse_delete = [&](const std::string& p) { return p == f; };
+  WipeOut(*t);
+  EXPECT_TRUE(Exists(f));
+  EXPECT_EQ(t.Messages()[0], "Error in TDACLI: Error Wiping File! (" + f + ")");
+}
+
+}  // namespace
+}  // namespace tdacli
