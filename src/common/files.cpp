@@ -4,6 +4,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "common/file_errors.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
@@ -93,11 +94,9 @@ bool CanWriteToFolder(Agent& agent, const std::string& folder) {
   {
     std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
     if (!f) {
-      // The classic run-time numbers: 76 for a missing folder, 70 when the folder refuses the file.
-      const bool missing = !FolderExists(folder);
+      TrappedError error = FileOpenError(test);
       LogMessage(agent,
-                 std::string("Error during 'CanWriteToFolder' Routine(): ") +
-                     (missing ? "76-Path not found" : "70-Permission denied"),
+                 "Error during 'CanWriteToFolder' Routine(): " + std::to_string(error.number) + "-" + error.description,
                  "Error");
       return false;
     }

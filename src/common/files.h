@@ -1,6 +1,7 @@
 #pragma once
 // File and folder helpers. None of them raises: a failed existence test is false, failed deletes and
 // moves are silent, so callers that must be sure test afterwards.
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,9 @@ std::string GetWindowsFolder(Agent& agent);
 void EnsureFolder(Agent& agent, std::string& path);
 // Proves write access by writing and deleting a real file.
 bool CanWriteToFolder(Agent& agent, const std::string& folder);
+// Checks that the agent can write to both temporary folders (the server one through TDACMT); sets and
+// returns `TempAccessStatus` (+1 local, +2 server) and appends its findings to `LastLoginResult`.
+int16_t CheckTempFolderAccess(Agent& agent);
 
 // Whole-file text I/O. Lines end with CR LF when written; reading accepts CR LF, CR or LF.
 bool ReadTextFile(const std::string& path, std::string& content);

@@ -21,6 +21,8 @@ void Startup();  // once per process (WSAStartup on Windows)
 SocketHandle CreateTcp(int* error);
 void CloseSocket(SocketHandle h);
 int Bind(SocketHandle h, uint16_t port);  // any address; returns 0 or error number
+// One local IPv4 address only (several servers can share a port on different loopback addresses).
+int BindTo(SocketHandle h, const std::string& ipv4, uint16_t port);
 int ListenOn(SocketHandle h);
 SocketHandle Accept(SocketHandle listener, int* error);
 // Starts a connect; 0 when connected at once, kInProgress when pending, else an error number.

@@ -80,7 +80,8 @@ SocketError TcpSocket::Listen() {
   int error = 0;
   SocketHandle h = Track(sockapi::CreateTcp(&error));
   if (h == kInvalidSocket) return Err(error);
-  if ((error = sockapi::Bind(h, local_port_)) != 0 || (error = sockapi::ListenOn(h)) != 0) {
+  error = local_host_.empty() ? sockapi::Bind(h, local_port_) : sockapi::BindTo(h, local_host_, local_port_);
+  if (error != 0 || (error = sockapi::ListenOn(h)) != 0) {
     Release(h);
     return Err(error);
   }

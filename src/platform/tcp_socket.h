@@ -41,6 +41,9 @@ class TcpSocket : public SocketSink {
   TcpSocket& operator=(const TcpSocket&) = delete;
 
   void SetLocalPort(uint16_t port) { local_port_ = port; }
+  // Listen on this local address only (dotted IPv4); empty: every address.
+  void SetLocalHost(std::string ip) { local_host_ = std::move(ip); }
+  const std::string& LocalHost() const { return local_host_; }
   uint16_t LocalPort() const;
   void SetRemoteHost(std::string host) { remote_host_ = std::move(host); }
   const std::string& RemoteHost() const { return remote_host_; }
@@ -84,6 +87,7 @@ class TcpSocket : public SocketSink {
   SocketHandle handle_ = kInvalidSocket;
   int state_ = kClosed;
   uint16_t local_port_ = 0;
+  std::string local_host_;
   uint16_t remote_port_ = 0;
   std::string remote_host_;
   std::string remote_ip_;

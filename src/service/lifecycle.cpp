@@ -8,6 +8,7 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
+#include "login/drivers.h"
 #include "service/agent.h"
 #include "service/control.h"
 
@@ -69,6 +70,7 @@ void HideMainWindow(Agent&) {
 }
 
 void Form_Load(Agent& agent) {
+  WireLoginClient(agent);
   if (!agent.LoadTimer.on_tick) agent.LoadTimer.on_tick = [&agent] { LoadTimer_Timer(agent); };
   try {
     ResetProcessValues(agent);

@@ -6,24 +6,15 @@ namespace tdacli {
 
 namespace {
 
-// By Windows version: from Vista on the siblings are told through request files; older systems and an
-// unknown version get the service control code.
-bool UsesRequestFiles(int os_code) {
-  switch (os_code) {
-    case 60: case 61: case 62: case 63: case 10: return true;
-    default: return false;
-  }
-}
-
 void SendNewPort(Agent& agent, const std::string& service, const std::string& description) {
-  if (UsesRequestFiles(agent.os_code)) {
+  if (RuleVUsesFiles(agent)) {
     MakeRequestFile(agent, service, "Code=135");
     agent.DoEvents();
     LogMessage(agent, "Sent Message [135] to " + service + "!", "Trace");
     return;
   }
   LogMessage(agent, "Contacting the " + description + " for New Listening Port", "Trace");
-  const unsigned long result = agent.service_control().SendControl(service, 135);
+  const unsigned long result = SendServiceControl(agent, service, 135);
   if (result != 0) LogMessage(agent, "Error Sending Message to " + service + ": " + std::to_string(result), "Error");
 }
 

@@ -1,5 +1,6 @@
 #include "triggers/capture_files.h"
 
+#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
@@ -26,8 +27,11 @@ void WriteSendFramesFile(Agent& agent, const std::string& request, const std::st
                "Error");
     return;
   }
-  if (!WriteLines(path, {request})) {
-    LogMessage(agent, "Error saving 'Send Frames' info to file (" + path + ") - 75, Path/File access error",
+  TrappedError error;
+  if (!WriteFileReporting(path, request + "\r\n", false, error)) {
+    LogMessage(agent,
+               "Error saving 'Send Frames' info to file (" + path + ") - " + std::to_string(error.number) + ", " +
+                   error.description,
                "Error");
     return;
   }
@@ -38,22 +42,21 @@ void WriteSendFramesFile(Agent& agent, const std::string& request, const std::st
 
 void Make100ScreensParamFile(Agent& agent) {
   const std::string& kek = agent.login.KekInfo;
+  TrappedError error;
+  auto fail = [&](const std::string& path) {
+    LogMessage(agent,
+               "Error save 100% Screen Capture Params to file (" + path + ") - " + std::to_string(error.number) +
+                   ", " + error.description,
+               "Error");
+  };
   std::string path = agent.AppPath("100Screen.KEK");
   if (kek != "N/A" && !kek.empty()) {
-    if (!WriteLines(path, {kek})) {
-      LogMessage(agent, "Error save 100% Screen Capture Params to file (" + path + ") - 75, Path/File access error",
-                 "Error");
-      return;
-    }
+    if (!WriteFileReporting(path, kek + "\r\n", false, error)) return fail(path);
     LogMessage(agent, "Made 100% Screen KEK   File (" + path + ") with values (" + kek + ")", "Trace");
   }
   path = agent.AppPath("100ScreenParam.TXT");
   const std::string& line = agent.login.HundredScreensParam;
-  if (!WriteLines(path, {line})) {
-    LogMessage(agent, "Error save 100% Screen Capture Params to file (" + path + ") - 75, Path/File access error",
-               "Error");
-    return;
-  }
+  if (!WriteFileReporting(path, line + "\r\n", false, error)) return fail(path);
   LogMessage(agent, "Made 100% Screen Param File (" + path + ") with values (" + line + ")", "Trace");
 }
 
@@ -61,8 +64,9 @@ void HandleWebCamTrigger(Agent& agent) {
   const std::string path = agent.AppPath("UseWebCam.TXT");
   if (agent.login.UseWebCam) {
     LogMessage(agent, "WebCam Enabled, Making Trigger File (" + path + ")", "Trace");
-    if (!FileExists(path) && !WriteLines(path, {"WEBCAM=True"}))
-      LogMessage(agent, "Error in HandleWebCamTrigger() Routine: [FilNam=" + path + "], [Error=Path/File access error]",
+    TrappedError error;
+    if (!FileExists(path) && !WriteFileReporting(path, "WEBCAM=True\r\n", false, error))
+      LogMessage(agent, "Error in HandleWebCamTrigger() Routine: [FilNam=" + path + "], [Error=" + error.description + "]",
                  "Error");
   } else {
     LogMessage(agent, "WebCam Disabled, Deleting Trigger File (" + path + ")", "Trace");

@@ -73,6 +73,16 @@ int Bind(SocketHandle h, uint16_t port) {
   return bind(static_cast<int>(h), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? 0 : Last();
 }
 
+int BindTo(SocketHandle h, const std::string& ipv4, uint16_t port) {
+  int one = 1;
+  setsockopt(static_cast<int>(h), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  if (inet_pton(AF_INET, ipv4.c_str(), &a.sin_addr) != 1) return kInvalidArg;
+  return bind(static_cast<int>(h), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? 0 : Last();
+}
+
 int ListenOn(SocketHandle h) { return listen(static_cast<int>(h), SOMAXCONN) == 0 ? 0 : Last(); }
 
 SocketHandle Accept(SocketHandle listener, int* error) {

@@ -1,0 +1,172 @@
+// Login, logoff and status latency of the real agent code against the login server simulator on the
+// loopback, on the real clock: 1,000 of each, median and 99th percentile. The simulator runs on its own
+// thread (as a separate server would), and again on the agent's own loop for comparison.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "login/drivers.h"
+#include "login_server.h"
+#include "platform/clock.h"
+#include "service/agent.h"
+
+namespace {
+
+using namespace tdacli;
+
+constexpr int kRuns = 1000;
+constexpr int kWarmUp = 20;
+
+class BenchHost : public platform::HostIdentity {
+ public:
+  std::string ComputerNameEx(int) override { return "BENCH"; }
+  std::string ComputerNameRaw() override { return std::string("BENCH") + '\0'; }
+  std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
+  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
+  platform::OsVersion Version() override { return {10, 0, true}; }
+  std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
+};
+class NoEventLog : public platform::EventLog {
+ public:
+  void Write(int, const std::string&) override {}
+};
+class NoServiceControl : public platform::ServiceControlClient {
+ public:
+  unsigned long SendControl(const std::string&, int) override { return 0; }
+};
+class NoDialogs : public platform::Dialogs {
+ public:
+  void Information(const std::string&, const std::string&) override {}
+};
+class NoServiceHost : public platform::ServiceHost {
+ public:
+  bool StartedByServiceManager() const override { return true; }
+  bool IsInstalled() override { return true; }
+  bool Install(const std::string&, const std::string&) override { return true; }
+  bool Uninstall() override { return true; }
+  void Attach(platform::ServiceEvents) override {}
+  void ReportRunning() override {}
+  void ReportStopped() override {}
+};
+
+loginsim::UserTable Users() {
+  loginsim::UserRecord u;
+  u.name = "jsmith";
+  u.server_temp = "\\\\fs01\\tdtemp\\:FTP@ftp.example.com:tduser:9F8E7D6C";
+  u.local_temp = "C:\\%WINDIR%\\Temp";
+  u.live_id = "48213:10.1.2.3:5020:T";
+  u.kek_info = "KEK-0001";
+  u.valid_ip_mask = "192.168.5.";
+  u.trace = "False";
+  loginsim::UserTable users;
+  users.Add(u);
+  return users;
+}
+
+struct Figures {
+  double median_ms = 0, p99_ms = 0, max_ms = 0;
+  int failed = 0;
+};
+
+Figures Measure(const std::function<bool()>& once) {
+  for (int i = 0; i < kWarmUp; ++i) once();
+  std::vector<double> ms;
+  ms.reserve(kRuns);
+  Figures f;
+  for (int i = 0; i < kRuns; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    if (!once()) ++f.failed;
+    ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+  }
+  std::sort(ms.begin(), ms.end());
+  f.median_ms = (ms[kRuns / 2 - 1] + ms[kRuns / 2]) / 2;
+  f.p99_ms = ms[static_cast<size_t>(kRuns * 99 / 100) - 1];
+  f.max_ms = ms.back();
+  return f;
+}
+
+void Print(const char* what, const Figures& f) {
+  std::printf("  %-14s median %7.3f ms   p99 %7.3f ms   max %8.3f ms   failed %d/%d\n", what, f.median_ms, f.p99_ms,
+              f.max_ms, f.failed, kRuns);
+}
+
+struct BenchAgent {
+  explicit BenchAgent(const std::string& folder) {
+    AgentOptions o;
+    o.exe_folder = folder;
+    agent = std::make_unique<Agent>(
+        AgentFacilities{*clock, host, event_log, service_control, dialogs, service_host}, o);
+    WireLoginClient(*agent);
+    agent->local_ip = "192.168.5.20";
+    agent->settings.CurrentUser = "jsmith";
+  }
+  std::unique_ptr<platform::Clock> clock = platform::MakeSystemClock();
+  BenchHost host;
+  NoEventLog event_log;
+  NoServiceControl service_control;
+  NoDialogs dialogs;
+  NoServiceHost service_host;
+  std::unique_ptr<Agent> agent;
+};
+
+void RunAll(Agent& a) {
+  Print("login", Measure([&] {
+          LoginUser(a);
+          return a.login.LoginSucceeded && a.login.LastLoginResult.rfind("The Tyndrel", 0) == 0;
+        }));
+  Print("logoff", Measure([&] {
+          LogOffUser(a);
+          return a.login.LogoffSucceeded;
+        }));
+  a.TempAccessStatus = 0;
+  Print("status report", Measure([&] {
+          a.login.StatusSucceeded = false;
+          LoginStatus(a);
+          return a.login.StatusSucceeded;
+        }));
+}
+
+}  // namespace
+
+int main() {
+  namespace fs = std::filesystem;
+  std::random_device seed;
+  const fs::path folder = fs::temp_directory_path() / ("tdacli-login-bench-" + std::to_string(seed()));
+  fs::create_directories(folder);
+
+  std::printf("login_bench: %d logins, logoffs and status reports each (after %d warm-up runs), real clock\n",
+              kRuns, kWarmUp);
+  {
+    fs::create_directories(folder / "thread");
+    BenchAgent b((folder / "thread").string());
+    loginsim::LoginServerThread server(Users(), {});
+    if (platform::SocketError e = server.StartOnFreeLoopback()) {
+      std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());
+      return 1;
+    }
+    b.agent->settings.Server = server.server().address();
+    std::printf("simulator on its own thread at %s:5003\n", server.server().address().c_str());
+    RunAll(*b.agent);
+    server.Stop();
+  }
+  {
+    fs::create_directories(folder / "loop");
+    BenchAgent b((folder / "loop").string());
+    loginsim::LoginServer server(b.agent->loop(), Users(), {});
+    if (platform::SocketError e = server.StartOnFreeLoopback()) {
+      std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());
+      return 1;
+    }
+    b.agent->settings.Server = server.address();
+    std::printf("simulator on the agent's own loop at %s:5003\n", server.address().c_str());
+    RunAll(*b.agent);
+  }
+  std::error_code ec;
+  fs::remove_all(folder, ec);
+  return 0;
+}

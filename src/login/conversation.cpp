@@ -1,0 +1,314 @@
+#include "login/conversation.h"
+
+#include <array>
+#include <vector>
+
+#include "common/errors.h"
+#include "common/files.h"
+#include "common/host_identity.h"
+#include "common/logging.h"
+#include "common/text.h"
+#include "config/configuration.h"
+#include "config/result_files.h"
+#include "listener/listener.h"
+#include "service/agent.h"
+#include "siblings/messaging.h"
+
+namespace tdacli {
+
+namespace {
+
+constexpr std::string_view kGreeting = "TD Agent Connect OK";
+constexpr std::string_view kDisconnect = "TD Agent Disconnect OK";
+constexpr std::string_view kNoMatchingWinName = "NoMatchingWinName";
+
+using Match = bool (*)(const Agent& agent, std::string_view data);
+using Action = void (*)(Agent& agent, const std::string& data, const RequestSink& send);
+
+struct ReplyRule {
+  std::string_view label;
+  Match matches;
+  Action act;
+};
+
+bool Kind(const Agent& agent, std::string_view kind) { return agent.login.LoginRequestKind == kind; }
+
+// Live id reply: "TDLIVEID", one separator character, then id, repeater address, repeater port and the
+// peer-to-peer flag separated by ":". Fields that are missing leave their values as they were.
+void StoreLiveId(Agent& agent, const std::string& data) {
+  LoginState& l = agent.login;
+  std::vector<std::string> field;
+  const int n = SplitString(Mid(data, 10), ":", field);
+  if (n >= 1) l.TDLiveID = field[1];
+  if (n >= 2) l.RepeaterIP = field[2];
+  if (n >= 3) l.RepeaterPort = field[3];
+  if (n >= 4) {
+    l.PeerToPeerCapable = false;
+    l.PeerToPeerCapable = field[4] == "T";
+  }
+}
+
+// The server names folders with the tokens "c:\%windir%\" and "c:\%appdir%\"; the value is lower-cased
+// first so that they match whatever case the server used.
+std::string LocalTempFromReply(Agent& agent, const std::string& value) {
+  std::string v = Lower(value);
+  v = ReplaceAll(v, "c:\\%windir%\\", GetWindowsFolder(agent));
+  v = ReplaceAll(v, "c:\\%appdir%\\", agent.app_folder);
+  return v;
+}
+
+void UpdateListeningPorts(Agent& agent, const std::string& data) {
+  std::string& ports = agent.settings.ListeningPorts;
+  const std::string old = ports;
+  ports = Mid(data, 12);
+  const std::string now = ports;  // the save reloads the settings; log the value received
+  LogMessage(agent, "Login Server Sent Listening Ports (" + now + ")", "Trace");
+  if (now == old) {
+    LogMessage(agent, "Listening Ports did not change from original value of (" + now + ")", "Trace");
+    return;
+  }
+  // "Registry" is what the suite has always called the configuration file.
+  if (SaveListeningPorts(agent))
+    LogMessage(agent, "Updated Registry with new Listening Ports (" + now + ")", "Trace");
+  else
+    LogMessage(agent, "Error Updating Registry with new Listening Ports (" + now + ")", "Error");
+}
+
+// In user-session mode the Agent Explorer listener is opened only once a user has logged in.
+void ReopenListenerAfterLogin(Agent& agent) {
+  auto& listener = agent.listener();
+  int tries = 0;
+  for (;;) {
+    if (!agent.UserSessionMode()) return;
+    listener.CloseListener();
+    agent.DoEvents();
+    const platform::SocketError error =
+        listener.Listen(static_cast<uint16_t>(listener::GetListeningPort(agent)));
+    if (!error || tries >= 5) break;
+    ++tries;
+    LogMessage(agent,
+               "Error opening listening socket [Port=" + std::to_string(listener.Listener().LocalPort()) +
+                   "], attempting again [Tries=" + std::to_string(tries) + "], [Error=" + error.description + "]",
+               "Warning!");
+    agent.WaitSeconds(2);
+    if (agent.Ended()) return;
+  }
+  // Written after the last failed try as well: the siblings are told in any case.
+  LogMessage(agent, "Service is Now Listening on Port (" + std::to_string(listener.Listener().LocalPort()) + ")",
+             "Trace");
+  MakeRequestFile(agent, "TDACSC", "Code=135");
+  MakeRequestFile(agent, "TDACLM", "Code=135");
+}
+
+void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) {
+  LoginState& l = agent.login;
+  Settings& s = agent.settings;
+  // Asked as "USETRACE", answered as "AGENTTRACE": the value may carry "webcam" and the web-cam flag.
+  const std::string value = Mid(data, 11);
+  const std::string lower = Lower(value);
+  LogMessage(agent, "Login Server Sent UseTrace of (" + value + "), Sending Disconnect Signal", "Trace");
+  l.UseWebCam = false;
+  s.UseTrace = "False";
+  const size_t p = lower.find("webcam");
+  if (p != std::string::npos) {
+    s.UseTrace = value.substr(0, p);
+    l.UseWebCam = Contains(lower, "webcamtrue");
+  } else {
+    s.UseTrace = value;
+  }
+  l.ProtocolDone = true;
+  l.LoginSucceeded = true;
+  send(kDisconnect);
+
+  const std::string ftp_file = agent.AppPath("TDACFTP.INI");
+  if (FileExists(ftp_file)) DeleteFile(agent, ftp_file);
+  SaveFtpCredentials(agent);
+  const std::string mask_file = agent.AppPath("TDIPMASK.INI");
+  if (l.ValidIPMask.empty()) {
+    if (FileExists(mask_file)) DeleteFile(agent, mask_file);
+  } else {
+    SaveValidIPMask(agent, l.ValidIPMask);
+  }
+  SaveConfiguration(agent);
+  ReopenListenerAfterLogin(agent);
+}
+
+// The rules in the order they are tested; the first that matches handles the reply. Rules 1 and 3 are
+// split by `LoginRequestKind` only: every kind but "Logoff" answers the greeting with the user name,
+// and every kind but "Login" answers "ID OK" with the status.
+const std::array<ReplyRule, 18>& Rules() {
+  static const std::array<ReplyRule, 18> rules = {{
+      {"1",
+       [](const Agent& a, std::string_view d) { return d == kGreeting && !Kind(a, "Logoff"); },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         LogMessage(a, "Connected To Login Server OK, Sending UserName (" + a.settings.CurrentUser + ")", "Trace");
+         send("ID" + a.settings.CurrentUser);
+       }},
+      {"1'",
+       [](const Agent& a, std::string_view d) { return d == kGreeting && Kind(a, "Logoff"); },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         // The address goes out as it stands when the greeting arrives, even empty.
+         const std::string request = "Logoff" + a.settings.CurrentUser + ":" + a.local_ip;
+         LogMessage(a, "Connected To TD Server OK, Sending Logoff of UserName (" + a.settings.CurrentUser + ")",
+                    "Trace");
+         send(request);
+       }},
+      {"2", [](const Agent&, std::string_view d) { return d == "LOGOFF=OKAY"; },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         LogMessage(a, "TD Server Sent 'Logoff = Okay', Sending Disconnect Signal", "Trace");
+         a.login.ProtocolDone = true;
+         a.login.LogoffSucceeded = true;
+         send(kDisconnect);
+       }},
+      {"3", [](const Agent& a, std::string_view d) { return d == "ID OK" && !Kind(a, "Login"); },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         const std::string status = std::to_string(a.TempAccessStatus);
+         LogMessage(a, "Login Server Received UserName OK, Sending STATUS (" + status + ")", "Trace");
+         send("STATUS" + status);
+       }},
+      {"3'", [](const Agent& a, std::string_view d) { return d == "ID OK" && Kind(a, "Login"); },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         if (a.local_ip.empty()) DetermineLocalIP(a);
+         LogMessage(a, "Login Server Received UserName OK, Sending IP (" + a.local_ip + ")", "Trace");
+         send("IP" + a.local_ip);
+       }},
+      {"4", [](const Agent&, std::string_view d) { return d == "IP Addr OK"; },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         LogMessage(a, "Login Server Received IP OK, Sending Extension (" + a.settings.Ext + ")", "Trace");
+         send("EX" + a.settings.Ext);
+       }},
+      {"5", [](const Agent&, std::string_view d) { return d == "EXT OK"; },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         LogMessage(a, "Login Server Received Extension OK, Sending Request for TD Live ID", "Trace");
+         send("TDLIVEID");
+       }},
+      {"6", [](const Agent&, std::string_view d) { return StartsWith(d, "TDLIVEID"); },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         StoreLiveId(a, d);
+         LogMessage(a, "Login Server Sent TD Live ID (" + d + "), Sending Request for Server Temp Folder", "Trace");
+         send("SERVERTEMP");
+       }},
+      // Pushed by the server at any time; nothing is answered.
+      {"7", [](const Agent&, std::string_view d) { return StartsWith(d, "100SCREEN"); },
+       [](Agent& a, const std::string& d, const RequestSink&) {
+         a.login.HundredScreensParam = Mid(d, 10);
+         LogMessage(a, "Login Server Sent 100% Screens Param of (" + a.login.HundredScreensParam + ")!", "Trace");
+         a.DoEvents();
+       }},
+      {"8",
+       [](const Agent&, std::string_view d) { return StartsWith(d, "SERVERTEMP") && Mid(d, 11) != kNoMatchingWinName; },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         a.settings.SvrTemp = Mid(d, 11);
+         LogMessage(a, "Login Server Sent Server Temp Folder (" + a.settings.SvrTemp +
+                           "), Sending Request for Local Temp Folder",
+                    "Trace");
+         send("LOCALTEMP");
+       }},
+      {"8'",
+       [](const Agent&, std::string_view d) { return StartsWith(d, "SERVERTEMP") && Mid(d, 11) == kNoMatchingWinName; },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         a.settings.SvrTemp = Mid(d, 11);
+         const std::string text =
+             "The windows login name of (" + a.settings.CurrentUser + ") does not exist in the TD Agent Database!";
+         LogMessage(a, text, "Error");
+         a.login.LastLoginResult = "[ERROR]" + text;
+         a.login.LoginSucceeded = false;
+         a.login.ProtocolDone = true;
+         send(kDisconnect);
+       }},
+      // A bare "LISTENPORTS" is taken here and ignored, so it never counts as unexpected data.
+      {"9", [](const Agent&, std::string_view d) { return StartsWith(d, "LISTENPORTS"); },
+       [](Agent& a, const std::string& d, const RequestSink&) {
+         if (d.size() >= 12) UpdateListeningPorts(a, d);
+       }},
+      {"10", [](const Agent&, std::string_view d) { return StartsWith(d, "LOCALTEMP"); },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         a.settings.LocalTemp = LocalTempFromReply(a, Mid(d, 10));
+         LogMessage(a, "Login Server Sent Local Temp Folder (" + a.settings.LocalTemp + "), Sending Request for KekInfo",
+                    "Trace");
+         send("KEKINFO");
+       }},
+      {"11", [](const Agent&, std::string_view d) { return StartsWith(d, "KEKINFO"); },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         a.login.KekInfo = Mid(d, 8);
+         LogMessage(a, "Login Server Sent KekInfo (" + a.login.KekInfo + "), Sending Request for ValidIPMask", "Trace");
+         send("VALIDIPMASK");
+       }},
+      {"12", [](const Agent&, std::string_view d) { return StartsWith(d, "VALIDIPMASK"); },
+       [](Agent& a, const std::string& d, const RequestSink& send) {
+         a.login.ValidIPMask = Mid(d, 12);
+         LogMessage(a, "Login Server Sent Valid IP Mask (" + a.login.ValidIPMask + "), Sending Request for UseTrace",
+                    "Trace");
+         send("USETRACE");
+       }},
+      {"13", [](const Agent&, std::string_view d) { return StartsWith(d, "AGENTTRACE"); }, EndOfLogin},
+      {"14", [](const Agent&, std::string_view d) { return d == "STATUS OK"; },
+       [](Agent& a, const std::string&, const RequestSink& send) {
+         LogMessage(a, "Login Server Received Status Ok, Sending Disconnect Signal", "Trace");
+         a.login.ProtocolDone = true;
+         send(kDisconnect);
+       }},
+      {"15", [](const Agent&, std::string_view) { return true; },
+       [](Agent& a, const std::string& d, const RequestSink&) {
+         LogMessage(a, "Received Unexpected Data During Protocol: " + d, "Error");
+         a.login.ProtocolDone = true;
+       }},
+  }};
+  return rules;
+}
+
+const ReplyRule& RuleFor(const Agent& agent, std::string_view data) {
+  for (const ReplyRule& rule : Rules())
+    if (rule.matches(agent, data)) return rule;
+  return Rules().back();
+}
+
+void Trapped(Agent& agent, long number, const std::string& description) {
+  LogMessage(agent,
+             "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(number) + ": " + description,
+             "Error");
+  agent.login.ProtocolDone = true;
+}
+
+template <typename Fn>
+void WithTrap(Agent& agent, Fn&& fn) {
+  try {
+    fn();
+  } catch (const SendFault& fault) {
+    Trapped(agent, fault.number, fault.what());
+  } catch (const std::exception& e) {
+    const TrappedError error = Describe(e);
+    Trapped(agent, error.number, error.description);
+  }
+}
+
+}  // namespace
+
+std::string_view ReplyRuleFor(const Agent& agent, std::string_view data) { return RuleFor(agent, data).label; }
+
+void DispatchReply(Agent& agent, const std::string& data, const RequestSink& send) {
+  RuleFor(agent, data).act(agent, data, send);
+}
+
+void HandleReply(Agent& agent, const std::string& data, const RequestSink& send) {
+  WithTrap(agent, [&] { DispatchReply(agent, data, send); });
+}
+
+void Broadcast_DataArrival(Agent& agent, size_t /*bytes*/) {
+  WithTrap(agent, [&] {
+    auto& socket = agent.Broadcast;
+    auto connected = [&socket] { return socket.State() == platform::TcpSocket::kConnected; };
+    if (!connected()) agent.WaitUntil(30, connected);
+    if (agent.Ended()) return;
+    if (!connected()) {
+      LogMessage(agent, "Socket received data but was not connected", "Error");
+      return;
+    }
+    const std::string data = socket.GetData();
+    DispatchReply(agent, data, [&socket](std::string_view request) {
+      if (platform::SocketError error = socket.SendData(request)) throw SendFault(error.number, error.description);
+    });
+  });
+}
+
+}  // namespace tdacli

@@ -1,0 +1,12 @@
+#pragma once
+// The login web service: used instead of the line protocol when the `Server` setting holds a web
+// address (any text with ":"). The drivers hand the whole request over here and do nothing else.
+namespace tdacli {
+
+class Agent;
+
+void WebService_LoginUser(Agent& agent);
+void WebService_LogOffUser(Agent& agent);
+void WebService_LoginStatus(Agent& agent);
+
+}  // namespace tdacli
