@@ -10,21 +10,10 @@
 #include <vector>
 
 #include "common/logging.h"
-#include "platform/platform.h"
+#include "bench_agent.h"
 #include "service/agent.h"
 
 namespace {
-
-class BenchHost : public tdacli::platform::ServiceHost {
- public:
-  bool StartedByServiceManager() const override { return true; }
-  bool IsInstalled() override { return true; }
-  bool Install(const std::string&, const std::string&) override { return false; }
-  bool Uninstall() override { return false; }
-  void Attach(tdacli::platform::ServiceEvents) override {}
-  void ReportRunning() override {}
-  void ReportStopped() override {}
-};
 
 double CpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 
@@ -34,14 +23,9 @@ int main(int argc, char** argv) {
   using namespace tdacli;
   const int wait_seconds = argc > 1 ? std::atoi(argv[1]) : 5;
   const int log_calls = argc > 2 ? std::atoi(argv[2]) : 20000;
-  auto dir = std::filesystem::temp_directory_path() / ("tdacli-bench-" + std::to_string(std::time(nullptr)));
-  std::filesystem::create_directories(dir);
-  auto sys = platform::MakeSystemFacilities(dir.string());
-  BenchHost host;
-  AgentOptions o;
-  o.exe_folder = dir.string();
-  Agent agent({*sys.clock, *sys.host, *sys.event_log, *sys.service_control, *sys.dialogs, host}, o);
-  agent.local_ip = "127.0.0.1";
+  bench::BenchFolder dir("tdacli-idle-bench");
+  bench::BenchAgent b(dir.path());
+  Agent& agent = *b.agent;
   // The agent's own timers run as in service: the request-file timer ticks every second.
   agent.tmrMessage.on_tick = [] {};
   agent.tmrMessage.SetEnabled(true);
@@ -67,7 +51,5 @@ int main(int argc, char** argv) {
   std::sort(costs.begin(), costs.end());
   std::printf("LogMessage (both trace files): median %.1f us, 99th percentile %.1f us over %d calls\n",
               costs[costs.size() / 2], costs[costs.size() * 99 / 100], log_calls);
-  std::error_code ec;
-  std::filesystem::remove_all(dir, ec);
   return 0;
 }

@@ -13,46 +13,16 @@
 #include "login/drivers.h"
 #include "login_server.h"
 #include "platform/clock.h"
+#include "bench_agent.h"
 #include "service/agent.h"
 
 namespace {
 
 using namespace tdacli;
+using bench::BenchAgent;
 
 constexpr int kRuns = 1000;
 constexpr int kWarmUp = 20;
-
-class BenchHost : public platform::HostIdentity {
- public:
-  std::string ComputerNameEx(int) override { return "BENCH"; }
-  std::string ComputerNameRaw() override { return std::string("BENCH") + '\0'; }
-  std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
-  platform::OsVersion Version() override { return {10, 0, true}; }
-  std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
-};
-class NoEventLog : public platform::EventLog {
- public:
-  void Write(int, const std::string&) override {}
-};
-class NoServiceControl : public platform::ServiceControlClient {
- public:
-  unsigned long SendControl(const std::string&, int) override { return 0; }
-};
-class NoDialogs : public platform::Dialogs {
- public:
-  void Information(const std::string&, const std::string&) override {}
-};
-class NoServiceHost : public platform::ServiceHost {
- public:
-  bool StartedByServiceManager() const override { return true; }
-  bool IsInstalled() override { return true; }
-  bool Install(const std::string&, const std::string&) override { return true; }
-  bool Uninstall() override { return true; }
-  void Attach(platform::ServiceEvents) override {}
-  void ReportRunning() override {}
-  void ReportStopped() override {}
-};
 
 loginsim::UserTable Users() {
   loginsim::UserRecord u;
@@ -95,25 +65,6 @@ void Print(const char* what, const Figures& f) {
               f.max_ms, f.failed, kRuns);
 }
 
-struct BenchAgent {
-  explicit BenchAgent(const std::string& folder) {
-    AgentOptions o;
-    o.exe_folder = folder;
-    agent = std::make_unique<Agent>(
-        AgentFacilities{*clock, host, event_log, service_control, dialogs, service_host}, o);
-    WireLoginClient(*agent);
-    agent->local_ip = "192.168.5.20";
-    agent->settings.CurrentUser = "jsmith";
-  }
-  std::unique_ptr<platform::Clock> clock = platform::MakeSystemClock();
-  BenchHost host;
-  NoEventLog event_log;
-  NoServiceControl service_control;
-  NoDialogs dialogs;
-  NoServiceHost service_host;
-  std::unique_ptr<Agent> agent;
-};
-
 void RunAll(Agent& a) {
   Print("login", Measure([&] {
           LoginUser(a);
@@ -144,6 +95,7 @@ int main() {
   {
     fs::create_directories(folder / "thread");
     BenchAgent b((folder / "thread").string());
+    WireLoginClient(*b.agent);
     loginsim::LoginServerThread server(Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());
@@ -157,6 +109,7 @@ int main() {
   {
     fs::create_directories(folder / "loop");
     BenchAgent b((folder / "loop").string());
+    WireLoginClient(*b.agent);
     loginsim::LoginServer server(b.agent->loop(), Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());

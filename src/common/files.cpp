@@ -17,6 +17,8 @@ namespace tdacli {
 bool FolderExists(std::string path) {
   if (!path.empty() && (path.back() == kSep || path.back() == '\\')) path.pop_back();
   if (path.empty()) return false;
+  // The C runtime reports a bare drive ("C:", left over from "C:\") as missing: test its root.
+  if (kSep == '\\' && path.size() == 2 && path[1] == ':') path += kSep;
   std::error_code ec;
   return fs::is_directory(fs::u8path(path), ec);
 }

@@ -25,7 +25,9 @@ void AppendWithLimit(const std::string& path, const std::string& block, const st
     std::ofstream f(std::filesystem::u8path(path), std::ios::binary | std::ios::app);
     if (!f) return;
     f.write(block.data(), static_cast<std::streamsize>(block.size()));
-    if (!f) return;
+    // Flushed first: with the Windows C runtime an appending stream only learns that it writes at the
+    // end of the file when the data goes out, so before that its position counts from 0.
+    if (!f.flush()) return;
     size = static_cast<long long>(f.tellp());
   }
   if (size > kLogSizeLimit) {

@@ -1,6 +1,8 @@
 #pragma once
 // Factory for the real facilities of the running OS.
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "platform/clock.h"
 #include "platform/host_identity.h"
@@ -24,6 +26,8 @@ std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string
 
 // The running host's own identity (names, adapter addresses, version, Windows folder).
 std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
+// Sends user-defined control codes to the suite's services installed beside the agent in app_folder.
+std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string& app_folder);
 
 // Runs `program(host)` as the service process: on Windows under the service control dispatcher when
 // the service manager started us, otherwise directly. Returns the process exit code.

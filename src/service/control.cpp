@@ -3,8 +3,14 @@
 #include <string>
 
 #include "common/errors.h"
+#include "common/files.h"
 #include "common/logging.h"
+#include "config/configuration.h"
+#include "login/drivers.h"
 #include "service/agent.h"
+#include "siblings/messaging.h"
+#include "triggers/capture_files.h"
+#include "triggers/frames.h"
 
 namespace tdacli {
 
@@ -22,9 +28,34 @@ void Service_Continue(Agent& agent) {
              "Warning");
 }
 
+void RunServiceMessageLogin(Agent& agent) {
+  LoadConfiguration(agent);
+  LogMessage(agent,
+             "Received notification user (" + agent.settings.CurrentUser +
+                 ") just logged in, updating TD Server via SERVICE MESSAGE login.",
+             "Trace");
+  LoginUser(agent);
+  if (agent.Ended()) return;
+  if (agent.login.LoginSucceeded) {
+    if (agent.settings.SvrTemp != "NoScreenCapture") {
+      CheckTempFolderAccess(agent);
+      LoginStatus(agent);
+    }
+    if (agent.login.LoginSucceeded) {
+      if (!agent.login.HundredScreensParam.empty()) Make100ScreensParamFile(agent);
+      HandleWebCamTrigger(agent);
+    }
+  }
+  // Whatever the outcome: capture activity without parameters goes, and TDACMT hears of the login.
+  if (!FileExists(agent.AppPath("100ScreenParam.TXT"))) WipeOut(agent);
+  NotifyMediaTransferLogin(agent);
+}
+
 void Service_Control(Agent& agent, int code) {
   try {
     switch (code) {
+      case 128: RunServiceMessageLogin(agent); break;
+      case 133: DoUserLogOff(agent); break;
       case 131: agent.MediaTransferReply = 1; break;
       case 132: agent.MediaTransferReply = 2; break;
       case 141: agent.TraceFileReply = "1"; break;

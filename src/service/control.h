@@ -8,5 +8,7 @@ class Agent;
 void Service_Pause(Agent& agent);
 void Service_Continue(Agent& agent);
 void Service_Control(Agent& agent, int code);
+// Code 128: a user has logged on; the whole login chain.
+void RunServiceMessageLogin(Agent& agent);
 
 }  // namespace tdacli

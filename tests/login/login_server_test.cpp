@@ -254,6 +254,16 @@ std::string ServerProgram() {
 #endif
 }
 
+// Runs a command line through the shell. cmd.exe drops the first and the last quote of a line that
+// starts with one, so there the whole line is quoted once more.
+int Shell(const std::string& command) {
+#ifdef _WIN32
+  return std::system(("\"" + command + "\"").c_str());
+#else
+  return std::system(command.c_str());
+#endif
+}
+
 // Starts the program in the background; it ends by itself (--once, --exit-after).
 void StartInBackground(const std::vector<std::string>& args) {
 #ifdef _WIN32
@@ -273,12 +283,12 @@ void StartInBackground(const std::vector<std::string>& args) {
 TEST(LoginServerProgram, HelpDescribesUsageAndUsersFile) {
   testing::TempDir dir;
   const std::string out = dir.File("help.txt");
-  ASSERT_EQ(std::system(("\"" + ServerProgram() + "\" --help > \"" + out + "\"").c_str()), 0);
+  ASSERT_EQ(Shell("\"" + ServerProgram() + "\" --help > \"" + out + "\""), 0);
   const std::string help = testing::ReadFile(out);
   EXPECT_NE(help.find("Usage: td-login-server --listen ADDRESS[:PORT] --users FILE"), std::string::npos);
   EXPECT_NE(help.find("[jsmith]"), std::string::npos);
   EXPECT_NE(help.find("two-in-one"), std::string::npos);
-  EXPECT_NE(std::system(("\"" + ServerProgram() + "\" --fault loud > \"" + out + "\" 2>&1").c_str()), 0);
+  EXPECT_NE(Shell("\"" + ServerProgram() + "\" --fault loud > \"" + out + "\" 2>&1"), 0);
 }
 
 TEST(LoginServerProgram, ServesAnAgentLoginEndToEndAndWritesTheTranscript) {

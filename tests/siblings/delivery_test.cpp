@@ -26,8 +26,9 @@ struct Delivery : ::testing::Test {
       if (service != "TDACMT" || sent != 130) return;
       auto timer = std::make_shared<platform::Timer>(t->loop());
       timer->SetInterval(delay_ms);
-      timer->on_tick = [this, code, timer] {
-        timer->SetEnabled(false);
+      // `timers` owns the timer; the handler holds it by plain pointer so that no cycle keeps it alive.
+      timer->on_tick = [this, code, raw = timer.get()] {
+        raw->SetEnabled(false);
         Service_Control(*t, code);
       };
       timer->SetEnabled(true);

@@ -17,8 +17,6 @@
 
 namespace tdacli::platform {
 
-std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
-
 std::string ControlEndpointPath(const std::string& app_folder, const std::string& service) {
   std::string p = app_folder;
   if (!p.empty() && p.back() != '/') p += '/';

@@ -1,0 +1,46 @@
+#!/bin/bash
+# Windows build and tests on a Debian machine: cross-compiles the "windows" preset with mingw-w64 and
+# runs every test under Wine (the portable tests, the Windows platform tests and the service round
+# trip). Installs the Debian packages it needs when they are missing. Exit code: ctest's.
+#
+#   scripts/windows-tests.sh            (JOBS=<n> to change the build and test parallelism, default 2)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+JOBS=${JOBS:-2}
+
+# --- packages (mingw-w64, Wine, CMake, Ninja, the GoogleTest sources)
+scripts/install-deps.sh windows
+
+# --- build
+cmake --preset windows
+cmake --build --preset windows -j "$JOBS"
+
+# --- Wine: the build tree's private prefix, one server for the whole run
+WINE=/usr/lib/wine/wine64
+WINESERVER=/usr/lib/wine/wineserver
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+export WINEPREFIX="$PWD/build/windows/wineprefix"
+export WINEDEBUG=-all
+export WINEDLLOVERRIDES="mscoree,mshtml="
+export DISPLAY=
+
+if [ ! -f "$WINEPREFIX/system.reg" ]; then
+  echo "Initialising the Wine prefix $WINEPREFIX"
+  # Created once before any test: tests started in parallel would race to create it.
+  "$WINE" wineboot -i >/dev/null 2>&1
+  "$WINESERVER" -w
+fi
+"$WINESERVER" -p
+stop_server() { "$WINESERVER" -k >/dev/null 2>&1 || true; }
+trap stop_server EXIT
+# The first program under a new server starts Wine's system processes (service manager, devices),
+# which keep its standard output open for as long as they run: start them here, away from the output
+# pipes through which ctest waits for each test to finish.
+"$WINE" wineboot </dev/null >/dev/null 2>&1
+
+# --- tests
+set +e
+ctest --test-dir build/windows -j "$JOBS" --output-on-failure --timeout 600
+rc=$?
+set -e
+exit $rc

@@ -1,0 +1,24 @@
+# Windows only, end to end under Wine: tdacli.exe installed, started, controlled, stopped and removed as
+# a real service, driven by a small test client of the service manager (tests/wine/svctool.cpp); and
+# tdacli.exe started by hand in user-session mode.
+if(WIN32)
+  add_executable(svctool ${CMAKE_CURRENT_SOURCE_DIR}/wine/svctool.cpp)
+  target_link_libraries(svctool PRIVATE tdacli_platform)
+
+  add_test(NAME WineService.RoundTrip
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/wine/service_roundtrip.sh
+      --tdacli $<TARGET_FILE:tdacli>
+      --svctool $<TARGET_FILE:svctool>
+      --work ${CMAKE_CURRENT_BINARY_DIR}/wine-service
+      --revision ${TDACLI_REVISION})
+  set_tests_properties(WineService.RoundTrip PROPERTIES TIMEOUT 600 PASS_REGULAR_EXPRESSION "PASS: service round trip")
+
+  # Started by hand beside "thinterminal.dat": user-session mode, stopped with Ctrl+C.
+  add_test(NAME WineService.UserSessionCtrlC
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/wine/user_session.sh
+      --wine-run ${CMAKE_SOURCE_DIR}/cmake/wine-run.sh
+      --prefix ${CMAKE_BINARY_DIR}/wineprefix
+      --tdacli $<TARGET_FILE:tdacli>
+      --work ${CMAKE_CURRENT_BINARY_DIR}/wine-user-session)
+  set_tests_properties(WineService.UserSessionCtrlC PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: user session")
+endif()

@@ -1,0 +1,159 @@
+#!/bin/bash
+# tdacli.exe as a real Windows service under Wine, end to end:
+#   install with "/s" -> start through the service manager -> start-up banner "Running As: WinService"
+#   -> user-defined control code 200 and pause/continue reach the agent -> stop through the service
+#   manager -> STOP banner -> "/u /s" removes the service and its event source.
+# Runs in a private Wine prefix whose service manager is started by this script with
+# WINEDEBUG=+eventlog, so that the service's event-log entries (Wine writes them to its "eventlog"
+# debug channel) land in wine-stderr.log and can be checked too.
+#
+#   service_roundtrip.sh --tdacli <tdacli.exe> --svctool <svctool.exe> --work <dir> --revision <n>
+set -u
+
+TDACLI= SVCTOOL= WORK= REVISION=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --tdacli) TDACLI=$2; shift 2 ;;
+    --svctool) SVCTOOL=$2; shift 2 ;;
+    --work) WORK=$2; shift 2 ;;
+    --revision) REVISION=$2; shift 2 ;;
+    *) echo "unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$TDACLI" ] && [ -n "$SVCTOOL" ] && [ -n "$WORK" ] && [ -n "$REVISION" ] || { echo "missing arguments" >&2; exit 2; }
+
+WINE=/usr/lib/wine/wine64
+WINESERVER=/usr/lib/wine/wineserver
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
+APP=$WORK/app
+LOG=$WORK/wine-stderr.log
+export WINEPREFIX=$WORK/prefix
+export WINEDEBUG=+eventlog
+export WINEDLLOVERRIDES="mscoree,mshtml="
+export DISPLAY=
+
+rm -rf "$WORK"
+mkdir -p "$APP"
+cp "$TDACLI" "$APP/tdacli.exe"
+# Any free listening port: the fixed default may be taken on a build machine.
+printf 'ListeningPorts=0,0,0,0\r\n' >"$APP/TDRegInfo.TXT"
+
+cleanup() { "$WINESERVER" -k >/dev/null 2>&1 || true; }
+trap cleanup EXIT
+
+step() { echo "== $*"; }
+fail() {
+  echo "FAIL: $*"
+  for f in "$APP"/*TraceFile.TXT; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 40 "$f"; }
+  done
+  echo "--- wine-stderr.log (last lines)"
+  tail -n 40 "$LOG" 2>/dev/null
+  exit 1
+}
+svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+agent() { (cd "$APP" && "$WINE" tdacli.exe "$@" >>"$LOG" 2>&1); }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+# Waits up to $2 seconds for the fixed text $1 in the program trace.
+wait_trace() {
+  local deadline=$((SECONDS + $2)) f
+  while [ $SECONDS -le $deadline ]; do
+    f=$(program_trace)
+    [ -n "$f" ] && grep -qF -- "$1" "$f" && return 0
+    sleep 0.5
+  done
+  return 1
+}
+
+step "private prefix and service manager"
+# Create the prefix and let every set-up process finish, so that nothing rewrites the service
+# database under the test.
+WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
+"$WINESERVER" -w
+# One server for the rest of the run; the first program started under it starts the service manager,
+# which thereby inherits this environment and standard error.
+"$WINESERVER" -p
+"$WINE" wineboot >>"$LOG" 2>&1 || fail "wineboot"
+
+step "version resource"
+ver=$(svctool version "$(cd "$APP" && pwd)/tdacli.exe") || fail "no version resource: $ver"
+echo "$ver"
+for want in "fixed=3.0.0.$REVISION" "CompanyName=Tyndrel" "FileDescription=TD - Agent Client Login Service" \
+            "FileVersion=3.0.0.$REVISION" "InternalName=tdacli" "OriginalFilename=tdacli.exe" \
+            "ProductName=Tyndrel Agent Client" "ProductVersion=3.0.0.$REVISION"; do
+  grep -qxF -- "$want" <<<"$ver" || fail "version resource lacks '$want'"
+done
+grep -q '^LegalCopyright=.*Tyndrel' <<<"$ver" || fail "version resource lacks the copyright"
+
+step "install: tdacli.exe /s"
+agent /s || fail "tdacli.exe /s exited with $?"
+out=$(svctool installed TDACLI) || fail "service not installed: $out"
+cfg=$(svctool config TDACLI) || fail "no configuration: $cfg"
+echo "$cfg"
+for want in "display=TD - Agent Client Login Service" "type=16" "start=2" "account=LocalSystem" \
+            "description=Tyndrel Agent Client Login Service"; do
+  grep -qxF -- "$want" <<<"$cfg" || fail "configuration lacks '$want'"
+done
+grep -q '^binary=.*\\app\\tdacli.exe"\?$' <<<"$cfg" || fail "unexpected binary path"
+# Wine's configuration query leaves the dependencies out; its registry entry holds them.
+svc=$("$WINE" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\TDACLI' 2>>"$LOG" | tr -d '\r')
+grep -q 'DependOnService *REG_MULTI_SZ *lanmanworkstation\(\\0\|$\)' <<<"$svc" || fail "dependency missing: $svc"
+reg=$("$WINE" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TDACLI' 2>>"$LOG" | tr -d '\r')
+grep -q 'EventMessageFile.*REG_EXPAND_SZ.*\\app\\tdacli.exe$' <<<"$reg" || fail "event source not registered: $reg"
+grep -q 'TypesSupported.*0x7' <<<"$reg" || fail "event source types: $reg"
+
+step "a control code to a stopped service"
+out=$(svctool control TDACLI 200); grep -qx 'result=1062' <<<"$out" || fail "expected 1062, got: $out"
+
+step "start through the service manager"
+out=$(svctool start TDACLI) || fail "StartService: $out"
+out=$(svctool wait TDACLI 4 60) || fail "service not running: $out"
+wait_trace "Running As: WinService" 60 || fail "no start-up banner"
+trace=$(program_trace)
+grep -qF "Version: 3.0 (Build: $((100 + REVISION)))" "$trace" || fail "banner lacks the build $((100 + REVISION))"
+grep -q 'Listening Port: [1-9][0-9]*' "$trace" || fail "banner lacks the listening port"
+grep -qF "Information in TDACLI: TD Agent Client Login Service Started" "$trace" || fail "banner category"
+
+step "user-defined control code 200"
+out=$(svctool control TDACLI 200); grep -qx 'result=0' <<<"$out" || fail "ControlService(200): $out"
+wait_trace "Warning in TDACLI: The message (200) was recevied and discarded. The service does not recognize that request" 30 ||
+  fail "code 200 not logged"
+
+step "pause and continue are logged and refused"
+out=$(svctool pause TDACLI) || fail "pause: $out"
+wait_trace "Warning in TDACLI: The service received, and discarded, a 'Pause' request. This service does not accept pause/continue requests." 30 ||
+  fail "pause not logged"
+out=$(svctool continue TDACLI) || fail "continue: $out"
+wait_trace "Warning in TDACLI: The service received, and discarded, a 'Continue' request. This service does not accept pause/continue requests." 30 ||
+  fail "continue not logged"
+out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after pause: $out"
+
+step "stop through the service manager"
+out=$(svctool stop TDACLI) || fail "stop: $out"
+out=$(svctool wait TDACLI 1 60) || fail "service not stopped: $out"
+wait_trace "*  STOP  *" 30 || fail "no STOP banner"
+tail -n 4 "$trace" | sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' | tr -d '\r' >"$WORK/tail.txt"
+printf '%s\n' "Information in TDACLI: TD Agent Client Login Service Stopped" \
+  "Information in TDACLI: **********" "Information in TDACLI: *  STOP  *" "Information in TDACLI: **********" \
+  >"$WORK/tail.expected"
+diff "$WORK/tail.expected" "$WORK/tail.txt" || fail "trace does not end with the STOP banner"
+host_trace=$(ls "$APP"/*-TraceFile.TXT | grep -v -- '-TDACLI-TraceFile.TXT$' | head -n 1)
+[ -n "$host_trace" ] || fail "no host-wide trace"
+grep -qF "TD Agent Client Login Service Stopped" "$host_trace" || fail "stop line missing in the host-wide trace"
+! grep -qF "*  STOP  *" "$host_trace" || fail "STOP banner in the host-wide trace"
+
+step "event-log entries reached the eventlog channel"
+grep -qF 'trace:eventlog:ReportEventW L"TD Agent Client Login Service Started' "$LOG" || fail "no information entry"
+grep -qF 'warn:eventlog:ReportEventW L"The message (200) was recevied and discarded' "$LOG" || fail "no warning entry"
+grep -qF 'trace:eventlog:ReportEventW L"TD Agent Client Login Service Stopped"' "$LOG" || fail "no stop entry"
+
+step "uninstall: tdacli.exe /u /s"
+agent /u /s || fail "tdacli.exe /u /s exited with $?"
+out=$(svctool installed TDACLI) && fail "service still installed"
+grep -qx 'installed=no' <<<"$out" || fail "unexpected answer: $out"
+out=$(svctool control TDACLI 200); grep -qx 'result=1060' <<<"$out" || fail "expected 1060, got: $out"
+"$WINE" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TDACLI' >/dev/null 2>&1 &&
+  fail "event source still registered"
+
+echo "PASS: service round trip"
+exit 0
