@@ -20,10 +20,6 @@ struct SystemFacilities {
 
 SystemFacilities MakeSystemFacilities(const std::string& app_folder);
 
-// Sends control codes to the suite's services: through the service manager on Windows, through the
-// services' local endpoints in `app_folder` ("<app folder>/<SERVICE>.svc") elsewhere.
-std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string& app_folder);
-
 // The running host's own identity (names, adapter addresses, version, Windows folder).
 std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
 // Sends user-defined control codes to the suite's services installed beside the agent in app_folder.
