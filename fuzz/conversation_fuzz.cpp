@@ -18,44 +18,13 @@
 #include "listener/listener.h"
 #include "login/conversation.h"
 #include "platform/clock.h"
+#include "platform/quiet_facilities.h"
 #include "service/agent.h"
 
 namespace {
 
 using namespace tdacli;
 namespace fs = std::filesystem;
-
-class FuzzHost : public platform::HostIdentity {
- public:
-  std::string ComputerNameEx(int) override { return "FUZZ"; }
-  std::string ComputerNameRaw() override { return std::string("FUZZ") + '\0'; }
-  std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
-  platform::OsVersion Version() override { return {10, 0, true}; }
-  std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
-};
-class NoEventLog : public platform::EventLog {
- public:
-  void Write(int, const std::string&) override {}
-};
-class NoServiceControl : public platform::ServiceControlClient {
- public:
-  unsigned long SendControl(const std::string&, int) override { return 0; }
-};
-class NoDialogs : public platform::Dialogs {
- public:
-  void Information(const std::string&, const std::string&) override {}
-};
-class NoServiceHost : public platform::ServiceHost {
- public:
-  bool StartedByServiceManager() const override { return true; }
-  bool IsInstalled() override { return true; }
-  bool Install(const std::string&, const std::string&) override { return true; }
-  bool Uninstall() override { return true; }
-  void Attach(platform::ServiceEvents) override {}
-  void ReportRunning() override {}
-  void ReportStopped() override {}
-};
 
 struct Harness {
   Harness() {
@@ -104,11 +73,11 @@ struct Harness {
 
   fs::path folder;
   platform::SimulatedClock clock;
-  FuzzHost host;
-  NoEventLog event_log;
-  NoServiceControl service_control;
-  NoDialogs dialogs;
-  NoServiceHost service_host;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog event_log;
+  platform::QuietServiceControl service_control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
   std::unique_ptr<Agent> agent;
 };
 

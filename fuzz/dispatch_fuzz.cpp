@@ -13,6 +13,7 @@
 #include "listener/listener.h"
 #include "platform/clock.h"
 #include "platform/host_identity.h"
+#include "platform/quiet_facilities.h"
 #include "platform/service_host.h"
 #include "service/agent.h"
 
@@ -20,36 +21,10 @@ namespace {
 
 using namespace tdacli;
 
-class Host : public platform::HostIdentity {
- public:
-  std::string ComputerNameEx(int) override { return "FUZZPC"; }
-  std::string ComputerNameRaw() override { return std::string("FUZZPC") + '\0'; }
-  std::string NetworkUserRaw() override { return std::string("fuzzer") + '\0'; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"10.9.8.7"}}; }
-  platform::OsVersion Version() override { return {10, 0, true}; }
-  std::string WindowsDirectory() override { return "C:\\WINDOWS"; }
-};
-class Events : public platform::EventLog {
- public:
-  void Write(int, const std::string&) override {}
-};
-class Control : public platform::ServiceControlClient {
+// Every message to a sibling fails as for a service that is not installed.
+class Control : public platform::QuietServiceControl {
  public:
   unsigned long SendControl(const std::string&, int) override { return 1060; }
-};
-class NoDialogs : public platform::Dialogs {
- public:
-  void Information(const std::string&, const std::string&) override {}
-};
-class ServiceHost : public platform::ServiceHost {
- public:
-  bool StartedByServiceManager() const override { return true; }
-  bool IsInstalled() override { return true; }
-  bool Install(const std::string&, const std::string&) override { return false; }
-  bool Uninstall() override { return false; }
-  void Attach(platform::ServiceEvents) override {}
-  void ReportRunning() override {}
-  void ReportStopped() override {}
 };
 
 class Discard : public listener::CommandReplies {
@@ -77,11 +52,11 @@ struct World {
   }
   std::filesystem::path dir;
   platform::SimulatedClock clock;
-  Host host;
-  Events events;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog events;
   Control control;
-  NoDialogs dialogs;
-  ServiceHost service_host;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
   std::unique_ptr<Agent> agent;
 };
 
