@@ -10,47 +10,11 @@
 
 #include "platform/clock.h"
 #include "platform/host_identity.h"
+#include "platform/quiet_facilities.h"
 #include "platform/service_host.h"
 #include "service/agent.h"
 
 namespace tdacli::bench {
-
-class BenchHost : public platform::HostIdentity {
- public:
-  std::string ComputerNameEx(int) override { return "BENCH"; }
-  std::string ComputerNameRaw() override { return std::string("BENCH") + '\0'; }
-  std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
-  platform::OsVersion Version() override { return {10, 0, true}; }
-  std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
-};
-class NoEventLog : public platform::EventLog {
- public:
-  void Write(int, const std::string&) override {}
-};
-// Delivers nothing; a benchmark may answer the sends itself.
-class BenchServiceControl : public platform::ServiceControlClient {
- public:
-  std::function<void(const std::string&, int)> on_send;
-  unsigned long SendControl(const std::string& service, int code) override {
-    if (on_send) on_send(service, code);
-    return 0;
-  }
-};
-class NoDialogs : public platform::Dialogs {
- public:
-  void Information(const std::string&, const std::string&) override {}
-};
-class NoServiceHost : public platform::ServiceHost {
- public:
-  bool StartedByServiceManager() const override { return true; }
-  bool IsInstalled() override { return true; }
-  bool Install(const std::string&, const std::string&) override { return true; }
-  bool Uninstall() override { return true; }
-  void Attach(platform::ServiceEvents) override {}
-  void ReportRunning() override {}
-  void ReportStopped() override {}
-};
 
 // A fresh folder under the system's temporary folder, removed at the end.
 class BenchFolder {
@@ -83,11 +47,11 @@ struct BenchAgent {
     agent->settings.CurrentUser = "jsmith";
   }
   std::unique_ptr<platform::Clock> clock = platform::MakeSystemClock();
-  BenchHost host;
-  NoEventLog event_log;
-  BenchServiceControl service_control;
-  NoDialogs dialogs;
-  NoServiceHost service_host;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog event_log;
+  platform::QuietServiceControl service_control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
   std::unique_ptr<Agent> agent;
 };
 

@@ -1,12 +1,39 @@
 #include "listener/listener.h"
 
+#include <exception>
+#include <limits>
+
+#include "common/errors.h"
+#include "common/logging.h"
 #include "service/agent.h"
 
 namespace tdacli::listener {
 
+class CommandListener::HandlerScope {
+ public:
+  explicit HandlerScope(CommandListener& l) : l_(l) { ++l_.handler_depth_; }
+  ~HandlerScope() {
+    if (--l_.handler_depth_ == 0 && !l_.pending_release_.empty() && !l_.release_posted_) {
+      l_.release_posted_ = true;
+      l_.agent_.loop().Post([this_listener = &l_, alive = std::weak_ptr<bool>(l_.alive_)] {
+        if (!alive.expired()) this_listener->FlushReleases();
+      });
+    }
+  }
+  HandlerScope(const HandlerScope&) = delete;
+  HandlerScope& operator=(const HandlerScope&) = delete;
+
+ private:
+  CommandListener& l_;
+};
+
 CommandListener::CommandListener(Agent& agent)
     : agent_(agent), listen_(std::make_unique<platform::TcpSocket>(agent.loop())) {
   listen_->SetLocalPort(5002);
+  listen_->on_connection_request = [this](int64_t request_id) {
+    HandlerScope scope(*this);
+    wsckListen_ConnectionRequest(0, request_id);
+  };
 }
 
 CommandListener::~CommandListener() = default;
@@ -17,5 +44,161 @@ platform::SocketError CommandListener::Listen(uint16_t port) {
 }
 
 void CommandListener::CloseListener() { listen_->Close(); }
+
+CommandListener::Slot* CommandListener::SlotAt(int16_t index) {
+  if (index <= 0 || static_cast<size_t>(index) >= slots_.size()) return nullptr;
+  return &slots_[static_cast<size_t>(index)];
+}
+
+platform::TcpSocket* CommandListener::Element(int16_t index) {
+  if (index == 0) return listen_.get();
+  Slot* s = SlotAt(index);
+  return s ? s->socket.get() : nullptr;
+}
+
+bool CommandListener::ElementCreated(int16_t index) const {
+  if (index == 0) return true;
+  return index > 0 && static_cast<size_t>(index) < slots_.size() && slots_[static_cast<size_t>(index)].created;
+}
+
+int CommandListener::ElementState(int16_t index) {
+  platform::TcpSocket* s = Element(index);
+  return s ? s->State() : platform::TcpSocket::kClosed;
+}
+
+std::string CommandListener::ElementRemoteHostIP(int16_t index) {
+  if (index == 0) return listen_->RemoteHostIP();
+  Slot* s = SlotAt(index);
+  if (!s || !s->created) return "";
+  if (s->socket) return s->socket->RemoteHostIP();
+  return s->remote_ip < remote_ips_.size() ? remote_ips_[s->remote_ip] : std::string();
+}
+
+uint32_t CommandListener::InternIP(const std::string& ip) {
+  // Connections come from a handful of consoles and servers: the list stays tiny.
+  for (size_t i = 0; i < remote_ips_.size(); ++i)
+    if (remote_ips_[i] == ip) return static_cast<uint32_t>(i);
+  remote_ips_.push_back(ip);
+  return static_cast<uint32_t>(remote_ips_.size() - 1);
+}
+
+void CommandListener::Wire(int16_t index, platform::TcpSocket& socket) {
+  socket.on_data_arrival = [this, index](size_t bytes) {
+    HandlerScope scope(*this);
+    try {
+      wsckListen_DataArrival(index, bytes);
+    } catch (...) {
+      // A failing command ends its own handling without reply or log line; the listener serves on.
+    }
+  };
+  socket.on_close = [this, index] {
+    HandlerScope scope(*this);
+    wsckListen_Close(index);
+    ReleaseUnusedOlder(index);
+  };
+  socket.on_error = [this, index](int, const std::string&) {
+    HandlerScope scope(*this);
+    ReleaseUnusedOlder(index);
+  };
+}
+
+void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t request_id) {
+  if (index != 0) return;
+  auto fault = [this](long number, const std::string& description) {
+    LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description,
+               "Error");
+  };
+  try {
+    if (ListenConnectionIndex == std::numeric_limits<int16_t>::max()) {
+      fault(6, "Overflow");  // the 16-bit counter cannot go on; the request is refused
+      return;
+    }
+    ++ListenConnectionIndex;
+    const int16_t n = ListenConnectionIndex;
+    if (slots_.size() <= static_cast<size_t>(n)) slots_.resize(static_cast<size_t>(n) + 1);
+    Slot& slot = slots_[static_cast<size_t>(n)];
+    slot.created = true;
+    slot.socket = std::make_unique<platform::TcpSocket>(agent_.loop());
+    platform::TcpSocket& element = *slot.socket;
+    Wire(n, element);
+    // The connection before this one can no longer be addressed; if its peer is already gone, its
+    // socket is of no further use.
+    ReleaseUnusedOlder(static_cast<int16_t>(n - 1));
+    element.SetLocalPort(0);
+    if (platform::SocketError e = element.Accept(*listen_, request_id)) {
+      fault(e.number, e.description);
+      Release(n);
+      return;
+    }
+    slot.remote_ip = InternIP(element.RemoteHostIP());
+    if (platform::SocketError e = element.SendData("|READY|")) {
+      fault(e.number, e.description);
+      return;
+    }
+    agent_.DoEvents();
+  } catch (const std::exception& e) {
+    TrappedError err = Describe(e);
+    fault(err.number, err.description);
+  }
+}
+
+void CommandListener::wsckListen_DataArrival(int16_t /*index*/, size_t /*bytes*/) {
+  // Always the newest connection, not the one that raised the event: with one console at a time
+  // they are the same, and a second console takes over from the first.
+  platform::TcpSocket* element = Element(ListenConnectionIndex);
+  const std::string data = element ? element->GetData() : std::string();
+  DispatchCommand(agent_, data, *this);
+}
+
+void CommandListener::wsckListen_Close(int16_t /*index*/) {
+  try {
+    if (ListenConnectionIndex == 0) {
+      listen_->Close();
+      return;
+    }
+    Release(ListenConnectionIndex);
+  } catch (const std::exception& e) {
+    TrappedError err = Describe(e);
+    LogMessage(agent_, "wsckListen_close() Error - " + std::to_string(err.number) + ":" + err.description, "Error");
+  }
+}
+
+void CommandListener::SendCommandReply(const std::string& reply, std::string_view prefix) {
+  platform::TcpSocket* element = Element(ListenConnectionIndex);
+  if (element && element->State() == platform::TcpSocket::kConnected) {
+    element->SendData(reply);
+    return;
+  }
+  LogMessage(agent_, std::string(prefix) + ElementRemoteHostIP(ListenConnectionIndex) + ") already disconnected!",
+             "Warning");
+}
+
+std::string CommandListener::RemoteHostIP() { return ElementRemoteHostIP(ListenConnectionIndex); }
+
+void CommandListener::Release(int16_t index) {
+  Slot* s = SlotAt(index);
+  if (!s || !s->socket) return;
+  s->socket->Close();
+  pending_release_.push_back(index);
+  if (handler_depth_ == 0) FlushReleases();
+}
+
+void CommandListener::ReleaseUnusedOlder(int16_t index) {
+  if (index <= 0 || index >= ListenConnectionIndex) return;
+  Slot* s = SlotAt(index);
+  if (!s || !s->socket || s->socket->State() == platform::TcpSocket::kConnected) return;
+  Release(index);
+}
+
+void CommandListener::FlushReleases() {
+  release_posted_ = false;
+  if (handler_depth_ != 0) return;  // the outermost handler posts again when it ends
+  std::vector<int16_t> pending;
+  pending.swap(pending_release_);
+  for (int16_t index : pending) {
+    Slot* s = SlotAt(index);
+    if (s && s->socket && s->socket->State() == platform::TcpSocket::kClosed) s->socket.reset();
+  }
+}
 
 }  // namespace tdacli::listener

@@ -2,10 +2,12 @@
 // The command listener for Agent Explorer and the TD Server: element 0 listens; every accepted
 // connection lives under a new, ever-growing index; reads, replies and closes address the newest one.
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "listener/commands.h"
 #include "platform/tcp_socket.h"
 
 namespace tdacli {
@@ -17,10 +19,12 @@ namespace tdacli::listener {
 // The port element 0 listens on, from the second entry of the `ListeningPorts` setting.
 int16_t GetListeningPort(Agent& agent);
 
-class CommandListener {
+class CommandListener : public CommandReplies {
  public:
   explicit CommandListener(Agent& agent);
-  ~CommandListener();
+  ~CommandListener() override;
+  CommandListener(const CommandListener&) = delete;
+  CommandListener& operator=(const CommandListener&) = delete;
 
   // Element 0.
   platform::TcpSocket& Listener() { return *listen_; }
@@ -28,12 +32,57 @@ class CommandListener {
   platform::SocketError Listen(uint16_t port);
   void CloseListener();
 
+  // The element at `index`; nullptr when it was never created or has been closed and released.
+  platform::TcpSocket* Element(int16_t index);
+  // Whether a connection was ever accepted under `index` (elements are never destroyed as such).
+  bool ElementCreated(int16_t index) const;
+  // State of the element as the socket control reports it; a released element is closed (0).
+  int ElementState(int16_t index);
+  // Remote address of the element, kept after it has been closed.
+  std::string ElementRemoteHostIP(int16_t index);
+
+  // The socket array's events (the index is the element that raised the event).
+  void wsckListen_ConnectionRequest(int16_t index, int64_t request_id);
+  void wsckListen_DataArrival(int16_t index, size_t bytes);
+  void wsckListen_Close(int16_t index);
+
+  // CommandReplies: both address the element at `ListenConnectionIndex`.
+  void SendCommandReply(const std::string& reply, std::string_view prefix) override;
+  std::string RemoteHostIP() override;
+
   int16_t ListenConnectionIndex = 0;
   std::string PendingProtocolData;
 
  private:
+  // An accepted connection. Once closed, the socket object is released and only the index of its
+  // remote address stays, so that thousands of finished connections cost a few bytes each.
+  struct Slot {
+    std::unique_ptr<platform::TcpSocket> socket;
+    uint32_t remote_ip = 0;  // index into remote_ips_
+    bool created = false;
+  };
+
+  Slot* SlotAt(int16_t index);
+  void Wire(int16_t index, platform::TcpSocket& socket);
+  // Closes the element's OS socket now; the object itself goes once no handler is running.
+  void Release(int16_t index);
+  void ReleaseUnusedOlder(int16_t index);
+  void FlushReleases();
+  uint32_t InternIP(const std::string& ip);
+
+  // Counts the listener's handlers on the stack: a socket object is never destroyed while one of
+  // them (possibly its own) is running, because waits inside handlers let other events run.
+  class HandlerScope;
+  friend class HandlerScope;
+
   Agent& agent_;
   std::unique_ptr<platform::TcpSocket> listen_;
+  std::vector<Slot> slots_;  // index 1..; slot 0 unused (element 0 is listen_)
+  std::vector<std::string> remote_ips_;
+  std::vector<int16_t> pending_release_;
+  int handler_depth_ = 0;
+  bool release_posted_ = false;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace tdacli::listener

@@ -5,6 +5,7 @@
 #include "common/files.h"
 #include "login/drivers.h"
 #include "login/login_fixture.h"
+#include "service/lifecycle.h"
 
 namespace tdacli {
 namespace {
@@ -510,6 +511,24 @@ TEST(LoginDrivers, ProcessEndingDuringTheWaitStopsTheDriverSilently) {
   LoginUser(*f.t);
   EXPECT_EQ(f.Since(mark).size(), 1u);
   EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+}
+
+// ---- wiring
+
+TEST(LoginDrivers, FormLoadWiresTheLoginClient) {
+  testing::TestAgent t;
+  const std::string dead = LoginFixture().DeadAddress();
+  EXPECT_FALSE(t->Broadcast.on_error);
+  Form_Load(*t);
+  ASSERT_FALSE(t->Ended());
+  t->settings.Server = dead;
+  LoginUser(*t);
+  const auto lines = t.Messages();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[lines.size() - 2],
+            "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10061: Connection is forcefully "
+            "rejected");
+  EXPECT_TRUE(t->Broadcast.on_data_arrival);
 }
 
 }  // namespace

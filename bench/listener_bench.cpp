@@ -1,0 +1,204 @@
+// The command listener of a running tdacli: "|GETINFO|" round trips per second on one connection
+// (each one re-reads "TDRegInfo.TXT" and writes its trace line), and the resident memory and open
+// descriptors of the process before and after 30,000 connect-and-close cycles.
+//   listener_bench [CYCLES] [SECONDS]
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/host_identity.h"
+#include "platform/tcp_socket.h"
+
+#ifndef _WIN32
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
+namespace fs = std::filesystem;
+using namespace tdacli;
+using platform::TcpSocket;
+
+#ifndef _WIN32
+namespace {
+
+struct Client {
+  explicit Client(platform::EventLoop& loop) : loop(loop), socket(loop) {
+    socket.on_data_arrival = [this](size_t) { received += socket.GetData(); };
+    socket.on_close = [this] { closed = true; };
+    socket.on_error = [this](int, const std::string&) { failed = true; };
+  }
+  bool Connect(uint16_t port) {
+    socket.SetRemoteHost("127.0.0.1");
+    socket.SetRemotePort(port);
+    if (socket.Connect()) return false;
+    loop.RunUntil(loop.clock().NowMs() + 5000, [&] { return failed || closed || received.find("|READY|") != std::string::npos; });
+    const bool ok = received.find("|READY|") != std::string::npos;
+    received.clear();
+    return ok;
+  }
+  platform::EventLoop& loop;
+  TcpSocket socket;
+  std::string received;
+  bool closed = false, failed = false;
+};
+
+long ReadRssKb(pid_t pid) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(f, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+  return -1;
+}
+
+long CountFds(pid_t pid) {
+  long n = 0;
+  std::error_code ec;
+  for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec); !ec && it != fs::directory_iterator();
+       it.increment(ec))
+    ++n;
+  return ec ? -1 : n;
+}
+
+// A free port the agent's 16-bit port setting can hold.
+uint16_t FreePort(platform::EventLoop& loop) {
+  const uint16_t first = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
+  for (uint16_t p = first; p < 32700; ++p) {
+    TcpSocket probe(loop);
+    probe.SetLocalPort(p);
+    if (!probe.Listen()) return p;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int cycles = argc > 1 ? std::atoi(argv[1]) : 30000;
+  const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
+  const std::string bin = platform::CurrentProcess().exe_folder;
+  if (!fs::exists(bin + "/tdacli")) {
+    std::fprintf(stderr, "tdacli not found beside the benchmark in %s\n", bin.c_str());
+    return 1;
+  }
+  auto clock = platform::MakeSystemClock();
+  platform::EventLoop loop(*clock);
+
+  const fs::path dir = fs::temp_directory_path() / ("tdacli-listener-bench-" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  fs::copy_file(bin + "/tdacli", dir / "tdacli", fs::copy_options::overwrite_existing);
+  const uint16_t port = FreePort(loop);
+  {
+    std::ofstream f(dir / "TDRegInfo.TXT", std::ios::binary);
+    f << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nServer=127.0.0.1\r\n"
+         "ListeningPorts=1," << port << ",2,3\r\n";
+  }
+  const std::string exe = (dir / "tdacli").string();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0);
+    dup2(null, 1);
+    dup2(null, 2);
+    execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  auto finish = [&](int rc) {
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+    return rc;
+  };
+
+  // The listener opens with the start-up work, about a second after the start.
+  bool up = false;
+  for (int i = 0; i < 100 && !up; ++i) {
+    Client probe(loop);
+    up = probe.Connect(port);
+    probe.socket.Close();
+    if (!up) loop.RunFor(100);
+  }
+  if (!up) {
+    std::fprintf(stderr, "tdacli did not open port %u\n", port);
+    return finish(1);
+  }
+  loop.RunFor(200);
+
+  // Round trips on one connection.
+  Client c(loop);
+  if (!c.Connect(port)) return finish(1);
+  auto one = [&] {
+    c.socket.SendData("|GETINFO|");
+    return loop.RunUntil(clock->NowMs() + 5000, [&] {
+      return c.received.size() > 10 && c.received.back() == ';' && c.received.find("<Pop4Win>") != std::string::npos;
+    });
+  };
+  for (int i = 0; i < 200; ++i) one();  // warm-up
+  c.received.clear();
+  long trips = 0;
+  const auto t0 = std::chrono::steady_clock::now();
+  double elapsed = 0;
+  while (elapsed < seconds) {
+    if (!one()) {
+      std::fprintf(stderr, "GETINFO round trip timed out after %ld\n", trips);
+      return finish(1);
+    }
+    c.received.clear();
+    ++trips;
+    elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  }
+  c.socket.Close();
+  std::printf("GETINFO round trips on one connection: %ld in %.2f s = %.0f per second (goal >= 5000)\n", trips,
+              elapsed, trips / elapsed);
+  loop.RunFor(300);
+
+  // Connect-and-close cycles.
+  const long rss_before = ReadRssKb(pid), fds_before = CountFds(pid);
+  const auto t1 = std::chrono::steady_clock::now();
+  int done = 0, failed = 0;
+  for (int i = 0; i < cycles; ++i) {
+    Client k(loop);
+    if (k.Connect(port))
+      ++done;
+    else
+      ++failed;
+    k.socket.Close();
+  }
+  const double cycle_secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t1).count();
+  loop.RunFor(1500);  // the agent handles the last closes
+  const long rss_after = ReadRssKb(pid), fds_after = CountFds(pid);
+
+  // The agent still answers afterwards.
+  Client last(loop);
+  bool answers = last.Connect(port);
+  if (answers) {
+    last.socket.SendData("|GETINFO|");
+    answers = loop.RunUntil(clock->NowMs() + 5000, [&] { return last.received.find("<Pop4Win>") != std::string::npos; });
+  }
+  last.socket.Close();
+
+  std::printf("connect-and-close cycles: %d greeted, %d failed, %.2f s (%.0f per second)\n", done, failed, cycle_secs,
+              done / cycle_secs);
+  std::printf("tdacli resident memory: %ld KB before, %ld KB after, growth %ld KB (goal <= 2048 KB)\n", rss_before,
+              rss_after, rss_after - rss_before);
+  std::printf("tdacli open descriptors: %ld before, %ld after (goal: back to the start value)\n", fds_before,
+              fds_after);
+  std::printf("tdacli answers GETINFO after the cycles: %s\n", answers ? "yes" : "no");
+  return finish(failed == 0 && answers ? 0 : 1);
+}
+
+#else
+int main() {
+  std::printf("listener_bench measures a tdacli process through /proc and runs on Linux only\n");
+  return 0;
+}
+#endif

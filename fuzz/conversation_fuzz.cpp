@@ -1,0 +1,106 @@
+// Arbitrary login server replies fed to the conversation's reply handler, without a socket. The first
+// byte chooses the circumstances (which exchange runs, an empty local address, user-session mode, a
+// valid IP mask left from before, the Windows version); the rest is the reply.
+//
+// The handler really writes its files (in a temporary application folder, emptied after every input)
+// and really moves the Agent Explorer listener when a reply asks for it, on 127.0.0.1 only. Ports come
+// from the input, so on a shared machine run it in a network namespace of its own:
+//   unshare -rn ./build/fuzz/bin/conversation_fuzz -runs=1000000 -max_len=4096
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/files.h"
+#include "listener/listener.h"
+#include "login/conversation.h"
+#include "platform/clock.h"
+#include "platform/quiet_facilities.h"
+#include "service/agent.h"
+
+namespace {
+
+using namespace tdacli;
+namespace fs = std::filesystem;
+
+struct Harness {
+  Harness() {
+    std::random_device seed;
+    folder = fs::temp_directory_path() / ("tdacli-conversation-fuzz-" + std::to_string(seed()));
+    fs::create_directories(folder);
+    AgentOptions o;
+    o.exe_folder = folder.string();
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, event_log, service_control, dialogs, service_host}, o);
+    agent->listener().Listener().SetLocalHost("127.0.0.1");
+    agent->startup_banner_written = true;
+    clock.idle_grace_ms = 0;  // no peer to wait for: time jumps at once
+  }
+  ~Harness() {
+    agent.reset();
+    std::error_code ec;
+    fs::remove_all(folder, ec);
+  }
+
+  void Prepare(uint8_t flags) {
+    static const char* const kKinds[] = {"Login", "Logoff", "Status", ""};
+    agent->login = LoginState{};
+    agent->login.LoginRequestKind = kKinds[flags & 3];
+    agent->ftp = FtpState{};
+    agent->settings = Settings{};
+    agent->settings.CurrentUser = "jsmith";
+    agent->settings.ListeningPorts = "1,0,2,3";  // any free port unless the reply names one
+    agent->stored_lines = {};
+    agent->TempAccessStatus = static_cast<int16_t>(flags >> 6);
+    agent->local_ip = (flags & 4) ? "" : "192.168.5.20";
+    if (flags & 8) WriteTextFile(agent->AppPath("thinterminal.dat"), "");
+    if (flags & 16) agent->login.ValidIPMask = "192.168.5.";
+    agent->os_code = (flags & 32) ? 10 : 99;
+  }
+
+  // Leaves the folder with the logs only, and the listener closed, for the next input.
+  void Clean() {
+    agent->listener().CloseListener();
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(folder, ec)) {
+      const std::string name = e.path().filename().string();
+      if (name.find("TraceFile.TXT") == std::string::npos && name.find("Error.LOG") == std::string::npos)
+        fs::remove_all(e.path(), ec);
+    }
+  }
+
+  fs::path folder;
+  platform::SimulatedClock clock;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog event_log;
+  platform::QuietServiceControl service_control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
+  std::unique_ptr<Agent> agent;
+};
+
+bool EndsTheExchange(std::string_view rule) {
+  return rule == "2" || rule == "8'" || rule == "13" || rule == "14" || rule == "15";
+}
+bool SendsNothing(std::string_view rule) { return rule == "7" || rule == "9" || rule == "15"; }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Harness h;
+  if (size == 0) return 0;
+  h.Prepare(data[0]);
+  const std::string reply(reinterpret_cast<const char*>(data + 1), size - 1);
+  const std::string rule(ReplyRuleFor(*h.agent, reply));
+
+  std::vector<std::string> sent;
+  HandleReply(*h.agent, reply, [&sent](std::string_view request) { sent.emplace_back(request); });
+
+  // One reply, at most one request; the exchange ends exactly on the rules that end it.
+  if (sent.size() != (SendsNothing(rule) ? 0u : 1u)) std::abort();
+  if (h.agent->login.ProtocolDone != EndsTheExchange(rule)) std::abort();
+  h.Clean();
+  return 0;
+}

@@ -1,0 +1,55 @@
+#pragma once
+// The commands of the listener: one received burst of text is one command, recognised by its keyword
+// in a fixed order and answered through a reply step.
+#include <string>
+#include <string_view>
+
+namespace tdacli {
+class Agent;
+}
+
+namespace tdacli::listener {
+
+// Log prefixes of the reply step when the peer has gone.
+inline constexpr std::string_view kAgentExplorerPeer = "Cannot send response - AgentExplorer (IP = ";
+inline constexpr std::string_view kServerPeer = "Cannot send response - Server (IP = ";
+
+// Where a command's reply goes: the listener's newest connection, or a collector in tests and fuzzing.
+class CommandReplies {
+ public:
+  virtual ~CommandReplies() = default;
+  // Sends the reply as one piece when the connection is up; otherwise logs prefix + IP +
+  // ") already disconnected!" as a warning.
+  virtual void SendCommandReply(const std::string& reply, std::string_view prefix) = 0;
+  // Remote address of the connection the command came from.
+  virtual std::string RemoteHostIP() = 0;
+};
+
+// Handles one received text: the first keyword found in the dispatch order decides.
+void DispatchCommand(Agent& agent, const std::string& data, CommandReplies& replies);
+
+// Configuration commands.
+void HandleGetInfo(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetExt(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetServer(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetNotify(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetListen(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetPop4Ext(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetPop4Win(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSetAll(Agent& agent, const std::string& data, CommandReplies& replies);
+
+// Login, version, trace-file and send-frames commands.
+void HandleLogin(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleGetVer(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleGetTraceFile(Agent& agent, const std::string& data, CommandReplies& replies);
+void HandleSendFramesData(Agent& agent, const std::string& data, CommandReplies& replies);
+
+// The body of a "[BEGIN_PROTOCOL]" ... "[END_PROTOCOL]" block; never fails.
+std::string ExtractProtocolBody(const std::string& text);
+
+// Computer name and network user name as the system writes them, with their terminating NUL kept
+// and only blanks trimmed; empty when the call fails.
+std::string GetLocalComputerName(Agent& agent);
+std::string GetNetworkUserName(Agent& agent);
+
+}  // namespace tdacli::listener

@@ -1,0 +1,55 @@
+#pragma once
+// Facilities that do nothing, for programs that run an agent without a host around it: benchmarks and
+// fuzz targets. The host identity answers with fixed values.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/host_identity.h"
+#include "platform/service_host.h"
+
+namespace tdacli::platform {
+
+class FixedHostIdentity : public HostIdentity {
+ public:
+  std::string name = "WKS-0042";
+  std::string ComputerNameEx(int) override { return name; }
+  std::string ComputerNameRaw() override { return name + '\0'; }
+  std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
+  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
+  OsVersion Version() override { return {10, 0, true}; }
+  std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
+};
+
+class QuietEventLog : public EventLog {
+ public:
+  void Write(int, const std::string&) override {}
+};
+
+// Delivers nothing and reports success; `on_send` lets a program answer the sends itself.
+class QuietServiceControl : public ServiceControlClient {
+ public:
+  std::function<void(const std::string&, int)> on_send;
+  unsigned long SendControl(const std::string& service, int code) override {
+    if (on_send) on_send(service, code);
+    return 0;
+  }
+};
+
+class QuietDialogs : public Dialogs {
+ public:
+  void Information(const std::string&, const std::string&) override {}
+};
+
+class QuietServiceHost : public ServiceHost {
+ public:
+  bool StartedByServiceManager() const override { return true; }
+  bool IsInstalled() override { return true; }
+  bool Install(const std::string&, const std::string&) override { return true; }
+  bool Uninstall() override { return true; }
+  void Attach(ServiceEvents) override {}
+  void ReportRunning() override {}
+  void ReportStopped() override {}
+};
+
+}  // namespace tdacli::platform

@@ -1,0 +1,88 @@
+#include <algorithm>
+#include <cmath>
+
+#include "explorer.h"
+#include "platform/tcp_socket.h"
+
+namespace tdacli::explorer {
+
+Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port, const std::string& command,
+                     double timeout_seconds, int settle_ms) {
+  Exchange result;
+  platform::Clock& clock = loop.clock();
+  const int64_t timeout_ms = static_cast<int64_t>(std::llround(timeout_seconds * 1000));
+
+  platform::TcpSocket socket(loop);
+  std::string received;
+  bool connected = false, closed = false, failed = false;
+  int64_t last_data_ms = 0;
+  socket.on_connect = [&] { connected = true; };
+  socket.on_data_arrival = [&](size_t) {
+    received += socket.GetData();
+    last_data_ms = clock.NowMs();
+  };
+  socket.on_close = [&] {
+    received += socket.GetData();
+    closed = true;
+  };
+  socket.on_error = [&](int number, const std::string& description) {
+    failed = true;
+    result.error = std::to_string(number) + ", " + description;
+  };
+
+  socket.SetRemoteHost(host);
+  socket.SetRemotePort(port);
+  if (platform::SocketError e = socket.Connect()) {
+    result.status = Exchange::kConnectFailed;
+    result.error = std::to_string(e.number) + ", " + e.description;
+    return result;
+  }
+
+  // The greeting: the connection and "|READY|" within the time-out.
+  constexpr std::string_view kReady = "|READY|";
+  bool greeted = loop.RunUntil(clock.NowMs() + timeout_ms, [&] {
+    return failed || closed || received.find(kReady) != std::string::npos;
+  });
+  if (failed && !connected) {
+    result.status = Exchange::kConnectFailed;
+    return result;
+  }
+  const size_t ready_at = received.find(kReady);
+  if (!greeted || ready_at == std::string::npos) {
+    result.status = Exchange::kNoGreeting;
+    socket.Close();
+    return result;
+  }
+  received.erase(0, ready_at + kReady.size());
+
+  if (socket.SendData(command)) {
+    result.status = Exchange::kNoReply;
+    socket.Close();
+    return result;
+  }
+
+  // The reply has no terminator: it is complete when no more data comes for a moment.
+  const int64_t deadline = clock.NowMs() + timeout_ms;
+  if (received.empty()) {
+    loop.RunUntil(deadline, [&] { return !received.empty() || closed || failed; });
+  } else {
+    last_data_ms = clock.NowMs();
+  }
+  if (received.empty()) {
+    result.status = Exchange::kNoReply;
+    socket.Close();
+    return result;
+  }
+  for (;;) {
+    const int64_t quiet_until = last_data_ms + settle_ms;
+    const size_t before = received.size();
+    loop.RunUntil(std::min(quiet_until, deadline), [&] { return received.size() != before || closed || failed; });
+    if (closed || failed || received.size() == before || clock.NowMs() >= deadline) break;
+  }
+  result.status = Exchange::kReplied;
+  result.reply = received;
+  socket.Close();
+  return result;
+}
+
+}  // namespace tdacli::explorer

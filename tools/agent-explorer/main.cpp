@@ -1,0 +1,69 @@
+// agent-explorer: the console's commands from the command line.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "explorer.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/platform.h"
+
+int main(int argc, char** argv) {
+  using namespace tdacli;
+  using namespace tdacli::explorer;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  ParseResult parsed = ParseArguments(args);
+  if (!parsed.ok) {
+    std::cerr << "agent-explorer: " << parsed.error << "\n(agent-explorer --help lists the commands)\n";
+    return kExitUsage;
+  }
+  Options& o = parsed.options;
+  if (o.action == Action::kHelp) {
+    std::cout << UsageText();
+    return kExitOk;
+  }
+  if (o.action == Action::kControl) {
+    auto client = platform::MakeServiceControlClient(o.app_dir);
+    const unsigned long error = client->SendControl(o.service, o.code);
+    std::cout << error << "\n";
+    return error == 0 ? kExitOk : kExitNoReply;
+  }
+  if (!o.sendframes_file.empty()) {
+    std::ifstream f(o.sendframes_file, std::ios::binary);
+    if (!f) {
+      std::cerr << "agent-explorer: cannot read " << o.sendframes_file << "\n";
+      return kExitUsage;
+    }
+    o.command = BuildSendFrames(std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()));
+  }
+
+  auto clock = platform::MakeSystemClock();
+  platform::EventLoop loop(*clock);
+  Exchange x = RunExchange(loop, o.host, o.port, o.command, o.timeout_seconds);
+  switch (x.status) {
+    case Exchange::kConnectFailed:
+      std::cerr << "agent-explorer: no connection to " << o.host << ":" << o.port
+                << (x.error.empty() ? "" : " (" + x.error + ")") << "\n";
+      return kExitConnect;
+    case Exchange::kNoGreeting:
+      std::cerr << "agent-explorer: no |READY| from " << o.host << ":" << o.port << " within " << o.timeout_seconds
+                << " s\n";
+      return kExitNoReply;
+    case Exchange::kNoReply:
+      std::cerr << "agent-explorer: no reply to " << o.name << " within " << o.timeout_seconds << " s\n";
+      return kExitNoReply;
+    case Exchange::kReplied:
+      break;
+  }
+  if (o.raw) {
+    std::fwrite(x.reply.data(), 1, x.reply.size(), stdout);
+  } else {
+    const std::string text = FormatReply(x.reply);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+  }
+  std::fflush(stdout);
+  return kExitOk;
+}
