@@ -1,28 +1,25 @@
 #!/bin/bash
 # A user's logon end to end with the real programs on Linux:
 #   td-login-server on a loopback address of its own, stand-ins for TDACMT (answers 130 with 131) and
-#   TDACSC, tdacli running in a fresh application folder -> control code 128 to TDACLI logs the user
-#   in: the chain's trace lines, the login result and capture files, 130 and 131 at TDACMT, the login
-#   and the status report at the server -> control code 133 logs the user off: the logoff at the server,
-#   130 at TDACSC -> every program is stopped (also when a check fails).
+#   TDACSC, tdacli running in a fresh application folder -> `agent-explorer control TDACLI 128` logs
+#   the user in: the chain's trace lines, the login result and capture files, 130 and 131 at TDACMT,
+#   the login and the status report at the server -> code 133 logs the user off: the logoff at the
+#   server, 130 at TDACSC, old frames removed -> every program is stopped (also when a check fails).
 #
-#   login_linux.sh --tdacli F --standin F --login-server F --control "PROGRAM [ARGUMENTS]"
-#
-# --control is the program that sends a control code: it is run as
-# `PROGRAM [ARGUMENTS] control SERVICE CODE --app-dir DIR` and prints the Windows error number.
+#   login_linux.sh --tdacli F --standin F --login-server F --explorer F
 set -u
 
-TDACLI= STANDIN= LOGIN_SERVER= CONTROL=
+TDACLI= STANDIN= LOGIN_SERVER= EXPLORER=
 while [ $# -gt 0 ]; do
   case "$1" in
     --tdacli) TDACLI=$2; shift 2 ;;
     --standin) STANDIN=$2; shift 2 ;;
     --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    --control) CONTROL=$2; shift 2 ;;
+    --explorer) EXPLORER=$2; shift 2 ;;
     *) echo "unknown argument $1" >&2; exit 2 ;;
   esac
 done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$CONTROL" ] ||
+[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$EXPLORER" ] ||
   { echo "missing arguments" >&2; exit 2; }
 
 STARTED=$(date +%s%N)
@@ -94,7 +91,8 @@ $(od -An -c <"$file")
 expected:
 $expected"
 }
-control() { (cd "$WORK" && $CONTROL control "$1" "$2" --app-dir "$APP"); }
+# agent-explorer prints the Windows error number of the delivery (0: delivered).
+control() { "$EXPLORER" control "$1" "$2" --app-dir "$APP"; }
 
 mkdir -p "$APP"
 cp "$TDACLI" "$APP/tdacli"
