@@ -10,21 +10,26 @@
 #   -> both services stopped and removed (also when a check fails).
 # Runs in a private Wine prefix with its own service manager.
 #
-#   login_wine.sh --tdacli EXE --standin EXE --svctool EXE --login-server PROGRAM --work DIR
+#   login_wine.sh --tdacli EXE --standin EXE --svctool EXE --explorer EXE --login-server PROGRAM --work DIR
+#
+# The codes go to TDACLI with `agent-explorer control` (through the service manager); svctool installs
+# nothing but starts, stops, queries and waits for the services.
 set -u
 
-TDACLI= STANDIN= SVCTOOL= LOGIN_SERVER= WORK=
+TDACLI= STANDIN= SVCTOOL= EXPLORER= LOGIN_SERVER= WORK=
 while [ $# -gt 0 ]; do
   case "$1" in
     --tdacli) TDACLI=$2; shift 2 ;;
     --standin) STANDIN=$2; shift 2 ;;
     --svctool) SVCTOOL=$2; shift 2 ;;
+    --explorer) EXPLORER=$2; shift 2 ;;
     --login-server) LOGIN_SERVER=$2; shift 2 ;;
     --work) WORK=$2; shift 2 ;;
     *) echo "unknown argument $1" >&2; exit 2 ;;
   esac
 done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$SVCTOOL" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$WORK" ] ||
+[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$SVCTOOL" ] && [ -n "$EXPLORER" ] && [ -n "$LOGIN_SERVER" ] &&
+  [ -n "$WORK" ] ||
   { echo "missing arguments" >&2; exit 2; }
 
 STARTED=$(date +%s%N)
@@ -110,6 +115,8 @@ expected:
 $expected"
 }
 svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+# Prints the Windows error number of ControlService (0: delivered).
+control() { "$WINE" "$EXPLORER" control "$1" "$2" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
 winpath() { "$WINE" winepath -w "$1" 2>>"$LOG" | tr -d '\r'; }
 
 step "login server simulator on a loopback address of its own"
@@ -186,7 +193,7 @@ has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
 has_message "TD Server: $SERVER(Port: 5003)" || fail "the banner names another server"
 
 step "code 128 through the service manager: the user logs in"
-out=$(svctool control TDACLI 128); grep -qx 'result=0' <<<"$out" || fail "ControlService(128): $out"
+out=$(control TDACLI 128); [ "$out" = 0 ] || fail "code 128 not delivered: $out"
 # 131 is the last message of the chain.
 wait_for 90 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
@@ -218,7 +225,7 @@ mkdir -p "$FRAMES"
 printf 'x' >"$FRAMES/20261101-old.TVF"
 printf 'x' >"$FRAMES/today.TVF.ENC"
 touch -d "$(date -d '5 days ago' +%Y-%m-%d) 12:00:00" "$FRAMES/20261101-old.TVF"
-out=$(svctool control TDACLI 133); grep -qx 'result=0' <<<"$out" || fail "ControlService(133): $out"
+out=$(control TDACLI 133); [ "$out" = 0 ] || fail "code 133 not delivered: $out"
 wait_for 60 has_message "Trace in TDACLI: Sent Message [130] to TDACSC!" || fail "no message to TDACSC"
 in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
@@ -242,7 +249,8 @@ out=$(svctool stop TDACMT) || fail "stop TDACMT: $out"
 out=$(svctool wait TDACMT 1 60) || fail "TDACMT not stopped: $out"
 "$WINE" sc delete TDACMT >>"$LOG" 2>&1 || fail "sc delete TDACMT"
 out=$(svctool installed TDACMT) && fail "TDACMT still installed"
-out=$(svctool control TDACLI 128); grep -qx 'result=0' <<<"$out" || fail "ControlService(128): $out"
+out=$(control TDACMT 130); [ "$out" = 1060 ] || fail "code 130 to the removed TDACMT: $out, expected 1060"
+out=$(control TDACLI 128); [ "$out" = 0 ] || fail "code 128 not delivered: $out"
 wait_for 90 has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS2$' || fail "no status report of the failed check"
 in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \

@@ -33,6 +33,7 @@ else()
       --tdacli $<TARGET_FILE:tdacli>
       --standin $<TARGET_FILE:sibling-standin>
       --svctool $<TARGET_FILE:svctool>
+      --explorer $<TARGET_FILE:agent-explorer>
       --login-server ${TDACLI_E2E_LOGIN_SERVER}
       --work ${CMAKE_CURRENT_BINARY_DIR}/e2e-login-wine)
   set_tests_properties(E2E.LoginWine PROPERTIES TIMEOUT 600 PASS_REGULAR_EXPRESSION "PASS: login end to end under Wine")
