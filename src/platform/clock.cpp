@@ -31,6 +31,21 @@ LocalTime LocalFromSeconds(int64_t s) {
   return t;
 }
 
+namespace {
+
+class SystemClock : public Clock {
+ public:
+  int64_t NowMs() const override {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
+  LocalTime Local() const override { return SystemLocalTime(); }
+};
+
+}  // namespace
+
+std::unique_ptr<Clock> MakeSystemClock() { return std::make_unique<SystemClock>(); }
+
 SimulatedClock::SimulatedClock(LocalTime start) : start_seconds_(SecondsFromLocal(start)) {}
 
 LocalTime SimulatedClock::Local() const {

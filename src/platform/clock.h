@@ -21,8 +21,10 @@ class Clock {
   virtual void AdvanceTo(int64_t /*ms*/) {}
 };
 
-// The operating system's clock.
+// The operating system's clock: monotonic time from the standard library, local wall time from the OS.
 std::unique_ptr<Clock> MakeSystemClock();
+// The OS's local wall time now.
+LocalTime SystemLocalTime();
 
 // A clock that stands still until the event loop (or a test) advances it.
 class SimulatedClock : public Clock {
