@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The service's main job, on this machine: the agent runs as the service in the foreground in a
-# ready-made application folder, beside the bundled login server simulator. A user's logon (service
+# ready-made application folder, beside the bundled login server simulator and stand-ins for the
+# sibling services TDACMT and TDACSC. A user's logon (service
 # message 128) is sent to it, then the logoff (133); the trace, the files the agent wrote for the
 # siblings and the simulator's transcript are shown. With --stay the agent keeps running afterwards
 # until Ctrl+C.
@@ -12,12 +13,12 @@ stay=0
 
 scripts/install-deps.sh linux
 cmake --preset linux >/dev/null
-cmake --build build/linux -j"${JOBS:-2}" --target tdacli td-login-server agent-explorer
+cmake --build build/linux -j"${JOBS:-2}" --target tdacli td-login-server agent-explorer sibling-standin
 
 app="$root/build/demo/app"
 server_ip="127.0.0.77"
 rm -rf "$root/build/demo"
-mkdir -p "$app"
+mkdir -p "$app/capture/100Screens"
 cp build/linux/bin/tdacli "$app/"
 # The listener port is the second entry of ListeningPorts.
 port=5002
@@ -32,6 +33,12 @@ trap cleanup EXIT
 
 build/linux/bin/td-login-server --listen "$server_ip" --users demo/users.txt \
   --transcript "$root/build/demo/transcript.txt" --quiet &
+pids+=($!)
+# Stand-ins for the media-transfer and screen-capture services the agent messages.
+build/linux/bin/sibling-standin --name TDACMT --app-dir "$app" --answer 130=131,140=141 \
+  --log "$root/build/demo/TDACMT.log" 2>/dev/null &
+pids+=($!)
+build/linux/bin/sibling-standin --name TDACSC --app-dir "$app" --log "$root/build/demo/TDACSC.log" 2>/dev/null &
 pids+=($!)
 "$app/tdacli" &
 agent=$!
@@ -62,6 +69,8 @@ echo "== files the agent wrote for the siblings"
 for f in TDACFTP.INI 100ScreenParam.TXT 100Screen.KEK UseWebCam.TXT; do
   [ -f "$app/$f" ] && { echo "--- $f"; tr -d '\r' < "$app/$f"; }
 done
+echo "== codes the stand-in siblings received"
+for f in TDACMT TDACSC; do echo "--- $f: $(tr -d '\r' < "$root/build/demo/$f.log" | paste -sd' ')"; done
 echo "== login server transcript"
 tr -d '\r' < "$root/build/demo/transcript.txt"
 
