@@ -65,35 +65,8 @@ mkdir -p "$APP"
 cp "$TDACLI" "$APP/tdacli"
 
 step "login server simulator on a loopback address of its own"
-cat >"$WORK/users.txt" <<'EOF'
-# The one agent of this workstation.
-[jsmith]
-ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
-LocalTemp=c:\%appdir%\Capture
-LiveID=48213:10.1.2.3:5020:T
-KekInfo=KEK-0001
-ValidIPMask=127.0.0.
-Trace=False
-WebCam=true
-100Screen=SCR:010|ATLOGO:2|010|001
-EOF
-# The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
-SERVER=
-for x in $(shuf -i 2-254 -n 20); do
-  rm -f "$WORK/transcript.txt"
-  "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
-    --exit-after 300 2>"$WORK/login-server.err" &
-  pid=$!
-  if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
-     alive $pid; then
-    PIDS+=("$pid")
-    SERVER=127.0.0.$x
-    break
-  fi
-  wait $pid 2>/dev/null
-done
-[ -n "$SERVER" ] || fail "no loopback address free for the simulator"
-echo "simulator on $SERVER:5003"
+start_login_server 300
+PIDS+=("$SERVER_PID")
 
 step "settings: the simulator, the user, a free listening port below 32768"
 port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
