@@ -7,5 +7,6 @@ namespace tdacli {
 void WebService_LoginUser(Agent&) {}
 void WebService_LogOffUser(Agent&) {}
 void WebService_LoginStatus(Agent&) {}
+void WebService_PhoneHomeForScreenGrabberTasks(Agent&) {}
 
 }  // namespace tdacli

@@ -8,5 +8,7 @@ class Agent;
 void WebService_LoginUser(Agent& agent);
 void WebService_LogOffUser(Agent& agent);
 void WebService_LoginStatus(Agent& agent);
+// Fetches screen-grabber tasks; called by the trigger-file poller when the phone-home flag is set.
+void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent);
 
 }  // namespace tdacli

@@ -52,6 +52,10 @@ struct LoginState {
   std::string ValidIPMask;
   std::string HundredScreensParam;
   bool UseWebCam = false;
+  // Phone-home for screen-grabber tasks: switched on by a web-service login, whose time it also sets;
+  // the trigger-file poller calls when the clock (ms) has passed the next time.
+  bool PhoneHome = false;
+  int64_t NextPhoneHomeMs = 0;
 };
 
 struct FtpState {

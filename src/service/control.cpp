@@ -3,14 +3,11 @@
 #include <string>
 
 #include "common/errors.h"
-#include "common/files.h"
 #include "common/logging.h"
 #include "config/configuration.h"
-#include "login/drivers.h"
 #include "service/agent.h"
 #include "siblings/messaging.h"
-#include "triggers/capture_files.h"
-#include "triggers/frames.h"
+#include "triggers/post_login.h"
 
 namespace tdacli {
 
@@ -34,21 +31,7 @@ void RunServiceMessageLogin(Agent& agent) {
              "Received notification user (" + agent.settings.CurrentUser +
                  ") just logged in, updating TD Server via SERVICE MESSAGE login.",
              "Trace");
-  LoginUser(agent);
-  if (agent.Ended()) return;
-  if (agent.login.LoginSucceeded) {
-    if (agent.settings.SvrTemp != "NoScreenCapture") {
-      CheckTempFolderAccess(agent);
-      LoginStatus(agent);
-    }
-    if (agent.login.LoginSucceeded) {
-      if (!agent.login.HundredScreensParam.empty()) Make100ScreensParamFile(agent);
-      HandleWebCamTrigger(agent);
-    }
-  }
-  // Whatever the outcome: capture activity without parameters goes, and TDACMT hears of the login.
-  if (!FileExists(agent.AppPath("100ScreenParam.TXT"))) WipeOut(agent);
-  NotifyMediaTransferLogin(agent);
+  RunPostLoginSequence(agent);
 }
 
 void Service_Control(Agent& agent, int code) {
