@@ -139,6 +139,12 @@ same_bytes "$APP/TSCCLog.txt" '%s\r\n' "pid=$pid" "hidden=yes" "arg=/package" "a
   "arg=/Log" "arg=${APP_W}\\TSCCLog.txt"
 wait_for 90 has_message "Trace in TDACLI: Deleted File After login [${APP_W}\\PerformLogin.TXT]" ||
   fail "no login from the trigger file"
+# Its post-login steps asked TDACMT again (by file) and told it of the end of the login.
+tdacmt_lines() { [ "$(tr -d '\r' <"$WORK/TDACMT.log" | wc -l)" -ge 4 ]; }
+wait_for 60 tdacmt_lines || fail "TDACMT did not hear the second login"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n130\r\n131\r\n'
+no_requests() { ! ls "$APP"/*.TDACLI >/dev/null 2>&1; }
+wait_for 30 no_requests || fail "request files left: $(ls "$APP"/*.TDACLI)"
 
 step "a STOP=MySelf request file ends the program: exit code 0, no STOP banner"
 request "STOP=MySelf" stop
