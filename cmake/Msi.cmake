@@ -8,10 +8,20 @@
 # slips silently out of the package.
 
 if(CMAKE_SCRIPT_MODE_FILE)
+  # wixl looks for every Source beside the .wxs and takes no absolute path: stage them together.
+  set(stage ${OUT}.stage)
+  file(REMOVE_RECURSE ${stage})
+  file(MAKE_DIRECTORY ${stage})
+  file(COPY ${WXS} DESTINATION ${stage})
+  file(COPY_FILE ${EXE} ${stage}/tdacli.exe)
+  file(COPY_FILE ${MARKER} ${stage}/thinterminal.dat)
+  get_filename_component(wxs_name ${WXS} NAME)
   execute_process(
-    COMMAND ${WIXL} -a x64 -D Version=${VERSION} -D ProductCode=${PRODUCT_CODE} -D ExeSource=${EXE}
-            -D MarkerSource=${MARKER} -o ${OUT}.tmp ${WXS}
+    COMMAND ${WIXL} -a x64 -D Version=${VERSION} -D ProductCode=${PRODUCT_CODE} -D ExeSource=tdacli.exe
+            -D MarkerSource=thinterminal.dat -o ${OUT}.tmp ${wxs_name}
+    WORKING_DIRECTORY ${stage}
     RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  file(REMOVE_RECURSE ${stage})
   if(NOT rc EQUAL 0 OR NOT "${out}${err}" STREQUAL "")
     file(REMOVE ${OUT}.tmp)
     message(FATAL_ERROR "wixl failed (exit ${rc}); its warnings count as errors:\n${out}${err}")
