@@ -36,7 +36,7 @@ T=$'\t'
 
 tables=$(msiinfo tables "$MSI") || { echo "FAIL: msiinfo cannot read $MSI"; exit 1; }
 for t in Property Directory Component File Feature FeatureComponents Media ServiceInstall ServiceControl Registry \
-         CustomAction InstallExecuteSequence InstallUISequence Upgrade LaunchCondition; do
+         AppSearch RegLocator CustomAction InstallExecuteSequence InstallUISequence Upgrade LaunchCondition; do
   grep -qx "$t" <<<"$tables" || fail "no $t table"
 done
 
@@ -55,7 +55,9 @@ grep -qE "^ServiceProgram${T}\{[0-9A-F-]{36}\}${T}INSTALLDIR${T}256${T}${T}tdacl
   fail "Component ServiceProgram: $have"
 grep -qE "^SessionProgram${T}\{[0-9A-F-]{36}\}${T}INSTALLDIR${T}256${T}${T}tdacli\.session\.exe$" <<<"$have" ||
   fail "Component SessionProgram: $have"
-expect_count Component 2
+grep -qxF "RememberInstallDir${T}{BFA49765-EBB6-445E-A44A-66B41822B74D}${T}INSTALLDIR${T}260${T}${T}$(rows Registry | awk -F'\t' '$4 == "InstallDir" { print $1 }')" <<<"$have" ||
+  fail "Component RememberInstallDir: $have"
+expect_count Component 3
 
 have=$(rows File)
 grep -qE "^tdacli\.exe${T}ServiceProgram${T}tdacli\.exe${T}[1-9][0-9]*${T}" <<<"$have" || fail "File tdacli.exe: $have"
@@ -67,7 +69,8 @@ expect_count File 3
 
 expect_rows Feature "Service${T}${T}Agent Client Login Service${T}${T}2${T}1${T}${T}0" \
   "UserSession${T}${T}Agent Client Login in user sessions${T}${T}2${T}1000${T}${T}0"
-expect_rows FeatureComponents "Service${T}ServiceProgram" "UserSession${T}SessionProgram"
+expect_rows FeatureComponents "Service${T}ServiceProgram" "UserSession${T}SessionProgram" \
+  "Service${T}RememberInstallDir" "UserSession${T}RememberInstallDir"
 
 # Own process (16), automatic start (2), normal error control (1), local system account (empty).
 expect_rows ServiceInstall \
@@ -83,7 +86,12 @@ grep -qE "^reg[0-9A-F]+${T}2${T}SYSTEM\\\\CurrentControlSet\\\\Services\\\\Event
   fail "Registry TypesSupported: $have"
 grep -qE "^reg[0-9A-F]+${T}2${T}Software\\\\Microsoft\\\\Windows\\\\CurrentVersion\\\\Run${T}TDACLI${T}\"\[#tdacli\.session\.exe\]\"${T}SessionProgram$" <<<"$have" ||
   fail "Registry Run: $have"
-expect_count Registry 3
+grep -qE "^reg[0-9A-F]+${T}2${T}Software\\\\Tyndrel\\\\Agent Client Login Service${T}InstallDir${T}\[INSTALLDIR\]${T}RememberInstallDir$" <<<"$have" ||
+  fail "Registry InstallDir: $have"
+expect_count Registry 4
+# The folder chosen at installation is found again by a removal or an upgrade.
+expect_rows AppSearch "INSTALLDIR${T}RememberedInstallDir"
+expect_rows RegLocator "RememberedInstallDir${T}2${T}Software\\Tyndrel\\Agent Client Login Service${T}InstallDir${T}18"
 
 preset='/msi-preset "SERVER=[SERVER]" "EXT=[EXT]" "LISTENINGPORTS=[LISTENINGPORTS]" "NOTIFICATIONMETHOD=[NOTIFICATIONMETHOD]" "CONSOLEHOSTS=[CONSOLEHOSTS]"'
 # 3090: an installed executable (18), deferred (1024), as the local system (2048); 51: sets a property.
@@ -94,11 +102,17 @@ expect_rows CustomAction "WritePresetFiles${T}3090${T}tdacli.exe${T}${preset}${T
 seq=$(rows InstallExecuteSequence)
 at() { awk -F'\t' -v a="$1" '$1 == a { print $3 }' <<<"$seq"; }
 for a in ChooseUserSession CostInitialize InstallFiles WritePresetFiles WritePresetFilesSession InstallServices \
-         StartServices StopServices DeleteServices RemoveExistingProducts FindRelatedProducts LaunchConditions; do
+         StartServices StopServices DeleteServices RemoveExistingProducts FindRelatedProducts LaunchConditions \
+         AppSearch InstallValidate InstallInitialize; do
   [ -n "$(at "$a")" ] || fail "InstallExecuteSequence lacks $a"
 done
 if [ "$failed" -eq 0 ]; then
   [ "$(at ChooseUserSession)" -lt "$(at CostInitialize)" ] || fail "ChooseUserSession after CostInitialize"
+  [ "$(at AppSearch)" -lt "$(at CostInitialize)" ] || fail "AppSearch after CostInitialize"
+  # The older version is removed whole before anything of this one is installed.
+  [ "$(at InstallValidate)" -lt "$(at RemoveExistingProducts)" ] &&
+    [ "$(at RemoveExistingProducts)" -lt "$(at InstallInitialize)" ] ||
+    fail "RemoveExistingProducts not between InstallValidate and InstallInitialize"
   [ "$(at InstallFiles)" -lt "$(at WritePresetFiles)" ] || fail "preset files before InstallFiles"
   [ "$(at WritePresetFilesSession)" -lt "$(at StartServices)" ] && [ "$(at WritePresetFiles)" -lt "$(at StartServices)" ] ||
     fail "preset files after StartServices"

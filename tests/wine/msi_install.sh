@@ -164,21 +164,27 @@ cmp "$WORK/settings.expected" "$APP/TDRegInfo.TXT" || fail "the uninstall did no
 cmp "$WORK/consoles.expected" "$APP/TDACLI-AllowedConsoles.TXT" || fail "the uninstall did not leave the list"
 [ -f "$trace" ] && grep -qF "*  STOP  *" "$trace" || fail "the uninstall did not leave the trace (stopped)"
 
-step "user-session install: msiexec /i tdacli-next.msi /qn USERSESSION=1"
-msiexec /i 'C:\pkg\tdacli-next.msi' /qn USERSESSION=1 /l*v 'C:\pkg\session.log' || fail "USERSESSION=1 exited with $?"
-[ -f "$APP/thinterminal.dat" ] || fail "no thinterminal.dat"
-[ -f "$APP/tdacli.exe" ] || fail "no tdacli.exe"
+step "user-session install into another folder: msiexec /i tdacli-next.msi /qn USERSESSION=1 INSTALLDIR=... EXT=4712"
+SESSION_APP="$WINEPREFIX/drive_c/Program Files/Tyndrel/Session Agent"
+WIN_SESSION_APP='C:\Program Files\Tyndrel\Session Agent'
+msiexec /i 'C:\pkg\tdacli-next.msi' /qn USERSESSION=1 "INSTALLDIR=$WIN_SESSION_APP" EXT=4712 /l*v 'C:\pkg\session.log' ||
+  fail "USERSESSION=1 exited with $?"
+[ -f "$SESSION_APP/thinterminal.dat" ] || fail "no thinterminal.dat"
+[ -s "$SESSION_APP/thinterminal.dat" ] && fail "thinterminal.dat is not empty"
+[ -f "$SESSION_APP/tdacli.exe" ] || fail "no tdacli.exe"
 run=$(reg_query "$RUN_KEY" /v TDACLI) || fail "no Run entry"
-grep -qiF "TDACLI    REG_SZ    \"$WIN_APP\\tdacli.exe\"" <<<"$run" || fail "Run entry: $run"
+grep -qiF "TDACLI    REG_SZ    \"$WIN_SESSION_APP\\tdacli.exe\"" <<<"$run" || fail "Run entry: $run"
 out=$(svctool installed TDACLI) && fail "a service was installed with USERSESSION=1"
 reg_query "$EVENT_KEY" >/dev/null 2>&1 && fail "event source registered with USERSESSION=1"
+fresh_settings 4712 127.0.0.1 w,x,y,z >"$WORK/session-settings.expected"
+cmp "$WORK/session-settings.expected" "$SESSION_APP/TDRegInfo.TXT" || fail "TDRegInfo.TXT of the user-session install"
 
 step "user-session uninstall"
 msiexec /x 'C:\pkg\tdacli-next.msi' /qn || fail "msiexec /x exited with $?"
-[ -e "$APP/thinterminal.dat" ] && fail "thinterminal.dat left behind"
-[ -e "$APP/tdacli.exe" ] && fail "tdacli.exe left behind"
+[ -e "$SESSION_APP/thinterminal.dat" ] && fail "thinterminal.dat left behind"
+[ -e "$SESSION_APP/tdacli.exe" ] && fail "tdacli.exe left behind"
 reg_query "$RUN_KEY" /v TDACLI >/dev/null 2>&1 && fail "Run entry left behind"
-cmp "$WORK/settings.expected" "$APP/TDRegInfo.TXT" || fail "TDRegInfo.TXT changed"
+cmp "$WORK/session-settings.expected" "$SESSION_APP/TDRegInfo.TXT" || fail "TDRegInfo.TXT removed or changed"
 
 echo "PASS: msi install, upgrade and removal"
 exit 0
