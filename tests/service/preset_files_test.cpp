@@ -80,7 +80,7 @@ TEST(PresetSwitch, AnExistingFileIsNeverOverwritten) {
 
 TEST(PresetSwitch, ValuesThatWouldPlantLinesOrPiecesAreRefused) {
   TempDir dir;
-  for (const std::string args :
+  for (const std::string& args :
        {std::string("/msi-preset \"EXT=12\r\nServer=6.6.6.6\""), std::string("/msi-preset \"EXT=1") + '\0' + "2\"",
         std::string(R"(/msi-preset "SERVER=a"b")"), std::string(R"(/msi-preset "SERVER=a"EXT=5")"),
         std::string(R"(/msi-preset "PASSWORD=x")"), std::string(R"(/msi-preset SERVER)"),
