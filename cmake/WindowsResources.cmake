@@ -25,7 +25,8 @@ function(tdacli_windows_resources out_var)
   add_custom_command(
     OUTPUT ${gen}/tdacli_res.o
     COMMAND ${rc_compiler} -O coff
-            -DTDACLI_REVISION=${TDACLI_REVISION}
+            -DTDACLI_VERSION_MAJOR=${PROJECT_VERSION_MAJOR} -DTDACLI_VERSION_MINOR=${PROJECT_VERSION_MINOR}
+            -DTDACLI_VERSION_PATCH=${PROJECT_VERSION_PATCH} -DTDACLI_REVISION=${TDACLI_REVISION}
             -I ${gen} -I ${pkg}
             -i ${pkg}/tdacli.rc -o ${gen}/tdacli_res.o
     WORKING_DIRECTORY ${gen}

@@ -104,6 +104,9 @@ void CommandListener::Wire(int16_t index, platform::TcpSocket& socket) {
 
 void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t request_id) {
   if (index != 0) return;
+  // A peer the administrator has not listed is refused (closed) before the greeting; no element is
+  // created for it, so the newest console stays the one that is served.
+  if (!allowed_consoles_.Admit(agent_, listen_->PendingRemoteHostIP())) return;
   auto fault = [this](long number, const std::string& description) {
     LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description,
                "Error");

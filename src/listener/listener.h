@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "listener/allowed_consoles.h"
 #include "listener/commands.h"
 #include "platform/tcp_socket.h"
 
@@ -52,6 +53,8 @@ class CommandListener : public CommandReplies {
 
   int16_t ListenConnectionIndex = 0;
   std::string PendingProtocolData;
+  // The administrator's optional list of consoles that may connect.
+  AllowedConsoles& allowed_consoles() { return allowed_consoles_; }
 
  private:
   // An accepted connection. Once closed, the socket object is released and only the index of its
@@ -83,6 +86,7 @@ class CommandListener : public CommandReplies {
   int handler_depth_ = 0;
   bool release_posted_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  AllowedConsoles allowed_consoles_;
 };
 
 }  // namespace tdacli::listener

@@ -51,6 +51,8 @@ class TcpSocket : public SocketSink {
   uint16_t RemotePort() const { return remote_port_; }
   int State() const { return state_; }
   std::string RemoteHostIP() const { return remote_ip_; }
+  // Listening: the address of the peer whose ConnectionRequest is being raised (before Accept).
+  const std::string& PendingRemoteHostIP() const { return pending_accept_ip_; }
 
   SocketError Listen();
   // Starts connecting to the remote host and port; the outcome arrives as Connect or Error.

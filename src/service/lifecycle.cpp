@@ -174,6 +174,7 @@ void LoadTimer_Timer(Agent& agent) {
     DetectOSVersion(agent);
     DetermineLocalIP(agent);
     LoadConfiguration(agent);
+    agent.listener().allowed_consoles().Load(agent);
     agent.tmrMessage.SetInterval(1000);
     agent.tmrMessage.SetEnabled(true);
 

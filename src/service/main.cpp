@@ -5,10 +5,13 @@
 #include "platform/platform.h"
 #include "service/agent.h"
 #include "service/lifecycle.h"
+#include "service/preset_files.h"
 
 int main() {
   using namespace tdacli;
   platform::ProcessInfo process = platform::CurrentProcess();
+  // Run by the installer package to write a pre-configured roll-out's files, then done.
+  if (auto rc = RunPresetSwitch(process.command_line, process.exe_folder)) return *rc;
   platform::ServiceIdentity identity;
   return platform::RunServiceProcess(identity, process.exe_folder, [&](platform::ServiceHost& host) {
     platform::SystemFacilities sys = platform::MakeSystemFacilities(process.exe_folder);

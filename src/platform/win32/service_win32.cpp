@@ -52,6 +52,35 @@ std::string DependencyList(const std::string& names) {
   return out;
 }
 
+// An agent that fails is started again by the service manager: after one minute, three times a day at
+// most before the count starts afresh.
+void SetFailureActions(SC_HANDLE svc) {
+  SC_ACTION actions[3] = {{SC_ACTION_RESTART, 60000}, {SC_ACTION_RESTART, 60000}, {SC_ACTION_RESTART, 60000}};
+  SERVICE_FAILURE_ACTIONSA failure{};
+  failure.dwResetPeriod = 24 * 60 * 60;
+  failure.cActions = 3;
+  failure.lpsaActions = actions;
+  ChangeServiceConfig2A(svc, SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+}
+
+// A service installed by the Windows Installer package has no failure actions (the package cannot
+// carry them): the service sets the same ones as "/s" does on its first start. Actions an
+// administrator has set since are kept.
+void EnsureFailureActions(const std::string& name) {
+  ScHandle scm(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
+  if (!scm) return;
+  ScHandle svc(OpenServiceA(scm.get(), name.c_str(), SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG | SERVICE_START));
+  if (!svc) return;
+  DWORD needed = 0;
+  QueryServiceConfig2A(svc.get(), SERVICE_CONFIG_FAILURE_ACTIONS, nullptr, 0, &needed);
+  std::vector<BYTE> buf(needed > sizeof(SERVICE_FAILURE_ACTIONSA) ? needed : sizeof(SERVICE_FAILURE_ACTIONSA));
+  if (QueryServiceConfig2A(svc.get(), SERVICE_CONFIG_FAILURE_ACTIONS, buf.data(), static_cast<DWORD>(buf.size()),
+                           &needed) &&
+      reinterpret_cast<SERVICE_FAILURE_ACTIONSA*>(buf.data())->cActions > 0)
+    return;
+  SetFailureActions(svc.get());
+}
+
 class Win32ServiceHost : public ServiceHost {
  public:
   Win32ServiceHost(ServiceIdentity id, bool by_scm) : id_(std::move(id)), by_scm_(by_scm) {
@@ -87,14 +116,7 @@ class Win32ServiceHost : public ServiceHost {
     SERVICE_DESCRIPTIONA desc{description.data()};
     ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_DESCRIPTION, &desc);
 
-    // An agent that fails is started again by the service manager: after one minute, three times a
-    // day at most before the count starts afresh.
-    SC_ACTION actions[3] = {{SC_ACTION_RESTART, 60000}, {SC_ACTION_RESTART, 60000}, {SC_ACTION_RESTART, 60000}};
-    SERVICE_FAILURE_ACTIONSA failure{};
-    failure.dwResetPeriod = 24 * 60 * 60;
-    failure.cActions = 3;
-    failure.lpsaActions = actions;
-    ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+    SetFailureActions(svc.get());
 
     RegisterEventSource(exe);
     return true;
@@ -362,6 +384,7 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
     Win32ServiceHost host(*sp->identity, true);
     if (host.RegisterHandler()) {
       host.ReportStartPending();
+      EnsureFailureActions(sp->identity->name);
       sp->exit_code = (*sp->program)(host);
       // The program normally ends the process itself after reporting; if it returned instead, the
       // service manager still has to see the service stopped.
