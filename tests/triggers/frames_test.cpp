@@ -103,7 +103,12 @@ TEST_F(Frames, FrameFolderWithANameTheSystemCannotTakeLogsThatFault) {
   CleanupFrames(*t, "Log Off");
   auto msgs = t.Messages();
   ASSERT_EQ(msgs.size(), 2u);
+#ifdef _WIN32
+  // Windows reports a name too long for a folder as a path it cannot find.
+  EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:76, Path not found");
+#else
   EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:52, Bad file name or number");
+#endif
 }
 
 TEST_F(Frames, WipeOutEndsWithItsErrorLineWhenTheApplicationFolderCannotBeListed) {
