@@ -22,6 +22,9 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
     flock 9
     if [ ! -f "$WINEPREFIX/system.reg" ]; then
       WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || true
+      # Windows need a display driver: the null driver, as there is no display.
+      WINEDEBUG=-all "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 || true
+      /usr/lib/wine/wineserver -w || true
     fi
   ) 9>"$WINEPREFIX.lock"
 fi

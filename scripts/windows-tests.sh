@@ -30,6 +30,12 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   "$WINE" wineboot -i >/dev/null 2>&1
   "$WINESERVER" -w
 fi
+# The agent's hidden main form is a real window, and windows need a display driver: Wine's null driver,
+# as there is no display here (without one, creating a window fails).
+if ! grep -q '"Graphics"="null"' "$WINEPREFIX/user.reg" 2>/dev/null; then
+  "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1
+  "$WINESERVER" -w
+fi
 "$WINESERVER" -p
 stop_server() { "$WINESERVER" -k >/dev/null 2>&1 || true; }
 trap stop_server EXIT

@@ -17,6 +17,13 @@ TrappedError FileOpenError(const std::string& path) {
   return {70, "Permission denied"};
 }
 
+TrappedError FolderListError(const std::error_code& ec) {
+  if (ec == std::errc::no_such_file_or_directory || ec == std::errc::not_a_directory) return {76, "Path not found"};
+  if (ec == std::errc::permission_denied || ec == std::errc::operation_not_permitted) return {70, "Permission denied"};
+  if (ec == std::errc::filename_too_long || ec == std::errc::invalid_argument) return {52, "Bad file name or number"};
+  return {ec.value(), ec.message()};
+}
+
 TrappedError FileWriteError() { return {61, "Disk full"}; }
 
 bool WriteFileReporting(const std::string& path, const std::string& content, bool append, TrappedError& error) {

@@ -1,5 +1,7 @@
 #include "common/host_identity.h"
 
+#include <algorithm>
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
@@ -51,11 +53,11 @@ void DetermineLocalIP(Agent& agent) {
     agent.local_ip = agent.computer_names[3];
     return;
   }
-  // The adapters come from the platform's native adapter list (enabled adapters, in the system's
-  // order), the same data the configuration query of the management interface returns.
+  // The adapters come from the platform's native adapter list (enabled adapters), the same data the
+  // configuration query of the management interface returns, put in that query's order.
   std::string chosen = "(Unknown)", first;
-  for (const auto& adapter : agent.host().AdapterAddresses()) {
-    for (const auto& entry : adapter) {
+  for (const auto& adapter : AdaptersInIndexOrder(agent.host().Adapters())) {
+    for (const auto& entry : adapter.addresses) {
       if (entry == "0.0.0.0" || entry.empty() || entry == " ") continue;
       if (!LooksLikeIPv4(entry)) continue;
       if (first.empty()) first = entry;
@@ -66,6 +68,12 @@ void DetermineLocalIP(Agent& agent) {
   if (agent.local_ip.empty() || agent.local_ip == "(Unknown)") agent.local_ip = first;
   if (agent.local_ip.empty()) agent.local_ip = "(Unknown)";
   LogMessage(agent, "Set Local IP to: " + agent.local_ip, "Trace");
+}
+
+std::vector<platform::Adapter> AdaptersInIndexOrder(std::vector<platform::Adapter> adapters) {
+  std::stable_sort(adapters.begin(), adapters.end(),
+                   [](const platform::Adapter& a, const platform::Adapter& b) { return a.index < b.index; });
+  return adapters;
 }
 
 void LoadComputerNames(Agent& agent) {

@@ -3,6 +3,9 @@
 // names the log files and is reported to the login server.
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "platform/host_identity.h"
 
 namespace tdacli {
 
@@ -16,5 +19,8 @@ std::string ReadIPMask(const std::string& path);
 std::string ParseIPMask(std::string_view text);
 bool MatchesIPMask(const std::string& address, const std::string& mask);
 bool LooksLikeIPv4(const std::string& address);
+// The enabled adapters in the order the adapter configuration query returns them: by interface index
+// (adapters of equal index keep the system's order).
+std::vector<platform::Adapter> AdaptersInIndexOrder(std::vector<platform::Adapter> adapters);
 
 }  // namespace tdacli

@@ -71,10 +71,17 @@ std::string TrimBlanks(std::string_view s) {
 
 std::optional<long> ToLong(std::string_view s) {
   std::string t = TrimBlanks(s);
-  if (t.empty()) return std::nullopt;
+  // Decimal notation only: an optional sign, digits, optionally a point and more digits. Hexadecimal
+  // ("0x1F40"), exponents and words such as "inf" are not numbers here, whatever strtod would take.
+  size_t i = 0, digits = 0;
+  if (i < t.size() && (t[i] == '+' || t[i] == '-')) ++i;
+  for (; i < t.size() && t[i] >= '0' && t[i] <= '9'; ++i) ++digits;
+  if (i < t.size() && t[i] == '.')
+    for (++i; i < t.size() && t[i] >= '0' && t[i] <= '9'; ++i) ++digits;
+  if (digits == 0 || i != t.size()) return std::nullopt;
   char* end = nullptr;
   double v = std::strtod(t.c_str(), &end);
-  if (end == t.c_str() || *end != '\0' || !std::isfinite(v)) return std::nullopt;
+  if (end != t.c_str() + t.size() || !std::isfinite(v)) return std::nullopt;
   // Whole-number conversion rounds halves to even, as the classic conversion does.
   double r = std::nearbyint(v);
   if (r < -2147483648.0 || r > 2147483647.0) return std::nullopt;

@@ -25,9 +25,11 @@ std::string Mid(std::string_view s, size_t k);
 std::string Left(std::string_view s, size_t n);
 // Removes leading and trailing blanks (spaces only).
 std::string TrimBlanks(std::string_view s);
-// Whole number conversion to a 16-bit integer; nothing when the text is not a number or out of range.
+// Whole-number conversion, the one used for every number the agent reads from text: blanks around it
+// are ignored, the notation is decimal only (sign, digits, optional fraction rounded half to even);
+// "0x1F40", "1e3" or "inf" are not numbers. Nothing when the text is not a number or out of range.
 std::optional<int16_t> ToInt16(std::string_view s);
-// Whole number conversion (32-bit); nothing when the text is not a number.
+// The same, 32-bit.
 std::optional<long> ToLong(std::string_view s);
 
 // "YYYY-MM-DD HH:NN:SS AMPM", e.g. "2026-11-14 11:21:05 PM".

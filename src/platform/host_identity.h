@@ -8,6 +8,12 @@
 
 namespace tdacli::platform {
 
+// An enabled network adapter: its interface index and its address list (as the system lists them).
+struct Adapter {
+  uint32_t index = 0;
+  std::vector<std::string> addresses;
+};
+
 struct OsVersion {
   unsigned major = 0, minor = 0;
   bool known = false;  // false: not Windows (or the call failed)
@@ -22,8 +28,8 @@ class HostIdentity {
   // buffer: including the terminating NUL.
   virtual std::string ComputerNameRaw() = 0;
   virtual std::string NetworkUserRaw() = 0;
-  // For each enabled adapter, in the system's order, its address list (as the system lists them).
-  virtual std::vector<std::vector<std::string>> AdapterAddresses() = 0;
+  // The enabled adapters, in the order the system happens to list them (callers sort by index).
+  virtual std::vector<Adapter> Adapters() = 0;
   virtual OsVersion Version() = 0;
   // The Windows folder; empty when unknown.
   virtual std::string WindowsDirectory() = 0;

@@ -1,6 +1,7 @@
 #pragma once
-// The OS wait primitive under the event loop: poll() on POSIX, select() on Windows (WSAPoll does not
-// report refused connections there). Wake() may be called from any thread.
+// The OS wait primitive under the event loop: poll() on POSIX; on Windows select() for readiness (WSAPoll
+// does not report refused connections there) and a wait that also dispatches the thread's window
+// messages. Wake() may be called from any thread.
 #include <cstdint>
 #include <memory>
 #include <vector>

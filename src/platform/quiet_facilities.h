@@ -16,7 +16,7 @@ class FixedHostIdentity : public HostIdentity {
   std::string ComputerNameEx(int) override { return name; }
   std::string ComputerNameRaw() override { return name + '\0'; }
   std::string NetworkUserRaw() override { return std::string("jsmith") + '\0'; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return {{"192.168.5.20"}}; }
+  std::vector<Adapter> Adapters() override { return {{1, {"192.168.5.20"}}}; }
   OsVersion Version() override { return {10, 0, true}; }
   std::string WindowsDirectory() override { return "C:\\WINDOWS\\"; }
 };

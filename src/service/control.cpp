@@ -41,7 +41,8 @@ void Service_Control(Agent& agent, int code) {
       case 133: DoUserLogOff(agent); break;
       case 131: agent.MediaTransferReply = 1; break;
       case 132: agent.MediaTransferReply = 2; break;
-      // Assigned as characters: GCC 12 warns falsely (-Wrestrict) on a literal assigned here at -O2.
+      // The one-character reply texts are set by count and character: GCC 12 inlines the assignment
+      // of a string literal into a replace it cannot prove free of overlap, and warns (-Wrestrict).
       case 141: agent.TraceFileReply.assign(1, '1'); break;
       case 142: agent.TraceFileReply.assign(1, '2'); break;
       default:

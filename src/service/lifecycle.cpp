@@ -68,7 +68,7 @@ std::optional<CommandLineAccount> ParseAccount(const std::string& command_line) 
 }
 
 void HideMainWindow(Agent&) {
-  // There is no window to move off screen: the agent has no visible form at all.
+  // Nothing to move: the platform creates the form hidden, 1 x 1 at (-120, -120), and never shows it.
 }
 
 void Form_Load(Agent& agent) {

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/main_window.h"
 #include "platform/platform.h"
 #include "service/agent.h"
 #include "service/lifecycle.h"
@@ -30,6 +31,13 @@ int main() {
     Form_Load(agent);
     if (agent.Ended()) return 0;
     AttachServiceHost(agent, !session);
+    // The hidden main form, on this thread, whose loop dispatches its messages: the system's request
+    // to close it (session end, shutdown) is the form's query-unload.
+    auto form = platform::MakeMainWindow([&agent] {
+      bool cancel = false;
+      Form_QueryUnload(agent, cancel);
+      return cancel;
+    });
     agent.loop().Run();
     return 0;
   });

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
@@ -23,17 +24,17 @@ bool MatchesAny(const std::string& name, std::initializer_list<const char*> patt
   return std::any_of(patterns.begin(), patterns.end(), [&](const char* p) { return Contains(upper, p); });
 }
 
-// The files of a folder, by name, in the listing order; false when the folder cannot be listed.
-bool ListFiles(const std::string& folder, std::vector<std::string>& names) {
+// The files of a folder, by name, in the listing order; false with the fault when the folder cannot
+// be listed.
+bool ListFiles(const std::string& folder, std::vector<std::string>& names, TrappedError& error) {
   std::error_code ec;
   fs::directory_iterator it(fs::u8path(folder), ec), end;
-  if (ec) return false;
-  for (; it != end; it.increment(ec)) {
-    if (ec) return false;
+  for (; !ec && it != end; it.increment(ec)) {
     std::error_code fec;
     if (it->is_regular_file(fec)) names.push_back(it->path().filename().string());
   }
-  return true;
+  if (ec) error = FolderListError(ec);
+  return !ec;
 }
 
 }  // namespace
@@ -48,8 +49,11 @@ void CleanupFrames(Agent& agent, const std::string& reason) {
   LogMessage(agent, "Cleaning up frame files!", "Trace");
   const std::string folder = FrameFolder(agent);
   std::vector<std::string> names;
-  if (!ListFiles(folder, names)) {
-    LogMessage(agent, "Detected Error In CleanupFrames() Routine:76, Path not found", "Error");
+  TrappedError error{};
+  if (!ListFiles(folder, names, error)) {
+    LogMessage(agent,
+               "Detected Error In CleanupFrames() Routine:" + std::to_string(error.number) + ", " + error.description,
+               "Error");
     return;
   }
   const platform::LocalTime now = agent.Now();
@@ -88,9 +92,17 @@ void WipeOut(Agent& agent) {
   }
   const std::string frames = FrameFolder(agent) + kSep;
   int first = 0, second = 0;
+  // A folder that cannot be listed ends the routine with its error line; files already deleted stay
+  // deleted.
   auto wipe = [&](const std::string& folder, std::initializer_list<const char*> patterns, int& count) {
     std::vector<std::string> names;
-    ListFiles(folder, names);
+    TrappedError error{};
+    if (!ListFiles(folder, names, error)) {
+      LogMessage(agent,
+                 "Error during 'WipeOut Routine': " + std::to_string(error.number) + " - " + error.description,
+                 "Error");
+      return false;
+    }
     for (const auto& name : names) {
       if (MatchesAny(name, patterns)) {
         const std::string full = folder + name;
@@ -102,9 +114,11 @@ void WipeOut(Agent& agent) {
       }
       agent.DoEvents();
     }
+    return true;
   };
-  if (FolderExists(frames)) wipe(frames, {".TVF", ".TVF.ENC", ".TFF.ENC", ".TFF", ".TDK", ".CAM"}, first);
-  wipe(agent.app_folder, {".TSF", ".TS2"}, second);
+  if (FolderExists(frames) && !wipe(frames, {".TVF", ".TVF.ENC", ".TFF.ENC", ".TFF", ".TDK", ".CAM"}, first))
+    return;
+  if (!wipe(agent.app_folder, {".TSF", ".TS2"}, second)) return;
   if (first > 0 || second >= 1) {
     LogMessage(agent, "The Tyndrel Agent Client removed all 100% Screen Activity!", "Information");
     LogMessage(agent, "The WIPE OUT Routine removed (" + std::to_string(first) + ") files from (" + frames + ")",

@@ -168,6 +168,22 @@ TEST(Text, FormatsAndConversions) {
   EXPECT_EQ(ToInt16(" 12 "), std::optional<int16_t>(12));
   EXPECT_FALSE(ToInt16("abc"));
   EXPECT_FALSE(ToInt16("70000"));
+}
+
+TEST(Text, WholeNumbersAreDecimalOnly) {
+  EXPECT_EQ(ToLong("8000"), std::optional<long>(8000));
+  EXPECT_EQ(ToLong("-12"), std::optional<long>(-12));
+  EXPECT_EQ(ToLong("+7"), std::optional<long>(7));
+  EXPECT_EQ(ToLong("2.5"), std::optional<long>(2));  // halves round to even
+  EXPECT_EQ(ToLong("3.5"), std::optional<long>(4));
+  EXPECT_EQ(ToLong(".5"), std::optional<long>(0));
+  EXPECT_EQ(ToLong("7."), std::optional<long>(7));
+  EXPECT_EQ(ToInt16("010"), std::optional<int16_t>(10));  // leading zeros are decimal, not octal
+  for (const char* text : {"0x1F40", "0X10", "1F40", "8e3", "1E2", "inf", "nan", "infinity", "0x", "-", "+",
+                           ".", "", "   ", "1 2", "12abc", "\t12", "1,5"}) {
+    EXPECT_FALSE(ToLong(text)) << text;
+    EXPECT_FALSE(ToInt16(text)) << text;
+  }
   EXPECT_EQ(Mid("TDLIVEID=48213", 10), "48213");
   EXPECT_EQ(Mid("abc", 5), "");
   EXPECT_EQ(ReplaceAll("a.b.c", ".", "-"), "a-b-c");

@@ -37,6 +37,32 @@ TEST(DetermineLocalIP, WithoutMaskFileTakesFirstIPv4OfFirstAdapterThatHasOne) {
   EXPECT_TRUE(Has(MessagesOf(t, "10-0-0-7"), "Trace in TDACLI: Set Local IP to: 10.0.0.7"));
 }
 
+TEST(DetermineLocalIP, AdaptersListedOutOfIndexOrderAreTakenByInterfaceIndex) {
+  TestAgent t;
+  // The system lists interface 12 before interface 3; the adapter query answers by index.
+  t.host.adapters = {{"10.0.0.7"}, {"192.168.5.20"}};
+  t.host.adapter_indexes = {12, 3};
+  DetermineLocalIP(*t);
+  EXPECT_EQ(t->local_ip, "192.168.5.20");
+  EXPECT_TRUE(Has(MessagesOf(t, "192-168-5-20"), "Trace in TDACLI: Set Local IP to: 192.168.5.20"));
+}
+
+TEST(DetermineLocalIP, LastMaskMatchIsTheLastInIndexOrder) {
+  TestAgent t;
+  WriteMask(t, "10.0.0.");
+  t.host.adapters = {{"10.0.0.9"}, {"10.0.0.7"}};
+  t.host.adapter_indexes = {7, 2};
+  DetermineLocalIP(*t);
+  EXPECT_EQ(t->local_ip, "10.0.0.9");
+}
+
+TEST(AdaptersInIndexOrder, SortsByIndexAndKeepsTheSystemOrderOfEqualIndexes) {
+  std::vector<platform::Adapter> in = {{9, {"a"}}, {2, {"b"}}, {9, {"c"}}, {1, {"d"}}};
+  std::vector<std::string> order;
+  for (const auto& a : AdaptersInIndexOrder(in)) order.push_back(a.addresses.at(0));
+  EXPECT_EQ(order, (std::vector<std::string>{"d", "b", "a", "c"}));
+}
+
 TEST(DetermineLocalIP, MaskPcNameInLowerCaseGivesNetBiosNameAndNamesTheTraceFiles) {
   TestAgent t;
   WriteMask(t, "pc-name");
@@ -251,8 +277,8 @@ TEST(SystemHostIdentity, RealValuesHaveTheirShape) {
   EXPECT_FALSE(agent.computer_names[1].empty());
 
   std::vector<std::string> addresses;
-  for (const auto& adapter : host->AdapterAddresses())
-    for (const auto& a : adapter)
+  for (const auto& adapter : AdaptersInIndexOrder(host->Adapters()))
+    for (const auto& a : adapter.addresses)
       if (LooksLikeIPv4(a) && a != "0.0.0.0") addresses.push_back(a);
   for (const auto& a : addresses) {
     std::vector<std::string> parts;
@@ -278,8 +304,8 @@ TEST(SystemHostIdentity, RealValuesHaveTheirShape) {
 #else
   EXPECT_EQ(agent.os_code, 99);
   EXPECT_EQ(GetWindowsFolder(agent), "");
-  for (const auto& adapter : host->AdapterAddresses())
-    for (const auto& a : adapter) EXPECT_TRUE(LooksLikeIPv4(a)) << a;
+  for (const auto& adapter : host->Adapters())
+    for (const auto& a : adapter.addresses) EXPECT_TRUE(LooksLikeIPv4(a)) << a;
 #endif
 }
 

@@ -263,10 +263,10 @@ TEST(SaveLiveID, WritesFileAndFourTraceLines) {
 
 TEST(SaveLiveID, NotPeerToPeerCapableAndEmptyValues) {
   TestAgent t;
-  t->login.TDLiveID = "7";
+  t->login.TDLiveID = "48213";
   SaveLiveID(*t);
   EXPECT_EQ(testing::ReadFile(t.dir.File("TDLiveID.INI")),
-            Crlf({"[LiveID]", "TDLiveID=7", "RepeaterIP=", "RepeaterPort=", "PeerToPeerCapable=False"}));
+            Crlf({"[LiveID]", "TDLiveID=48213", "RepeaterIP=", "RepeaterPort=", "PeerToPeerCapable=False"}));
 }
 
 // ---------------------------------------------------------------- remote-control settings

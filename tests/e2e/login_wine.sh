@@ -94,6 +94,8 @@ WINE_UP=1
 # Create the prefix and let every set-up process finish, so that nothing rewrites the service
 # database under the test.
 WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
+# The agent's hidden main form is a real window: windows need a display driver, the null one here.
+WINEDEBUG=-all "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 || fail "reg add"
 "$WINESERVER" -w
 # One server for the rest of the run; the first program started under it starts the service manager,
 # which thereby inherits this environment and standard error.

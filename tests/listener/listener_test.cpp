@@ -256,6 +256,10 @@ TEST(ListeningPort, SecondEntryOfTheListWithItsFallbacks) {
   EXPECT_EQ(port("1,-5,2,3"), 0);
   EXPECT_EQ(port("1,40000,2,3"), 5002);  // out of the 16-bit range
   EXPECT_EQ(port(""), 5002);
+  // Decimal only: other notations are conversion faults and keep the default.
+  EXPECT_EQ(port("1,0x1F40,2,3"), 5002);
+  EXPECT_EQ(port("1,8e3,2,3"), 5002);
+  EXPECT_EQ(port("1, 6000 ,2,3"), 6000);
 }
 
 TEST(ListeningPort, StartUpListensOnThePortOfTheSettingsFile) {

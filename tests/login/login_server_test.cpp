@@ -234,6 +234,9 @@ TEST(LoginServerSimulator, ServesFromItsOwnThread) {
   LogOffUser(*f.t);
   f.t->TempAccessStatus = 1;
   LoginStatus(*f.t);
+  // The agent is done once it has its answer; the server thread records the agent's last words at its
+  // own pace: wait for them before stopping it.
+  EXPECT_TRUE(testing::Eventually([&] { return thread.server().Requests().size() >= 15; }));
   thread.Stop();
   EXPECT_TRUE(f.t->login.LoginSucceeded);
   EXPECT_TRUE(f.t->login.LogoffSucceeded);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,8 +38,12 @@ bool IsUpper(const std::string& s) {
 
 TEST(SystemHostIdentity, AdaptersListDottedIPv4AddressesWithoutLoopback) {
   auto host = platform::MakeSystemHostIdentity();
-  for (const auto& adapter : host->AdapterAddresses()) {
-    for (const auto& a : adapter) {
+  std::set<uint32_t> indexes;
+  for (const auto& adapter : host->Adapters()) {
+    // Every adapter carries its own interface index (0 is no interface).
+    EXPECT_NE(adapter.index, 0u);
+    EXPECT_TRUE(indexes.insert(adapter.index).second) << "index listed twice: " << adapter.index;
+    for (const auto& a : adapter.addresses) {
       EXPECT_TRUE(IsDottedQuad(a)) << a;
       EXPECT_NE(a.rfind("127.", 0), 0u) << "loopback listed: " << a;
     }

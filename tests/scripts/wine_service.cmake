@@ -13,12 +13,13 @@ if(WIN32)
       --revision ${TDACLI_REVISION})
   set_tests_properties(WineService.RoundTrip PROPERTIES TIMEOUT 600 PASS_REGULAR_EXPRESSION "PASS: service round trip")
 
-  # Started by hand beside "thinterminal.dat": user-session mode, stopped with Ctrl+C.
-  add_test(NAME WineService.UserSessionCtrlC
+  # Started by hand beside "thinterminal.dat": user-session mode, stopped by the end of the session. Its
+  # own prefix: ending the session ends every program of the prefix, and other tests run in the shared one.
+  add_test(NAME WineService.UserSessionEnd
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/wine/user_session.sh
       --wine-run ${CMAKE_SOURCE_DIR}/cmake/wine-run.sh
-      --prefix ${CMAKE_BINARY_DIR}/wineprefix
+      --prefix ${CMAKE_CURRENT_BINARY_DIR}/wine-user-session-prefix
       --tdacli $<TARGET_FILE:tdacli>
       --work ${CMAKE_CURRENT_BINARY_DIR}/wine-user-session)
-  set_tests_properties(WineService.UserSessionCtrlC PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: user session")
+  set_tests_properties(WineService.UserSessionEnd PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: user session")
 endif()

@@ -1,7 +1,9 @@
 #pragma once
 // Test doubles for the platform facilities and a ready-made agent in its own temporary application
 // folder, on a simulated clock.
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,12 +25,20 @@ class FakeHost : public platform::HostIdentity {
   std::string computer_raw = std::string("WKS-0042") + '\0';
   std::string user_raw = std::string("jsmith") + '\0';
   std::vector<std::vector<std::string>> adapters = {{"192.168.5.20"}};
+  // Interface index of each adapter above, in the same order; without one an adapter gets its
+  // position (1, 2, ...).
+  std::vector<uint32_t> adapter_indexes;
   platform::OsVersion version{10, 0, true};
   std::string windows_dir = "C:\\WINDOWS";
   std::string ComputerNameEx(int f) override { return names.at(static_cast<size_t>(f)); }
   std::string ComputerNameRaw() override { return computer_raw; }
   std::string NetworkUserRaw() override { return user_raw; }
-  std::vector<std::vector<std::string>> AdapterAddresses() override { return adapters; }
+  std::vector<platform::Adapter> Adapters() override {
+    std::vector<platform::Adapter> out;
+    for (size_t i = 0; i < adapters.size(); ++i)
+      out.push_back({i < adapter_indexes.size() ? adapter_indexes[i] : static_cast<uint32_t>(i + 1), adapters[i]});
+    return out;
+  }
   platform::OsVersion Version() override { return version; }
   std::string WindowsDirectory() override { return windows_dir; }
 };
@@ -95,6 +105,11 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// Waits in real time until done() holds, at most `limit`, for what a peer on another thread or in
+// another process does at its own pace; returns done().
+bool Eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds limit = std::chrono::milliseconds(30'000));
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);

@@ -88,6 +88,40 @@ TEST_F(Frames, MissingFrameFolderLogsTheErrorWithoutSummary) {
   EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:76, Path not found");
 }
 
+TEST_F(Frames, FrameFolderThatIsAFileIsReportedAsPathNotFound) {
+  std::filesystem::remove_all(frames);
+  WriteFile(frames, "not a folder");
+  CleanupFrames(*t, "Log Off");
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 2u);
+  EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:76, Path not found");
+}
+
+TEST_F(Frames, FrameFolderWithANameTheSystemCannotTakeLogsThatFault) {
+  // A folder name longer than any file system allows: the listing fails for the name, not the path.
+  t->settings.LocalTemp = temp + kSepStr + std::string(300, 'n') + kSepStr;
+  CleanupFrames(*t, "Log Off");
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 2u);
+#ifdef _WIN32
+  // Windows reports a name too long for a folder as a path it cannot find.
+  EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:76, Path not found");
+#else
+  EXPECT_EQ(msgs[1], "Error in TDACLI: Detected Error In CleanupFrames() Routine:52, Bad file name or number");
+#endif
+}
+
+TEST_F(Frames, WipeOutEndsWithItsErrorLineWhenTheApplicationFolderCannotBeListed) {
+  t->login.LoginSucceeded = true;
+  std::string f = Frame("a.TVF", 14);
+  t->app_folder = t.dir.File("gone") + kSepStr;
+  WipeOut(*t);
+  EXPECT_FALSE(Exists(f));  // the first pass ran; what it deleted stays deleted
+  // The logs live in the missing folder too: the line reaches the event log only, and no summary.
+  ASSERT_EQ(t.event_log.entries.size(), 1u);
+  EXPECT_EQ(t.event_log.entries[0], std::make_pair(1, std::string("Error during 'WipeOut Routine': 76 - Path not found")));
+}
+
 TEST_F(Frames, WipeOutAfterAFailedLoginOnlyWarns) {
   t->login.LoginSucceeded = false;
   std::string f = Frame("a.TVF", 14);

@@ -69,6 +69,8 @@ step "private prefix and service manager"
 # Create the prefix and let every set-up process finish, so that nothing rewrites the service
 # database under the test.
 WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
+# The agent's hidden main form is a real window: windows need a display driver, the null one here.
+WINEDEBUG=-all "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 || fail "reg add"
 "$WINESERVER" -w
 # One server for the rest of the run; the first program started under it starts the service manager,
 # which thereby inherits this environment and standard error.
@@ -127,6 +129,15 @@ out=$(svctool continue TDACLI) || fail "continue: $out"
 wait_trace "Warning in TDACLI: The service received, and discarded, a 'Continue' request. This service does not accept pause/continue requests." 30 ||
   fail "continue not logged"
 out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after pause: $out"
+
+step "closing the service's hidden form is logged and refused"
+out=$(svctool close-form service) || fail "close-form: $out"
+grep -qx 'window=yes' <<<"$out" || fail "the form was closed: $out"
+wait_trace "Trace in TDACLI: Form_QueryUnload Invoked" 30 || fail "no Form_QueryUnload Invoked"
+out=$(svctool close-form service end-session) || fail "close-form end-session: $out"
+grep -qx 'answer=0' <<<"$out" || fail "the end of the session was not refused: $out"
+out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after the close: $out"
+[ "$(grep -cF "Form_QueryUnload Invoked" "$(program_trace)")" -eq 2 ] || fail "expected two Form_QueryUnload lines"
 
 step "stop through the service manager"
 out=$(svctool stop TDACLI) || fail "stop: $out"

@@ -125,6 +125,25 @@ int Version(const char* file) {
 
 }  // namespace
 
+// Sends WM_CLOSE (or, with "end-session", WM_QUERYENDSESSION) to the agent's hidden main form, as the
+// system would, and prints the form's answer. A service's windows live in the service window station
+// (Wine's "__wineservice_winstation"); with "service" as the place the tool joins it first.
+int CloseForm(const std::string& place, const std::string& how) {
+  if (place == "service") {
+    HWINSTA station = OpenWindowStationA("__wineservice_winstation", FALSE, WINSTA_ALL_ACCESS);
+    if (!station || !SetProcessWindowStation(station)) return Fail("OpenWindowStation");
+    HDESK desk = OpenDesktopA("Default", 0, FALSE, GENERIC_ALL);
+    if (!desk || !SetThreadDesktop(desk)) return Fail("OpenDesktop");
+  }
+  HWND form = FindWindowA("TDACLI.frmMain", "frmMain");
+  if (!form) return Fail("FindWindow");
+  const UINT msg = how == "end-session" ? WM_QUERYENDSESSION : WM_CLOSE;
+  DWORD_PTR answer = 0;
+  if (!SendMessageTimeoutA(form, msg, 0, 0, SMTO_NORMAL, 30000, &answer)) return Fail("SendMessageTimeout");
+  std::printf("result=0\nanswer=%lu\nwindow=%s\n", static_cast<unsigned long>(answer), IsWindow(form) ? "yes" : "no");
+  return 0;
+}
+
 int main(int argc, char** argv) {
   if (argc < 3) {
     std::fprintf(stderr, "usage: svctool <verb> <service> [argument...]\n");
@@ -166,6 +185,7 @@ int main(int argc, char** argv) {
     std::printf("result=%lu\n", rc);
     return rc == 0 ? 0 : 1;
   }
+  if (verb == "close-form") return CloseForm(name, argc >= 4 ? argv[3] : "close");
   if (verb == "wait" && argc >= 5) return Wait(name, static_cast<DWORD>(std::atoi(argv[3])), std::atoi(argv[4]));
   std::fprintf(stderr, "svctool: unknown verb %s\n", verb.c_str());
   return 2;

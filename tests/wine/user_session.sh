@@ -1,8 +1,9 @@
 #!/bin/bash
 # tdacli.exe in user-session mode under Wine ("thinterminal.dat" beside it): started by hand it runs as
-# an ordinary program (the service dispatcher refuses it), starts itself with the user-session banner,
-# writes nothing to the event log, and Ctrl+C (the console's control handler) stops it with the STOP
-# banner.
+# an ordinary program without a console (the service dispatcher refuses it), starts itself with the
+# user-session banner, writes nothing to the event log, and the end of the user's session (Wine's
+# "wineboot --end-session" asks every top-level window, as Windows does at sign-out) stops it through
+# its hidden main form with the STOP banner.
 #
 #   user_session.sh --wine-run <wine-run.sh> --prefix <Wine prefix> --tdacli <tdacli.exe> --work <dir>
 set -u
@@ -58,13 +59,16 @@ grep -qF "Trace! in TDACLI: THINTERMINAL - Deferring opening of socket until aft
   fail "listening socket not deferred"
 grep -qF "Form_Load Invoked" "$trace" && fail "Form_Load Invoked logged in user-session mode"
 
-echo "== Ctrl+C"
-kill -INT "$PID"
-for _ in $(seq 1 60); do
+echo "== the user's session ends"
+# The agent's form is asked first; once it has agreed, Wine ends what is still running. The agent has
+# ended itself by then: its exit status is its own 0.
+WINEDEBUG=-all "$WINE_RUN" "--prefix=$PREFIX" wineboot --end-session </dev/null >>"$LOG" 2>&1 ||
+  fail "wineboot --end-session failed"
+for _ in $(seq 1 120); do
   kill -0 "$PID" 2>/dev/null || break
   sleep 0.5
 done
-kill -0 "$PID" 2>/dev/null && fail "still running after Ctrl+C"
+kill -0 "$PID" 2>/dev/null && fail "still running after the end of the session"
 wait "$PID"
 rc=$?
 PID=

@@ -63,8 +63,8 @@ class PosixHostIdentity : public HostIdentity {
     if (!pw || !pw->pw_name) return "";
     return std::string(pw->pw_name) + std::string(1, '\0');
   }
-  std::vector<std::vector<std::string>> AdapterAddresses() override {
-    std::vector<std::vector<std::string>> out;
+  std::vector<Adapter> Adapters() override {
+    std::vector<Adapter> out;
     std::map<std::string, size_t> index;
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return out;
@@ -76,9 +76,9 @@ class PosixHostIdentity : public HostIdentity {
       auto it = index.find(a->ifa_name);
       if (it == index.end()) {
         index[a->ifa_name] = out.size();
-        out.push_back({buf});
+        out.push_back({if_nametoindex(a->ifa_name), {buf}});
       } else {
-        out[it->second].push_back(buf);
+        out[it->second].addresses.push_back(buf);
       }
     }
     freeifaddrs(list);

@@ -49,10 +49,10 @@ class Win32HostIdentity : public HostIdentity {
   // The native adapter list replaces the management-interface query of the network adapter
   // configurations (enabled adapters and their addresses): the same data, without COM and without the
   // start-up delay of that service. Adapters that are up with IPv4 enabled, their IPv4 unicast
-  // addresses, in the order the system lists them. The loopback interface is not a network adapter
-  // there and is left out here as well.
-  std::vector<std::vector<std::string>> AdapterAddresses() override {
-    std::vector<std::vector<std::string>> out;
+  // addresses, with the adapter's interface index (the system's list is not in index order). The
+  // loopback interface is not a network adapter there and is left out here as well.
+  std::vector<Adapter> Adapters() override {
+    std::vector<Adapter> out;
     const ULONG flags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
     ULONG size = 16 * 1024;
     std::vector<unsigned char> buf;
@@ -66,15 +66,16 @@ class Win32HostIdentity : public HostIdentity {
     for (auto* a = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data()); a; a = a->Next) {
       if (a->OperStatus != IfOperStatusUp || !(a->Flags & IP_ADAPTER_IPV4_ENABLED)) continue;
       if (a->IfType == IF_TYPE_SOFTWARE_LOOPBACK) continue;
-      std::vector<std::string> addresses;
+      Adapter adapter;
+      adapter.index = a->IfIndex;
       for (auto* u = a->FirstUnicastAddress; u; u = u->Next) {
         const sockaddr* sa = u->Address.lpSockaddr;
         if (!sa || sa->sa_family != AF_INET) continue;
         char text[INET_ADDRSTRLEN] = {};
         if (inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(sa)->sin_addr, text, sizeof text))
-          addresses.push_back(text);
+          adapter.addresses.push_back(text);
       }
-      out.push_back(std::move(addresses));
+      out.push_back(std::move(adapter));
     }
     return out;
   }

@@ -1,6 +1,9 @@
-// The event loop's wait on Windows: select(), because WSAPoll does not report a refused connection on
-// many Windows versions. A failed non-blocking connect shows up in the exception set. FD_SETSIZE is
-// raised for the whole build, so the sets hold far more sockets than the agent ever opens.
+// The event loop's wait on Windows. Readiness is read with select() (WSAPoll does not report a refused
+// connection on many Windows versions; a failed non-blocking connect shows up in the exception set).
+// The wait itself is MsgWaitForMultipleObjectsEx, so that it also ends for the window messages of the
+// loop's thread (the hidden main form) and for a wake-up from another thread; the sockets signal it
+// through WSAEventSelect for the time of the wait only. FD_SETSIZE is raised for the whole build, so
+// the sets hold far more sockets than the agent ever opens.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
@@ -13,30 +16,74 @@
 namespace tdacli::platform {
 namespace {
 
-// Other threads (the service control handler) wake the loop by writing one byte to a loopback
-// connection whose other end sits in the read set of every select().
-class SelectPoller : public Poller {
+class MessageWaitPoller : public Poller {
  public:
-  SelectPoller() {
+  MessageWaitPoller() {
     sockapi::Startup();
-    MakeWakePair();
+    wake_ = CreateEventA(nullptr, FALSE, FALSE, nullptr);  // auto-reset: one wake-up per Wake()
+    net_ = WSACreateEvent();
   }
-  ~SelectPoller() override {
-    if (wake_send_ != INVALID_SOCKET) closesocket(wake_send_);
-    if (wake_recv_ != INVALID_SOCKET) closesocket(wake_recv_);
+  ~MessageWaitPoller() override {
+    if (wake_) CloseHandle(wake_);
+    if (net_ != WSA_INVALID_EVENT) WSACloseEvent(net_);
   }
 
   std::vector<Ready> Poll(const std::vector<Interest>& interests, int timeout_ms) override {
+    DispatchMessages();
+    std::vector<Ready> ready = SelectNow(interests);
+    if (!ready.empty() || timeout_ms == 0) return ready;
+
+    // Nothing ready: block until a socket event, a window message, a wake-up or the time-out.
+    for (const auto& i : interests) WSAEventSelect(static_cast<SOCKET>(i.handle), net_, NetworkEvents(i));
+    HANDLE handles[2];
+    DWORD count = 0;
+    if (wake_) handles[count++] = wake_;
+    if (net_ != WSA_INVALID_EVENT) handles[count++] = net_;
+    MsgWaitForMultipleObjectsEx(count, handles, timeout_ms < 0 ? INFINITE : static_cast<DWORD>(timeout_ms),
+                                QS_ALLINPUT, MWMO_INPUTAVAILABLE);
+    // The association ends with the wait: a socket accepted later must not inherit it, and the loop's
+    // sockets stay non-blocking as they were.
+    for (const auto& i : interests) WSAEventSelect(static_cast<SOCKET>(i.handle), net_, 0);
+    if (net_ != WSA_INVALID_EVENT) WSAResetEvent(net_);
+    DispatchMessages();
+    return SelectNow(interests);
+  }
+
+  void Wake() override {
+    if (wake_) SetEvent(wake_);
+  }
+
+ private:
+  struct Sets {
+    fd_set read, write, except;
+  };
+
+  static long NetworkEvents(const Interest& i) {
+    long events = FD_CLOSE;
+    if (i.read) events |= FD_READ | FD_ACCEPT | FD_OOB;
+    if (i.write) events |= FD_WRITE | FD_CONNECT;
+    return events;
+  }
+
+  // Window messages of this thread (sent and posted) go to their windows. A message handler may run
+  // events itself (it nests like any handler).
+  static void DispatchMessages() {
+    MSG msg;
+    while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
+      if (msg.message == WM_QUIT) continue;
+      TranslateMessage(&msg);
+      DispatchMessageA(&msg);
+    }
+  }
+
+  std::vector<Ready> SelectNow(const std::vector<Interest>& interests) {
     std::vector<Ready> ready;
+    if (interests.empty()) return ready;
     Sets* sets = sets_.get();
     FD_ZERO(&sets->read);
     FD_ZERO(&sets->write);
     FD_ZERO(&sets->except);
     unsigned count = 0;
-    if (wake_recv_ != INVALID_SOCKET) {
-      FD_SET(wake_recv_, &sets->read);
-      ++count;
-    }
     for (const auto& i : interests) {
       if (count >= FD_SETSIZE) break;
       const SOCKET s = static_cast<SOCKET>(i.handle);
@@ -47,21 +94,9 @@ class SelectPoller : public Poller {
       }
       ++count;
     }
-    if (count == 0) {
-      // Only without a wake-up connection: select() refuses empty sets, so just let the time pass.
-      Sleep(timeout_ms < 0 ? 1000 : static_cast<DWORD>(timeout_ms));
-      return ready;
-    }
-    timeval tv{};
-    timeval* ptv = nullptr;
-    if (timeout_ms >= 0) {
-      tv.tv_sec = timeout_ms / 1000;
-      tv.tv_usec = (timeout_ms % 1000) * 1000;
-      ptv = &tv;
-    }
-    const int n = select(0, &sets->read, &sets->write, &sets->except, ptv);
+    timeval zero{};
+    const int n = select(0, &sets->read, &sets->write, &sets->except, &zero);
     if (n <= 0) return ready;
-    if (wake_recv_ != INVALID_SOCKET && FD_ISSET(wake_recv_, &sets->read)) DrainWake();
     for (const auto& i : interests) {
       const SOCKET s = static_cast<SOCKET>(i.handle);
       const bool r = i.read && FD_ISSET(s, &sets->read);
@@ -72,64 +107,14 @@ class SelectPoller : public Poller {
     return ready;
   }
 
-  void Wake() override {
-    if (wake_send_ == INVALID_SOCKET) return;
-    char c = 1;
-    // A full buffer means a wake-up is already pending.
-    send(wake_send_, &c, 1, 0);
-  }
-
- private:
-  struct Sets {
-    fd_set read, write, except;
-  };
-
-  void DrainWake() {
-    char buf[256];
-    while (recv(wake_recv_, buf, sizeof buf, 0) > 0) {
-    }
-  }
-
-  // A connected pair over 127.0.0.1 (Windows has no socketpair()).
-  void MakeWakePair() {
-    SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    if (listener == INVALID_SOCKET) return;
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
-    int len = sizeof a;
-    SOCKET client = INVALID_SOCKET, server = INVALID_SOCKET;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && listen(listener, 1) == 0 &&
-        getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
-      client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-      if (client != INVALID_SOCKET && connect(client, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
-        server = accept(listener, nullptr, nullptr);
-    }
-    closesocket(listener);
-    if (server == INVALID_SOCKET) {
-      if (client != INVALID_SOCKET) closesocket(client);
-      return;
-    }
-    for (SOCKET s : {client, server}) {
-      u_long on = 1;
-      ioctlsocket(s, FIONBIO, &on);
-      SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-    }
-    BOOL nodelay = TRUE;
-    setsockopt(client, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nodelay), sizeof nodelay);
-    wake_send_ = client;
-    wake_recv_ = server;
-  }
-
   // Kept between calls: with the raised FD_SETSIZE each set is 32 KB.
   std::unique_ptr<Sets> sets_ = std::make_unique<Sets>();
-  SOCKET wake_send_ = INVALID_SOCKET;
-  SOCKET wake_recv_ = INVALID_SOCKET;
+  HANDLE wake_ = nullptr;
+  WSAEVENT net_ = WSA_INVALID_EVENT;
 };
 
 }  // namespace
 
-std::unique_ptr<Poller> MakePoller() { return std::make_unique<SelectPoller>(); }
+std::unique_ptr<Poller> MakePoller() { return std::make_unique<MessageWaitPoller>(); }
 
 }  // namespace tdacli::platform

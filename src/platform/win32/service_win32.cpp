@@ -83,12 +83,7 @@ void EnsureFailureActions(const std::string& name) {
 
 class Win32ServiceHost : public ServiceHost {
  public:
-  Win32ServiceHost(ServiceIdentity id, bool by_scm) : id_(std::move(id)), by_scm_(by_scm) {
-    stopped_event_ = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  }
-  ~Win32ServiceHost() override {
-    if (stopped_event_) CloseHandle(stopped_event_);
-  }
+  Win32ServiceHost(ServiceIdentity id, bool by_scm) : id_(std::move(id)), by_scm_(by_scm) {}
 
   bool StartedByServiceManager() const override { return by_scm_; }
 
@@ -144,7 +139,6 @@ class Win32ServiceHost : public ServiceHost {
       attached_ = true;
       early.swap(early_controls_);
     }
-    if (!by_scm_) SetConsoleCtrlHandler(&ConsoleHandler, TRUE);
     if (events_.on_start) events_.on_start();
     for (int code : early)
       if (events_.on_control) events_.on_control(code);
@@ -156,7 +150,6 @@ class Win32ServiceHost : public ServiceHost {
 
   void ReportStopped() override {
     SetStatus(SERVICE_STOPPED, 0, 0);
-    if (stopped_event_) SetEvent(stopped_event_);
   }
 
   // --- used by the dispatcher glue below
@@ -166,18 +159,6 @@ class Win32ServiceHost : public ServiceHost {
   }
   void ReportStartPending() { SetStatus(SERVICE_START_PENDING, kStartWaitHintMs, 0); }
   bool StoppedReported() const { return stopped_reported_; }
-  HANDLE stopped_event() const { return stopped_event_; }
-
-  void DetachConsole() {
-    if (!by_scm_) SetConsoleCtrlHandler(&ConsoleHandler, FALSE);
-  }
-
-  // The console handler has no context argument: the one host of the process is kept here while it is
-  // attached to the console.
-  static std::atomic<Win32ServiceHost*>& ConsoleHost() {
-    static std::atomic<Win32ServiceHost*> host{nullptr};
-    return host;
-  }
 
  private:
   void SetStatus(DWORD state, DWORD wait_hint, DWORD accepted) {
@@ -253,29 +234,6 @@ class Win32ServiceHost : public ServiceHost {
     }
   }
 
-  static BOOL WINAPI ConsoleHandler(DWORD type) {
-    Win32ServiceHost* self = ConsoleHost().load();
-    if (!self) return FALSE;
-    ServiceEvents ev = self->EventsCopy();
-    switch (type) {
-      case CTRL_C_EVENT:
-      case CTRL_BREAK_EVENT:
-        if (ev.on_stop) ev.on_stop();
-        return TRUE;
-      case CTRL_CLOSE_EVENT:
-      case CTRL_LOGOFF_EVENT:
-      case CTRL_SHUTDOWN_EVENT:
-        if (type == CTRL_SHUTDOWN_EVENT ? static_cast<bool>(ev.on_shutdown) : static_cast<bool>(ev.on_stop))
-          (type == CTRL_SHUTDOWN_EVENT ? ev.on_shutdown : ev.on_stop)();
-        // The system ends the process as soon as this returns: give the loop the time to write the
-        // stop banner and end it itself.
-        if (self->stopped_event_) WaitForSingleObject(self->stopped_event_, 4500);
-        return TRUE;
-      default:
-        return FALSE;
-    }
-  }
-
   void RegisterEventSource(const std::string& exe) {
     HKEY key = nullptr;
     const std::string path = std::string(kEventLogKeyRoot) + id_.name;
@@ -308,7 +266,6 @@ class Win32ServiceHost : public ServiceHost {
   SERVICE_STATUS status_{};
   DWORD checkpoint_ = 0;
   bool stopped_reported_ = false;
-  HANDLE stopped_event_ = nullptr;
 
   std::mutex mutex_;  // events_, attached_ and early_controls_: the handler runs on another thread
   ServiceEvents events_;
@@ -430,13 +387,11 @@ int RunServiceProcess(const ServiceIdentity& identity, const std::string& /*app_
   CloseHandle(sp.done);
   if (error != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) return static_cast<int>(error);
 
-  // Not started by the service manager: installer mode or user-session mode, on this thread.
+  // Not started by the service manager: installer mode or user-session mode, on this thread. The
+  // program has no console (it is built for the GUI subsystem): in user-session mode the end of the
+  // session reaches it through its hidden main form.
   Win32ServiceHost host(identity, false);
-  Win32ServiceHost::ConsoleHost().store(&host);
-  const int rc = program(host);
-  host.DetachConsole();
-  Win32ServiceHost::ConsoleHost().store(nullptr);
-  return rc;
+  return program(host);
 }
 
 }  // namespace tdacli::platform
