@@ -1,12 +1,13 @@
-// Arbitrary web-service answers to a login: the first byte chooses the HTTP status (200, 404, 500 or
-// nothing received), the rest is the body. WebService_LoginUser runs whole (decision, the login-reply
-// field parser, storing the values) in a temporary application folder emptied after every input.
-// Checked: the outcome follows the markers, no stored value holds a CR or LF, and the settings file
-// keeps its thirteen lines.
+// Arbitrary web-service answers to a login. First byte even: the rest goes to the login-reply field
+// parser (ApplyLoginReplyFields) alone. Odd: bits 1-2 choose the HTTP status (200, 404, 500 or nothing
+// received), the rest is the body, and WebService_LoginUser runs whole (decision, field parser, storing
+// the values) in a temporary application folder emptied after every input. Checked: the outcome
+// follows the markers, no stored value holds a CR or LF, the settings file keeps its thirteen lines.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 
 #include "common/files.h"
@@ -61,38 +62,47 @@ bool HasLineBreak(const std::string& s) { return s.find_first_of("\r\n") != std:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Harness h;
   if (size == 0) return 0;
-  static const int kStatus[] = {200, 404, 500, 0};
-  const int status = kStatus[data[0] & 3];
-  const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
-  h.http.on_get = [&](const std::string&) {
-    platform::HttpResponse r;
-    r.received = status != 0;
-    r.status = status;
-    if (r.received) r.body = body;
-    else r.error = "refused";
-    return r;
-  };
   Agent& a = *h.agent;
   a.login = LoginState{};
   a.settings = Settings{};
-  a.settings.CurrentUser = "jsmith";
-  a.settings.Server = "td.example.com:8080";
-  a.stored_lines = {};
-  a.local_ip = "192.168.5.20";
-
-  WebService_LoginUser(a);
-
-  const bool answered = status != 0 && status != 404 && !body.empty() && !Contains(body, "HTTP 404");
-  const bool success = answered && !Contains(body, "ERROR|") && Contains(body, "SUCCESS|");
-  if (a.login.LoginSucceeded != success) std::abort();
+  const std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
+  if (data[0] & 1) {
+    // The whole login: decision, field parser, storing (writes files; slower).
+    static const int kStatus[] = {200, 404, 500, 0};
+    const int status = kStatus[(data[0] >> 1) & 3];
+    h.http.on_get = [&](const std::string&) {
+      platform::HttpResponse r;
+      r.received = status != 0;
+      r.status = status;
+      if (r.received) r.body = input;
+      return r;
+    };
+    a.settings.CurrentUser = "jsmith";
+    a.settings.Server = "td.example.com:8080";
+    a.stored_lines = {};
+    a.local_ip = "192.168.5.20";
+    WebService_LoginUser(a);
+    const bool answered = status != 0 && status != 404 && !input.empty() && !Contains(input, "HTTP 404");
+    const bool success = answered && !Contains(input, "ERROR|") && Contains(input, "SUCCESS|");
+    if (a.login.LoginSucceeded != success) std::abort();
+    std::vector<std::string> lines;
+    if (ReadLines(a.AppPath("TDRegInfo.TXT"), lines) && lines.size() != 13) std::abort();
+    h.Clean();
+  } else {
+    // The login-reply field parser alone: the text after "SUCCESS|". A flag that is no Boolean is the
+    // one error it may raise.
+    try {
+      ApplyLoginReplyFields(a, input);
+    } catch (const std::runtime_error& e) {
+      if (std::string(e.what()) != "Type mismatch") std::abort();
+    }
+  }
   const Settings& s = a.settings;
   const LoginState& l = a.login;
-  for (const std::string* v : std::initializer_list<const std::string*>{&s.SvrTemp, &s.LocalTemp, &s.UseTrace, &l.HundredScreensParam, &l.ValidIPMask,
-                               &l.KekInfo, &l.TDLiveID, &l.RepeaterIP, &l.RepeaterPort, &a.ftp.FtpServer,
-                               &a.ftp.FtpUserName, &a.ftp.FtpEncryptedPassword, &a.ftp.FtpPort})
+  for (const std::string* v : std::initializer_list<const std::string*>{
+           &s.SvrTemp, &s.LocalTemp, &s.UseTrace, &l.HundredScreensParam, &l.ValidIPMask, &l.KekInfo, &l.TDLiveID,
+           &l.RepeaterIP, &l.RepeaterPort, &a.ftp.FtpServer, &a.ftp.FtpUserName, &a.ftp.FtpEncryptedPassword,
+           &a.ftp.FtpPort})
     if (HasLineBreak(*v)) std::abort();
-  std::vector<std::string> lines;
-  if (ReadLines(a.AppPath("TDRegInfo.TXT"), lines) && lines.size() != 13) std::abort();
-  h.Clean();
   return 0;
 }
