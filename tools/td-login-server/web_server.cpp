@@ -188,6 +188,7 @@ bool WebLoginServer::Start(std::string& error) {
     return false;
   }
   server_->set_keep_alive_max_count(1);
+  server_->set_tcp_nodelay(true);  // replies leave at once, as from a real server
   server_->Get(".*", [this](const httplib::Request& req, httplib::Response& res) {
     int n;
     {
@@ -195,7 +196,9 @@ bool WebLoginServer::Start(std::string& error) {
       n = ++requests_seen_;
       requests_.push_back(req.target);
     }
-    const std::string tag = "[" + std::to_string(n) + "] ";
+    std::string tag = "[";
+    tag += std::to_string(n);
+    tag += "] ";
     Record(tag + "-- request from " + req.remote_addr);
     Record(tag + "C> GET " + EscapeBytes(req.target));
     std::map<std::string, std::string> query;
