@@ -1,7 +1,6 @@
 #include <windows.h>
 #include <wincrypt.h>
 #include <winhttp.h>
-#include <wininet.h>
 
 #include <vector>
 
@@ -167,25 +166,6 @@ HttpResponse WinHttpClient::Get(const std::string& url) {
 
 }  // namespace win32
 
-namespace {
-
-class Win32InternetConnection : public InternetConnection {
- public:
-  bool Connected(std::string& kind) override {
-    DWORD flags = 0;
-    if (!InternetGetConnectedState(&flags, 0)) return false;
-    if (flags & INTERNET_CONNECTION_LAN) kind = "LAN";
-    else if (flags & INTERNET_CONNECTION_MODEM) kind = "Modem";
-    else if (flags & INTERNET_CONNECTION_PROXY) kind = "Proxy";
-    else if (flags & INTERNET_CONNECTION_CONFIGURED) kind = "Configured";
-    else kind.clear();
-    return true;
-  }
-};
-
-}  // namespace
-
 std::unique_ptr<HttpClient> MakeHttpClient() { return std::make_unique<win32::WinHttpClient>(); }
-std::unique_ptr<InternetConnection> MakeInternetConnection() { return std::make_unique<Win32InternetConnection>(); }
 
 }  // namespace tdacli::platform
