@@ -1,6 +1,6 @@
-// Arbitrary web-service answers to a login. First byte even: the rest goes to the login-reply field
-// parser (ApplyLoginReplyFields) alone. Odd: bits 1-2 choose the HTTP status (200, 404, 500 or nothing
-// received), the rest is the body, and WebService_LoginUser runs whole (decision, field parser, storing
+// Arbitrary web-service answers to a login. First byte's low three bits not 1: the rest goes to the
+// login-reply field parser (ApplyLoginReplyFields) alone. 1: bits 3-4 choose the HTTP status (200, 404,
+// 500 or nothing received), the rest is the body, and WebService_LoginUser runs whole (decision, field parser, storing
 // the values) in a temporary application folder emptied after every input. Checked: the outcome
 // follows the markers, no stored value holds a CR or LF, the settings file keeps its thirteen lines.
 #include <cstdint>
@@ -66,10 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   a.login = LoginState{};
   a.settings = Settings{};
   const std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (data[0] & 1) {
+  if ((data[0] & 7) == 1) {
     // The whole login: decision, field parser, storing (writes files; slower).
     static const int kStatus[] = {200, 404, 500, 0};
-    const int status = kStatus[(data[0] >> 1) & 3];
+    const int status = kStatus[(data[0] >> 3) & 3];
     h.http.on_get = [&](const std::string&) {
       platform::HttpResponse r;
       r.received = status != 0;
