@@ -15,6 +15,8 @@
 #include "platform/internet.h"
 #include "platform/service_host.h"
 #include "platform/tcp_socket.h"
+#include "service/request_files.h"
+#include "triggers/poller.h"
 
 namespace tdacli {
 
@@ -129,6 +131,10 @@ class Agent {
 
   // --- console command state
   std::string ComponentReportText;
+
+  // --- trigger-file poller and request files
+  LoginPoller poller;
+  RequestFiles requests;
 
   // --- controls
   platform::TcpSocket Broadcast;

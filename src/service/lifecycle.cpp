@@ -11,6 +11,8 @@
 #include "login/drivers.h"
 #include "service/agent.h"
 #include "service/control.h"
+#include "service/request_files.h"
+#include "triggers/poller.h"
 
 namespace tdacli {
 
@@ -72,6 +74,8 @@ void HideMainWindow(Agent&) {
 void Form_Load(Agent& agent) {
   WireLoginClient(agent);
   if (!agent.LoadTimer.on_tick) agent.LoadTimer.on_tick = [&agent] { LoadTimer_Timer(agent); };
+  if (!agent.tmrMessage.on_tick) agent.tmrMessage.on_tick = [&agent] { tmrMessage_Timer(agent); };
+  if (!agent.tmrPollForLogin.on_tick) agent.tmrPollForLogin.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
   try {
     ResetProcessValues(agent);
     RecomputeAppFolder(agent);

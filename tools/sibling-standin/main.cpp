@@ -3,16 +3,25 @@
 //   sibling-standin --name TDACMT --app-dir DIR [--answer 130=131,140=141] [--log FILE]
 //
 // It runs through the platform's service host under the given name: on Windows as a real service
-// (installed under that name with this command line), elsewhere in the foreground, receiving codes on
-// the endpoint "<DIR>/<NAME>.svc" and stopped by SIGTERM or SIGINT. Every code it receives is appended
-// to the log file as one line; a code found in the answer map is answered by sending the mapped code to
-// the service TDACLI, as the real siblings answer the agent's requests.
+// (installed under that name with this command line) or started by hand, elsewhere in the foreground,
+// receiving codes on the endpoint "<DIR>/<NAME>.svc" and stopped by SIGTERM or SIGINT. Every code it
+// receives is appended to the log file as one line; a code found in the answer map is answered by
+// sending the mapped code to the service TDACLI, as the real siblings answer the agent's requests.
+//
+// It also takes the request files addressed to it, as the real sibling does: every "*.<NAME>" file in
+// DIR (for the login detector TDACLD the agent's ".TDACLD" load requests) is read, written to the log
+// like a received code ("Code=130" as "130", any other first line as it is) and deleted. A code that
+// came as a file is answered with a file: "<YYYYMMDDHHMMSS>.TDACLI" holding "Code=<reply>".
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/event_loop.h"
@@ -27,6 +36,8 @@ constexpr const char* kUsage =
     "\n"
     "Plays the sibling service NAME of the suite: appends every control code it receives to FILE,\n"
     "one line each, and answers a code listed in --answer by sending REPLY to the service TDACLI.\n"
+    "Request files \"*.NAME\" dropped into DIR are taken the same way (their first line logged,\n"
+    "\"Code=130\" as 130) and deleted; a code that came as a file is answered with a \"*.TDACLI\" file.\n"
     "\n"
     "  --name NAME          the service name (TDACMT, TDACSC, TDACLM, ...)\n"
     "  --app-dir DIR        the application folder the suite's services share\n"
@@ -36,6 +47,11 @@ constexpr const char* kUsage =
     "\n"
     "Windows: run as the installed service NAME. Elsewhere: run in the foreground; codes arrive on\n"
     "DIR/NAME.svc and SIGTERM or SIGINT stops it. Exit codes: 0 stopped, 2 bad arguments.\n";
+
+// How often the folder is looked at for request files.
+constexpr int kWatchIntervalMs = 250;
+// Only the first line of a request file matters; the rest is not read.
+constexpr size_t kRequestLimit = 4096;
 
 // The agent the siblings answer.
 constexpr const char* kAgentService = "TDACLI";
@@ -82,7 +98,8 @@ class StandIn {
         host_(host),
         clock_(platform::MakeSystemClock()),
         loop_(*clock_),
-        client_(platform::MakeServiceControlClient(options.app_dir)) {}
+        client_(platform::MakeServiceControlClient(options.app_dir)),
+        watch_(loop_) {}
 
   int Run() {
     // The host calls these from its own threads: each only posts to the loop.
@@ -92,21 +109,80 @@ class StandIn {
     events.on_shutdown = events.on_stop;
     events.on_control = [this](int code) { loop_.Post([this, code] { Received(code); }); };
     host_.Attach(std::move(events));
+    watch_.SetInterval(kWatchIntervalMs);
+    watch_.on_tick = [this] { TakeRequestFiles(); };
+    watch_.SetEnabled(true);
     loop_.Run();
     return 0;
   }
 
  private:
+  void Log(const std::string& line) {
+    if (options_.log.empty()) return;
+    std::ofstream log(options_.log, std::ios::binary | std::ios::app);
+    log << line << "\r\n";
+  }
+
   void Received(int code) {
-    if (!options_.log.empty()) {
-      std::ofstream log(options_.log, std::ios::binary | std::ios::app);
-      log << code << "\r\n";
-    }
+    Log(std::to_string(code));
     auto answer = options_.answers.find(code);
     if (answer == options_.answers.end()) return;
     const unsigned long result = client_->SendControl(kAgentService, answer->second);
     std::fprintf(stderr, "sibling-standin %s: answered %d with %d to %s (%lu)\n", options_.name.c_str(), code,
                  answer->second, kAgentService, result);
+  }
+
+  // The request files addressed to this service, oldest name first, each read, logged and deleted.
+  void TakeRequestFiles() {
+    namespace fs = std::filesystem;
+    const std::string extension = "." + options_.name;
+    std::vector<fs::path> found;
+    std::error_code ec;
+    for (fs::directory_iterator it(fs::u8path(options_.app_dir), ec), end; !ec && it != end; it.increment(ec)) {
+      std::error_code ignored;
+      if (it->is_symlink(ignored) || !it->is_regular_file(ignored)) continue;
+      const std::string name = it->path().filename().string();
+      if (name.size() >= extension.size() && name.compare(name.size() - extension.size(), extension.size(), extension) == 0)
+        found.push_back(it->path());
+    }
+    std::sort(found.begin(), found.end());
+    for (const auto& path : found) {
+      std::string line;
+      {
+        std::ifstream f(path, std::ios::binary);
+        if (!f) continue;  // still being written, or gone: the next look takes it
+        line.resize(kRequestLimit);
+        f.read(line.data(), static_cast<std::streamsize>(line.size()));
+        line.resize(static_cast<size_t>(f.gcount()));
+      }
+      // A file without its line end may still be being written: it gets one more look.
+      const size_t end = line.find_first_of("\r\n");
+      const std::string key = path.string();
+      if (end == std::string::npos && incomplete_.insert(key).second) continue;
+      incomplete_.erase(key);
+      line = line.substr(0, end);
+      std::error_code rm;
+      fs::remove(path, rm);
+      int code = 0;
+      if (line.rfind("Code=", 0) == 0 && ToCode(line.substr(5), code)) {
+        Log(std::to_string(code));
+        auto answer = options_.answers.find(code);
+        if (answer != options_.answers.end()) AnswerByFile(code, answer->second);
+      } else {
+        Log(line);
+      }
+    }
+  }
+
+  void AnswerByFile(int code, int reply) {
+    const platform::LocalTime t = clock_->Local();
+    char stamp[32];
+    std::snprintf(stamp, sizeof stamp, "%04d%02d%02d%02d%02d%02d", t.year, t.month, t.day, t.hour, t.minute, t.second);
+    const auto path = std::filesystem::u8path(options_.app_dir) / (std::string(stamp) + "." + kAgentService);
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << "Code=" << reply << "\r\n";
+    std::fprintf(stderr, "sibling-standin %s: answered %d with %d in %s\n", options_.name.c_str(), code, reply,
+                 path.string().c_str());
   }
 
   void Stop() {
@@ -122,6 +198,8 @@ class StandIn {
   std::unique_ptr<platform::Clock> clock_;
   platform::EventLoop loop_;
   std::unique_ptr<platform::ServiceControlClient> client_;
+  platform::Timer watch_;
+  std::set<std::string> incomplete_;
 };
 
 }  // namespace

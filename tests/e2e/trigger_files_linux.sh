@@ -1,0 +1,153 @@
+#!/bin/bash
+# Logins and logoffs asked for by trigger files, end to end with the real programs on Linux:
+#   td-login-server on a loopback address of its own, stand-ins for TDACMT (answers 130 with 131) and
+#   TDACSC, tdacli in the "FileMessage" method in a fresh application folder
+#   -> "PerformLogin.TXT" dropped in: the user is logged in, the post-login steps run, the file goes
+#   -> "PerformLogoff.TXT": the user is logged off, the file goes
+#   -> the server stopped, "PerformLogin.TXT" again: the attempt fails, the retry is announced, the
+#      file stays and the next attempt follows after the 15-s wait and the 3-s interval
+#   -> SIGTERM stops the agent; every program is stopped (also when a check fails).
+#
+#   trigger_files_linux.sh --tdacli F --standin F --login-server F
+set -u
+
+TDACLI= STANDIN= LOGIN_SERVER=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --tdacli) TDACLI=$2; shift 2 ;;
+    --standin) STANDIN=$2; shift 2 ;;
+    --login-server) LOGIN_SERVER=$2; shift 2 ;;
+    *) echo "unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] || { echo "missing arguments" >&2; exit 2; }
+
+STARTED=$(date +%s%N)
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-e2e-triggers.XXXXXX") || exit 1
+APP=$WORK/app
+USER_NAME=jsmith
+
+PIDS=()
+stop_all() {
+  local p
+  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
+  for p in "${PIDS[@]}"; do
+    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
+    kill -KILL "$p" 2>/dev/null
+    wait "$p" 2>/dev/null
+  done
+  PIDS=()
+}
+cleanup() {
+  stop_all
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+step() { echo "== $*"; }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+fail() {
+  echo "FAIL: $*"
+  local f
+  for f in "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r'; }
+  done
+  exit 1
+}
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/lib.sh"
+count_message() { messages | grep -cxF -- "$1"; }
+
+mkdir -p "$APP"
+cp "$TDACLI" "$APP/tdacli"
+
+step "login server simulator on a loopback address of its own"
+start_login_server 300
+PIDS+=("$SERVER_PID")
+
+step "settings: the simulator, the user, the FileMessage method, a free listening port"
+port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+PORT=
+for p in $(shuf -i 20000-32700 -n 50); do
+  if port_free "$p"; then PORT=$p; break; fi
+done
+[ -n "$PORT" ] || fail "no free port"
+printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
+  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+  "NotificationMethod=FileMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
+  >"$APP/TDRegInfo.TXT"
+
+step "stand-ins for TDACMT (130 -> 131) and TDACSC"
+"$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
+PIDS+=("$!")
+"$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &
+PIDS+=("$!")
+wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" || fail "the stand-ins did not open their endpoints"
+
+step "tdacli in its application folder"
+(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+AGENT=$!
+PIDS+=("$AGENT")
+wait_for 60 has_message "Notification Method: FileMessage" || fail "no start-up banner"
+
+step "PerformLogin.TXT: the user logs in and the file goes"
+: >"$APP/PerformLogin.TXT"
+wait_for 60 has_message "Trace in TDACLI: Deleted File After login [$APP/PerformLogin.TXT]" ||
+  fail "no login from the trigger file"
+[ ! -e "$APP/PerformLogin.TXT" ] || fail "PerformLogin.TXT is still there"
+wait_for 60 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via FILE TRIGGERED login." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Deleted File After login [$APP/PerformLogin.TXT]" \
+  "Trace in TDACLI: Saved [TDLiveID=48213] to [$APP/TDLiveID.INI]" \
+  "Trace in TDACLI: Sending message 130 to TDACMT Service" \
+  "Trace in TDACLI: User has proper access to both temp folders"
+! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+same_bytes "$APP/TDLiveID.INI" '%s\r\n' "[LiveID]" "TDLiveID=48213" "RepeaterIP=10.1.2.3" "RepeaterPort=5020" \
+  "PeerToPeerCapable=True"
+same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
+has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+
+step "PerformLogoff.TXT: the user logs off and the file goes"
+: >"$APP/PerformLogoff.TXT"
+wait_for 60 has_message "Trace in TDACLI: Deleted File After LogOff [$APP/PerformLogoff.TXT]" ||
+  fail "no logoff from the trigger file"
+[ ! -e "$APP/PerformLogoff.TXT" ] || fail "PerformLogoff.TXT is still there"
+in_order \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Deleted File After LogOff [$APP/PerformLogoff.TXT]"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
+wait_for 20 has_line "$WORK/TDACSC.log" '^130$' || fail "TDACSC never heard 130"
+
+step "the server stopped: the login fails, the retry is announced and the file stays"
+kill -TERM "$SERVER_PID"
+wait "$SERVER_PID" 2>/dev/null
+login_line="Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via FILE TRIGGERED login."
+: >"$APP/PerformLogin.TXT"
+# A refused connection costs the full 30-s connect stage.
+wait_for 90 has_message "Trace in TDACLI: LOGIN NOT OKAY, Delaying 15 Seconds, Trying Again [Attempt=1]." ||
+  fail "no retry announced"
+has_message "Error in TDACLI: Login Attempt - Timeout connecting socket for login" || fail "no connect time-out logged"
+[ -e "$APP/PerformLogin.TXT" ] || fail "PerformLogin.TXT went after a failed login"
+# The next attempt follows the 15-s wait and the 3-s interval.
+retry_at=$(date +%s)
+wait_for 60 bash -c "[ \$(sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' '$(program_trace)' | tr -d '\r' | grep -cxF -- '$login_line') -ge 3 ]" ||
+  fail "no second attempt"
+waited=$(( $(date +%s) - retry_at ))
+[ "$waited" -ge 16 ] || fail "the second attempt came after $waited s, expected about 18"
+[ -e "$APP/PerformLogin.TXT" ] || fail "PerformLogin.TXT went during the retries"
+
+step "stop: SIGTERM ends the agent with its STOP banner"
+kill -TERM "$AGENT"
+wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
+[ "$(messages | tail -n 1)" = "Information in TDACLI: **********" ] || fail "the trace does not end with the STOP banner"
+stop_all
+
+echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
+echo "PASS: trigger files end to end"
+exit 0
