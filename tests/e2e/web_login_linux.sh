@@ -1,9 +1,11 @@
 #!/bin/bash
 # A user's logon end to end through the login web service, with the real programs on Linux:
-#   td-login-server --http (or --https with a CA made here) on a free loopback port, stand-ins for
-#   TDACMT and TDACSC, tdacli in a fresh application folder whose Server names the web service ->
-#   `agent-explorer control TDACLI 128` logs the user in over HTTP(S): the trace lines, the login
-#   result and capture files, the status report at the server -> code 133 logs the user off.
+#   td-login-server --http (or --https with a CA made here) on a free loopback port with a screen-grabber
+#   task queued for this machine, stand-ins for TDACMT and TDACSC, tdacli in a fresh application folder
+#   whose Server names the web service -> "PerformLogin.TXT" logs the user in over HTTP(S): the trace
+#   lines, the login result and capture files, the status report at the server, then the phone-home
+#   call fetches the task ("|SENDFRAMES|" -> "SendFrames-JOB42.TSF") -> code 133 logs the user off ->
+#   `agent-explorer control TDACLI 128` logs the user in again.
 # HTTPS: the agent verifies certificates against the system's store only. It runs in a mount
 # namespace of its own in which the store file is replaced by the test CA, so that nothing on this
 # machine ever trusts that CA (needs unprivileged user namespaces; exit 77 = skipped without them).
@@ -87,6 +89,10 @@ WebCam=true
 100Screen=SCR:010|ATLOGO:2|010|001
 PhoneHome=True
 USERS
+# One task for this machine, under the names the agent may know it by.
+TASK="2026-11-14 10:00@2026-11-14 11:00@JOB42"
+TASKS=(--grabber-task "$(hostname -f)=$TASK")
+[ "$(hostname)" = "$(hostname -f)" ] || TASKS+=(--grabber-task "$(hostname)=$TASK")
 WEB_ARGS=(--http 127.0.0.1:0)
 HOST=127.0.0.1
 if [ "$SCHEME" = https ]; then
@@ -96,9 +102,7 @@ if [ "$SCHEME" = https ]; then
   HOST=localhost
 fi
 "$LOGIN_SERVER" "${WEB_ARGS[@]}" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
-  --grabber-task "$(hostname -f)=2026-11-14 10:00@2026-11-14 11:00@JOB42" \
-  --grabber-task "$(hostname)=2026-11-14 10:00@2026-11-14 11:00@JOB42" \
-  --exit-after 300 2>"$WORK/login-server.err" &
+  "${TASKS[@]}" --exit-after 300 2>"$WORK/login-server.err" &
 PIDS+=("$!")
 wait_for 10 grep -qE "listening on $SCHEME://127.0.0.1:[0-9]+" "$WORK/transcript.txt" || fail "the simulator did not start"
 PORT=$(tr -d '\r' <"$WORK/transcript.txt" | head -n 1 | sed -E 's/.*:([0-9]+)$/\1/')
@@ -115,7 +119,7 @@ done
 [ -n "$LPORT" ] || fail "no free port"
 printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
   "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$LPORT,6001,6002" \
+  "NotificationMethod=FileMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$LPORT,6001,6002" \
   >"$APP/TDRegInfo.TXT"
 
 step "stand-ins for TDACMT (130 -> 131) and TDACSC"
@@ -143,13 +147,15 @@ if [ "$SCHEME" = https ]; then
     fail "the test CA reached the machine's own store"
 fi
 
-step "code 128: the user logs in over $SCHEME"
-out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
-[ "$out" = 0 ] || fail "code 128: $out"
+step "PerformLogin.TXT: the user logs in over $SCHEME, then the agent phones home for tasks"
+: >"$APP/PerformLogin.TXT"
 wait_for 60 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
+wait_for 30 test ! -e "$APP/PerformLogin.TXT" || fail "PerformLogin.TXT was not removed"
+wait_for 60 test -f "$APP/SendFrames-JOB42.TSF" || fail "no task file from the phone-home call"
+same_bytes "$APP/SendFrames-JOB42.TSF" '%s\r\n' "$TASK"
 LOGIN_URL_RE="/TDLoginWebService/TDLoginWebService.asmx/LoginMethod\?WinName=$USER_NAME&LocalIP=[0-9.]+&Extension=4711"
 in_order \
-  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \
+  "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via FILE TRIGGERED login." \
   "Trace in TDACLI: Testing Internet Connection ..." \
   "Trace in TDACLI: Internet Connection Successful via [LAN]"
 messages | grep -qE "^Trace in TDACLI: WebService_LoginUser - Performing an OpenURL\(\) on: $BASE$LOGIN_URL_RE\$" ||
@@ -161,9 +167,17 @@ in_order \
   "Trace in TDACLI: Sending message 130 to TDACMT Service" \
   "Trace in TDACLI: User has proper access to both temp folders" \
   "Trace in TDACLI: WebService_LoginStatus - Performing an OpenURL() on: $BASE/TDLoginWebService/TDLoginWebService.asmx/StatusMethod?WinName=$USER_NAME&Status=0" \
-  "Trace in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (0) for User ($USER_NAME)."
+  "Trace in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (0) for User ($USER_NAME)." \
+  "Trace in TDACLI: Deleted File After login [$APP/PerformLogin.TXT]" \
+  "Trace in TDACLI: The Tyndrel Agent Client Received a Screen Grabber Task"
+messages | grep -qE "^Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an OpenURL\(\) on: $BASE/TDFrameReceiverWebService/TDFrameReceiverWebService.asmx/GrabberMethod\?Machine=[^ ]+\$" ||
+  fail "no OpenURL() line for the phone-home call"
+messages | grep -qF "Trace in TDACLI: Made 'Send Frames' File ($APP/SendFrames-JOB42.TSF) with values ($TASK)" ||
+  fail "no trace line for the task file"
+server_heard "/TDFrameReceiverWebService/TDFrameReceiverWebService.asmx/GrabberMethod\?Machine=[^ ]+" ||
+  fail "no phone-home call at the server"
+has_line "$WORK/transcript.txt" "^\[[0-9]+\] S> 200 .*SUCCESS\|SENDFRAMES\|$TASK</string>\$" || fail "the server handed out no task"
 ! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
-same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
 same_bytes "$APP/TDACFTP.INI" '%s\r\n' "[Tyndrel - Agent Client - FTP Credentials]" "" "[Config]" \
   'ServerTemp=\\fs01\tdtemp\' "FTPServer=ftp.example.com" "UserName=tduser" "EncryptedPassword=9F8E7D6C" \
   "Port=21" "Ssl=False" "AuthTLS=False" "Passive=False" "PassiveUseHostAddr=False" "Protocol=FTP"
@@ -188,6 +202,16 @@ in_order \
   "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)"
 server_heard "/TDLoginWebService/TDLoginWebService.asmx/LogOffMethod\?WinName=$USER_NAME&LocalIP=[0-9.]+" ||
   fail "no logoff at the server"
+! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
+
+step "code 128 through the control endpoint: the user logs in again"
+out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
+[ "$out" = 0 ] || fail "code 128: $out"
+wait_for 60 has_message "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." ||
+  fail "code 128 did not start a login"
+wait_for 60 bash -c "[ \$(tr -d '\r' <'$WORK/transcript.txt' | grep -cE 'C> GET /TDLoginWebService/TDLoginWebService.asmx/LoginMethod') -ge 2 ]" ||
+  fail "the second login did not reach the server"
+wait_for 60 bash -c "[ \$(tr -d '\r' <'$WORK/TDACMT.log' | grep -c '^131\$') -ge 2 ]" || fail "the second login chain did not end"
 ! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
 
 step "stop"
