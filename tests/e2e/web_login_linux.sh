@@ -168,8 +168,11 @@ in_order \
   "Trace in TDACLI: User has proper access to both temp folders" \
   "Trace in TDACLI: WebService_LoginStatus - Performing an OpenURL() on: $BASE/TDLoginWebService/TDLoginWebService.asmx/StatusMethod?WinName=$USER_NAME&Status=0" \
   "Trace in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (0) for User ($USER_NAME)." \
-  "Trace in TDACLI: Deleted File After login [$APP/PerformLogin.TXT]" \
   "Trace in TDACLI: The Tyndrel Agent Client Received a Screen Grabber Task"
+in_order \
+  "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
+  "Trace in TDACLI: Deleted File After login [$APP/PerformLogin.TXT]" \
+  "Trace in TDACLI: Sending message 130 to TDACMT Service"
 messages | grep -qE "^Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an OpenURL\(\) on: $BASE/TDFrameReceiverWebService/TDFrameReceiverWebService.asmx/GrabberMethod\?Machine=[^ ]+\$" ||
   fail "no OpenURL() line for the phone-home call"
 messages | grep -qF "Trace in TDACLI: Made 'Send Frames' File ($APP/SendFrames-JOB42.TSF) with values ($TASK)" ||
