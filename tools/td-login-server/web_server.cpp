@@ -223,6 +223,9 @@ bool WebLoginServer::Start(std::string& error) {
   }
   Record("[0] -- listening on " + BaseUrl());
   thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // A stop() that comes before the server runs would be lost (and the join would wait for ever): hand
+  // the server out only once it runs.
+  for (int i = 0; i < 5000 && !server_->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return true;
 }
 
