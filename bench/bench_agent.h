@@ -42,7 +42,7 @@ struct BenchAgent {
   explicit BenchAgent(const std::string& folder) {
     AgentOptions o;
     o.exe_folder = folder;
-    agent = std::make_unique<Agent>(AgentFacilities{*clock, host, event_log, service_control, dialogs, service_host}, o);
+    agent = std::make_unique<Agent>(AgentFacilities{*clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
     agent->local_ip = "192.168.5.20";
     agent->settings.CurrentUser = "jsmith";
   }
@@ -52,6 +52,8 @@ struct BenchAgent {
   platform::QuietServiceControl service_control;
   platform::QuietDialogs dialogs;
   platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 

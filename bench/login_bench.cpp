@@ -12,6 +12,11 @@
 
 #include "login/drivers.h"
 #include "login_server.h"
+#ifdef TDACLI_SIM_WEB
+#include "platform/internet.h"
+#include "platform/testing/test_ca.h"
+#include "web_server.h"
+#endif
 #include "platform/clock.h"
 #include "bench_agent.h"
 #include "service/agent.h"
@@ -82,6 +87,51 @@ void RunAll(Agent& a) {
         }));
 }
 
+#ifdef TDACLI_SIM_WEB
+// Logins through the web service (the simulator's, on its own threads) with the platform's HTTP client:
+// a new connection for every request, as the transfer control makes; over HTTPS with the TLS set-up
+// each time.
+int RunWeb(const std::filesystem::path& folder, bool https) {
+  namespace fs = std::filesystem;
+  const fs::path dir = folder / (https ? "https" : "http");
+  fs::create_directories(dir / "pki");
+  loginsim::WebOptions o;
+  std::unique_ptr<platform::HttpClient> client = platform::MakeHttpClient();
+  if (https) {
+    std::string error;
+    if (!loginsim::MakeTestPki((dir / "pki").string(), error)) {
+      std::printf("cannot make the test certificates: %s\n", error.c_str());
+      return 1;
+    }
+    o.https = true;
+    o.cert_file = (dir / "pki" / "server.pem").string();
+    o.key_file = (dir / "pki" / "server.key").string();
+    client = platform::testing::MakeHttpClientTrustingOnly((dir / "pki" / "ca.pem").string());
+  }
+  loginsim::WebLoginServer server(Users(), o);
+  std::string error;
+  if (!server.Start(error)) {
+    std::printf("cannot start the web service: %s\n", error.c_str());
+    return 1;
+  }
+  BenchAgent b((dir).string());
+  b.http.on_get = [&client](const std::string& url) { return client->Get(url); };
+  b.agent->settings.Server = "127.0.0.1:" + std::string(https ? "https:" : "") + std::to_string(server.port());
+  std::printf("web service over %s at %s (Server=%s)\n", https ? "HTTPS" : "HTTP", server.BaseUrl().c_str(),
+              b.agent->settings.Server.c_str());
+  Print(https ? "web login TLS" : "web login", Measure([&] {
+          LoginUser(*b.agent);
+          return b.agent->login.LoginSucceeded;
+        }));
+  Print(https ? "web status TLS" : "web status", Measure([&] {
+          LoginStatus(*b.agent);
+          return b.agent->login.StatusSucceeded;
+        }));
+  server.Stop();
+  return 0;
+}
+#endif
+
 }  // namespace
 
 int main() {
@@ -119,6 +169,9 @@ int main() {
     std::printf("simulator on the agent's own loop at %s:5003\n", server.address().c_str());
     RunAll(*b.agent);
   }
+#ifdef TDACLI_SIM_WEB
+  if (RunWeb(folder, false) != 0 || RunWeb(folder, true) != 0) return 1;
+#endif
   std::error_code ec;
   fs::remove_all(folder, ec);
   return 0;

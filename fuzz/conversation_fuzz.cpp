@@ -33,7 +33,7 @@ struct Harness {
     fs::create_directories(folder);
     AgentOptions o;
     o.exe_folder = folder.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, event_log, service_control, dialogs, service_host}, o);
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
     agent->listener().Listener().SetLocalHost("127.0.0.1");
     agent->startup_banner_written = true;
     clock.idle_grace_ms = 0;  // no peer to wait for: time jumps at once
@@ -78,6 +78,8 @@ struct Harness {
   platform::QuietServiceControl service_control;
   platform::QuietDialogs dialogs;
   platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 

@@ -43,7 +43,7 @@ struct World {
     clock.idle_grace_ms = 0;
     AgentOptions o;
     o.exe_folder = dir.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host}, o);
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host, http, internet}, o);
   }
   ~World() {
     agent.reset();
@@ -57,6 +57,8 @@ struct World {
   Control control;
   platform::QuietDialogs dialogs;
   platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 

@@ -33,12 +33,14 @@ struct ReplyRule {
 
 bool Kind(const Agent& agent, std::string_view kind) { return agent.login.LoginRequestKind == kind; }
 
-// Live id reply: "TDLIVEID", one separator character, then id, repeater address, repeater port and the
-// peer-to-peer flag separated by ":". Fields that are missing leave their values as they were.
-void StoreLiveId(Agent& agent, const std::string& data) {
+}  // namespace
+
+// The live id fields: id, repeater address, repeater port and the peer-to-peer flag separated by ":".
+// Fields that are missing leave their values as they were.
+void StoreLiveIdFields(Agent& agent, std::string_view fields) {
   LoginState& l = agent.login;
   std::vector<std::string> field;
-  const int n = SplitString(Mid(data, 10), ":", field);
+  const int n = SplitString(fields, ":", field);
   if (n >= 1) l.TDLiveID = field[1];
   if (n >= 2) l.RepeaterIP = field[2];
   if (n >= 3) l.RepeaterPort = field[3];
@@ -50,12 +52,28 @@ void StoreLiveId(Agent& agent, const std::string& data) {
 
 // The server names folders with the tokens "c:\%windir%\" and "c:\%appdir%\"; the value is lower-cased
 // first so that they match whatever case the server used.
-std::string LocalTempFromReply(Agent& agent, const std::string& value) {
+std::string LocalTempFromReply(Agent& agent, std::string_view value) {
   std::string v = Lower(value);
   v = ReplaceAll(v, "c:\\%windir%\\", GetWindowsFolder(agent));
   v = ReplaceAll(v, "c:\\%appdir%\\", agent.app_folder);
   return v;
 }
+
+void StoreLoginResults(Agent& agent) {
+  LoginState& l = agent.login;
+  const std::string ftp_file = agent.AppPath("TDACFTP.INI");
+  if (FileExists(ftp_file)) DeleteFile(agent, ftp_file);
+  SaveFtpCredentials(agent);
+  const std::string mask_file = agent.AppPath("TDIPMASK.INI");
+  if (l.ValidIPMask.empty()) {
+    if (FileExists(mask_file)) DeleteFile(agent, mask_file);
+  } else {
+    SaveValidIPMask(agent, l.ValidIPMask);
+  }
+  SaveConfiguration(agent);
+}
+
+namespace {
 
 void UpdateListeningPorts(Agent& agent, const std::string& data) {
   std::string& ports = agent.settings.ListeningPorts;
@@ -120,16 +138,7 @@ void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) 
   l.LoginSucceeded = true;
   send(kDisconnect);
 
-  const std::string ftp_file = agent.AppPath("TDACFTP.INI");
-  if (FileExists(ftp_file)) DeleteFile(agent, ftp_file);
-  SaveFtpCredentials(agent);
-  const std::string mask_file = agent.AppPath("TDIPMASK.INI");
-  if (l.ValidIPMask.empty()) {
-    if (FileExists(mask_file)) DeleteFile(agent, mask_file);
-  } else {
-    SaveValidIPMask(agent, l.ValidIPMask);
-  }
-  SaveConfiguration(agent);
+  StoreLoginResults(agent);
   ReopenListenerAfterLogin(agent);
 }
 
@@ -184,7 +193,8 @@ const std::array<ReplyRule, 18>& Rules() {
        }},
       {"6", [](const Agent&, std::string_view d) { return StartsWith(d, "TDLIVEID"); },
        [](Agent& a, const std::string& d, const RequestSink& send) {
-         StoreLiveId(a, d);
+         // The 9th character separates keyword and fields; it is skipped.
+         StoreLiveIdFields(a, Mid(d, 10));
          LogMessage(a, "Login Server Sent TD Live ID (" + d + "), Sending Request for Server Temp Folder", "Trace");
          send("SERVERTEMP");
        }},

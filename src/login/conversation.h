@@ -22,6 +22,15 @@ struct SendFault : std::runtime_error {
   int number;
 };
 
+// Shared with the web-service login, which receives the same values in other wrapping.
+// The live id fields "id:repeater address:repeater port:T|F"; missing fields keep their values.
+void StoreLiveIdFields(Agent& agent, std::string_view fields);
+// The local temp folder as received: lower-cased, then the folder tokens replaced.
+std::string LocalTempFromReply(Agent& agent, std::string_view value);
+// Stores what a successful login received: the FTP credentials file (an old one removed first), the
+// valid IP mask file (removed when no mask came), and the settings file.
+void StoreLoginResults(Agent& agent);
+
 // The label of the first rule that matches `data` ("1", "1'", "2", ... "15"), in the order of testing.
 std::string_view ReplyRuleFor(const Agent& agent, std::string_view data);
 

@@ -1,6 +1,11 @@
 #pragma once
 // The login web service: used instead of the line protocol when the `Server` setting holds a web
-// address (any text with ":"). The drivers hand the whole request over here and do nothing else.
+// address (any text with ":"). The drivers hand the whole request over here and do nothing else. Each
+// request is one blocking GET through the platform's HTTP client (no events run during it; its 10 s
+// time-outs bound the block); the answer is the service's XML string result, searched for markers.
+#include <string>
+#include <string_view>
+
 namespace tdacli {
 
 class Agent;
@@ -10,5 +15,25 @@ void WebService_LogOffUser(Agent& agent);
 void WebService_LoginStatus(Agent& agent);
 // Fetches screen-grabber tasks; called by the trigger-file poller when the phone-home flag is set.
 void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent);
+
+// The web server named by a `Server` setting: the host (with ":" and a port when one was given) and
+// whether the scheme is HTTPS.
+struct WebServer {
+  std::string host;
+  bool https = false;
+  std::string Base() const { return (https ? "https://" : "http://") + host; }
+};
+WebServer ParseWebServer(std::string_view server);
+
+// Applies the fields of a login reply (the text after "SUCCESS|") to the settings and login state,
+// each field tested against every key in table order. Throws on a flag that is not a Boolean.
+void ApplyLoginReplyFields(Agent& agent, std::string_view fields);
+
+// Steps after the phone-home fetch: `response` is what came back for `url` (empty when nothing did).
+void HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::string& response);
+
+// The text of a Boolean conversion: "True"/"False" in any case or a number (not 0 is true); any other
+// text throws the "Type mismatch" error (13).
+bool ToBoolean(std::string_view text);
 
 }  // namespace tdacli

@@ -6,6 +6,7 @@
 
 #include "platform/clock.h"
 #include "platform/host_identity.h"
+#include "platform/internet.h"
 #include "platform/service_host.h"
 
 namespace tdacli::platform {
@@ -16,6 +17,8 @@ struct SystemFacilities {
   std::unique_ptr<EventLog> event_log;
   std::unique_ptr<ServiceControlClient> service_control;
   std::unique_ptr<Dialogs> dialogs;
+  std::unique_ptr<HttpClient> http;
+  std::unique_ptr<InternetConnection> internet;
 };
 
 SystemFacilities MakeSystemFacilities(const std::string& app_folder);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/host_identity.h"
+#include "platform/internet.h"
 #include "platform/service_host.h"
 
 namespace tdacli::platform {
@@ -39,6 +40,26 @@ class QuietServiceControl : public ServiceControlClient {
 class QuietDialogs : public Dialogs {
  public:
   void Information(const std::string&, const std::string&) override {}
+};
+
+// Answers every GET through `on_get`, or with nothing received.
+class QuietHttpClient : public HttpClient {
+ public:
+  std::function<HttpResponse(const std::string& url)> on_get;
+  HttpResponse Get(const std::string& url) override {
+    if (on_get) return on_get(url);
+    HttpResponse r;
+    r.error = "no web service here";
+    return r;
+  }
+};
+
+class LanConnection : public InternetConnection {
+ public:
+  bool Connected(std::string& kind) override {
+    kind = "LAN";
+    return true;
+  }
 };
 
 class QuietServiceHost : public ServiceHost {

@@ -12,6 +12,7 @@
 #include "config/settings.h"
 #include "platform/event_loop.h"
 #include "platform/host_identity.h"
+#include "platform/internet.h"
 #include "platform/service_host.h"
 #include "platform/tcp_socket.h"
 #include "service/request_files.h"
@@ -30,6 +31,8 @@ struct AgentFacilities {
   platform::ServiceControlClient& service_control;
   platform::Dialogs& dialogs;
   platform::ServiceHost& service_host;
+  platform::HttpClient& http;
+  platform::InternetConnection& internet;
 };
 
 struct AgentOptions {
@@ -97,6 +100,8 @@ class Agent {
   platform::ServiceControlClient& service_control() { return facilities_.service_control; }
   platform::Dialogs& dialogs() { return facilities_.dialogs; }
   platform::ServiceHost& service_host() { return facilities_.service_host; }
+  platform::HttpClient& http() { return facilities_.http; }
+  platform::InternetConnection& internet() { return facilities_.internet; }
   const AgentOptions& options() const { return options_; }
 
   // --- process-wide values

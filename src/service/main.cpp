@@ -21,7 +21,7 @@ int main() {
     options.exe_base_name = process.exe_base_name;
     options.command_line = process.command_line;
     options.file_revision = process.file_revision;
-    Agent agent({*sys.clock, *sys.host, *sys.event_log, *sys.service_control, *sys.dialogs, host}, options);
+    Agent agent({*sys.clock, *sys.host, *sys.event_log, *sys.service_control, *sys.dialogs, host, *sys.http, *sys.internet}, options);
     agent.on_end_process = [&host] {
       host.ReportStopped();
       std::fflush(nullptr);

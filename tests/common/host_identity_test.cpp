@@ -267,7 +267,7 @@ TEST(SystemHostIdentity, RealValuesHaveTheirShape) {
   ASSERT_TRUE(host);
   AgentOptions options;
   options.exe_folder = t.dir.path();
-  Agent agent(AgentFacilities{t.clock, *host, t.event_log, t.service_control, t.dialogs, t.service_host}, options);
+  Agent agent(AgentFacilities{t.clock, *host, t.event_log, t.service_control, t.dialogs, t.service_host, t.http, t.internet}, options);
 
   LoadComputerNames(agent);
   DetectOSVersion(agent);

@@ -171,7 +171,7 @@ TEST_F(LogTest, UnwritableFolderLosesTheLineSilently) {
   std::string missing = gone.dir.File("no-such-folder");
   AgentOptions o;
   o.exe_folder = missing;
-  Agent a({gone.clock, gone.host, gone.event_log, gone.service_control, gone.dialogs, gone.service_host}, o);
+  Agent a({gone.clock, gone.host, gone.event_log, gone.service_control, gone.dialogs, gone.service_host, gone.http, gone.internet}, o);
   a.local_ip = "1.2.3.4";
   LogMessage(a, "lost", "Error");  // must not throw
   EXPECT_FALSE(Exists(missing));

@@ -17,65 +17,62 @@ using testing::LoginFixture;
 
 TEST(LoginDrivers, WebServiceAddressRunsOnlyTheWebServicePathAfterDeletingTheStaleLiveId) {
   LoginFixture f;
-  f.t->settings.Server = "https://td.example.com:8443";
+  f.t->settings.Server = "td.example.com:https:8443";
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\nTDLiveID=1\r\n");
-  testing::WriteFile(f.App("100ScreenParam.TXT"), "kept\r\n");
   LoginState& l = f.t->login;
   l.LoginRequestKind = "Status";
   l.ProtocolDone = true;
-  l.LoginSucceeded = true;
-  l.LastLoginResult = "earlier";
-  l.HundredScreensParam = "kept";
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
   LoginUser(*f.t);
 
-  EXPECT_THAT(f.Since(mark), ElementsAre("Trace in TDACLI: Deleted [TDLiveID.INI] file before Login!"));
+  const auto lines = f.Since(mark);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "Trace in TDACLI: Deleted [TDLiveID.INI] file before Login!");
+  EXPECT_EQ(lines[1], "Trace in TDACLI: Testing Internet Connection ...");
   EXPECT_FALSE(testing::Exists(f.App("TDLiveID.INI")));
-  // Nothing of the TCP driver ran: no flags reset, no capture parameters cleared, no socket used.
-  EXPECT_TRUE(testing::Exists(f.App("100ScreenParam.TXT")));
+  // One GET to the web service; nothing of the TCP driver ran: its flags and socket are untouched.
+  ASSERT_EQ(f.t.http.urls.size(), 1u);
+  EXPECT_EQ(f.t.http.urls[0].rfind("https://td.example.com:8443/TDLoginWebService/", 0), 0u) << f.t.http.urls[0];
   EXPECT_EQ(l.LoginRequestKind, "Status");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_TRUE(l.LoginSucceeded);
-  EXPECT_EQ(l.LastLoginResult, "earlier");
-  EXPECT_EQ(l.HundredScreensParam, "kept");
   EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
   EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
   EXPECT_EQ(f.Now(), start);
 }
 
-TEST(LoginDrivers, WebServiceAddressWithoutStaleLiveIdLogsNothing) {
+TEST(LoginDrivers, WebServiceAddressWithoutStaleLiveIdGoesStraightToTheWebService) {
   LoginFixture f;
   f.t->settings.Server = "10.0.0.5:80";
   const size_t mark = f.Mark();
   LoginUser(*f.t);
-  EXPECT_TRUE(f.Since(mark).empty());
+  const auto lines = f.Since(mark);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], "Trace in TDACLI: Testing Internet Connection ...");
   EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
 }
 
-TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusTouchesNothing) {
+TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusUsesOnlyTheWebService) {
   LoginFixture f;
   f.t->settings.Server = "td.example.com:8080";
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\n");
   LoginState& l = f.t->login;
-  l.LogoffSucceeded = true;
-  l.StatusSucceeded = false;
   l.LoginRequestKind = "Login";
   l.ProtocolDone = true;
-  l.LastLoginResult = "earlier";
-  const size_t mark = f.Mark();
 
   LogOffUser(*f.t);
   LoginStatus(*f.t);
 
-  EXPECT_TRUE(f.Since(mark).empty());
   EXPECT_TRUE(testing::Exists(f.App("TDLiveID.INI")));  // only a login removes it
-  EXPECT_TRUE(l.LogoffSucceeded);
-  EXPECT_FALSE(l.StatusSucceeded);
+  ASSERT_EQ(f.t.http.urls.size(), 2u);
+  EXPECT_EQ(f.t.http.urls[0],
+            "http://td.example.com:8080/TDLoginWebService/TDLoginWebService.asmx/LogOffMethod?WinName=jsmith&"
+            "LocalIP=192.168.5.20");
+  EXPECT_EQ(f.t.http.urls[1],
+            "http://td.example.com:8080/TDLoginWebService/TDLoginWebService.asmx/StatusMethod?WinName=jsmith&Status=0");
   EXPECT_EQ(l.LoginRequestKind, "Login");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_EQ(l.LastLoginResult, "earlier");
   EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
 }
 

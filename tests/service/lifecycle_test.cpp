@@ -255,7 +255,7 @@ struct Installer : ::testing::Test {
     o.exe_folder = t.dir.path();
     o.command_line = cmd;
     t.agent = std::make_unique<Agent>(
-        AgentFacilities{t.clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host}, o);
+        AgentFacilities{t.clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host, t.http, t.internet}, o);
     Form_Load(*t);
   }
   TestAgent t;

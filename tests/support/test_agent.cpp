@@ -82,7 +82,7 @@ TestAgent::TestAgent(platform::LocalTime start) : clock(start) {
   o.command_line = "";
   o.file_revision = 7;
   agent = std::make_unique<Agent>(
-      AgentFacilities{clock, host, event_log, service_control, dialogs, service_host}, o);
+      AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
 }
 
 TestAgent::~TestAgent() { agent.reset(); }

@@ -12,6 +12,7 @@
 #include "common/paths.h"
 #include "platform/clock.h"
 #include "platform/host_identity.h"
+#include "platform/internet.h"
 #include "platform/service_host.h"
 #include "service/agent.h"
 
@@ -94,6 +95,43 @@ class FakeServiceHost : public platform::ServiceHost {
   void ReportStopped() override { ++stopped_reports; }
 };
 
+// Records every URL fetched; `answer` decides the response (default: nothing received, refused).
+class FakeHttpClient : public platform::HttpClient {
+ public:
+  std::vector<std::string> urls;
+  std::function<platform::HttpResponse(const std::string& url)> answer;
+  platform::HttpResponse Get(const std::string& url) override {
+    urls.push_back(url);
+    if (answer) return answer(url);
+    platform::HttpResponse r;
+    r.error = "Connection refused";
+    return r;
+  }
+  // Every GET answers `status` with `body`.
+  void Always(std::string body, int status = 200) {
+    answer = [body, status](const std::string&) {
+      platform::HttpResponse r;
+      r.received = true;
+      r.status = status;
+      r.body = body;
+      return r;
+    };
+  }
+};
+
+// Not connected for the first `offline_checks` checks, then connected through `kind`.
+class FakeInternet : public platform::InternetConnection {
+ public:
+  int offline_checks = 0;
+  int checks = 0;
+  std::string kind = "LAN";
+  bool Connected(std::string& k) override {
+    if (checks++ < offline_checks) return false;
+    k = kind;
+    return true;
+  }
+};
+
 // A fresh temporary folder, removed at the end of the test.
 class TempDir {
  public:
@@ -129,6 +167,8 @@ struct TestAgent {
   FakeServiceControl service_control;
   FakeDialogs dialogs;
   FakeServiceHost service_host;
+  FakeHttpClient http;
+  FakeInternet internet;
   std::unique_ptr<Agent> agent;
   Agent& operator*() { return *agent; }
   Agent* operator->() { return agent.get(); }

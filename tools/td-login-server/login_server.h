@@ -33,12 +33,13 @@ struct UserRecord {
   std::optional<std::string> webcam;         // ... followed by "webcam" + this when given
   std::optional<std::string> hundred_screen;  // pushed as "100SCREEN" + this during a login
   std::optional<std::string> listen_ports;    // pushed as "LISTENPORTS" + this during a login
+  std::optional<std::string> phone_home;      // web service only: "PHONEHOME=" + this in the login reply
 };
 
 class UserTable {
  public:
   // The users file: "[WindowsName]" starts a user, "Key=Value" lines fill it (keys in any case:
-  // ServerTemp, LocalTemp, LiveID, KekInfo, ValidIPMask, Trace, WebCam, 100Screen, ListenPorts);
+  // ServerTemp, LocalTemp, LiveID, KekInfo, ValidIPMask, Trace, WebCam, 100Screen, ListenPorts, PhoneHome);
   // lines starting with "#" or ";" and blank lines are skipped. False with `error` on a bad file.
   bool Parse(std::string_view text, std::string& error);
   bool Load(const std::string& path, std::string& error);

@@ -1,64 +1,27 @@
 // td-login-server: plays the TD Login Server on the line protocol of port 5003, for tests and for
 // trying an agent without the real server. See README.md beside this file.
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "login_server.h"
+#include "usage.h"
+#ifdef TDACLI_SIM_WEB
+#include <signal.h>
+#include <time.h>
+
+#include "web_server.h"
+#endif
 
 namespace {
 
 using namespace tdacli;
 
-constexpr const char* kHelp = R"(Usage: td-login-server --listen ADDRESS[:PORT] --users FILE [options]
-
-Plays the TD Login Server: answers the login, logoff and status exchanges of the line protocol
-(plain text, no terminator, one reply per request) from a users file, and prints a transcript.
-
-  --listen ADDRESS[:PORT]  IPv4 address to listen on (any 127.0.0.x); the port is 5003 unless given
-  --users FILE             the users file (below)
-  --transcript FILE        also write the transcript to FILE (replaced at start)
-  --fault MODE             misbehave: silent      accept, then never send anything
-                                      close-mid   greet, then hang up on the first request
-                                      unexpected  greet, then answer the first request with
-                                                  "TD Login Server Says Something Unexpected"
-                                      two-in-one  send the "100SCREEN" push and the reply to
-                                                  SERVERTEMP, Logoff... or STATUS... in one write
-                                      delay=MS    send every reply MS milliseconds late
-  --once                   serve one connection, then exit
-  --push-gap MS            pause after each push before the next reply (default 50)
-  --exit-after SECONDS     give up and exit with code 3 after SECONDS
-  --quiet                  no transcript on standard output
-  --help                   this text
-
-Users file: one section per Windows name (matched without regard to case), keys in any case:
-
-  # comment
-  [jsmith]
-  ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
-  LocalTemp=C:\%WINDIR%\Temp
-  LiveID=48213:10.1.2.3:5020:T
-  KekInfo=KEK-0001
-  ValidIPMask=192.168.5.
-  Trace=True
-  WebCam=true
-  100Screen=10,02:00 AM,4
-  ListenPorts=5001,6000,6001,6002
-
-Replies: greeting "TD Agent Connect OK"; "ID<name>" -> "ID OK"; "IP<addr>" -> "IP Addr OK";
-"EX<ext>" -> "EXT OK"; "TDLIVEID" -> the pushes "100SCREEN<100Screen>" and
-"LISTENPORTS<ListenPorts>" when set, then "TDLIVEID=<LiveID>"; "SERVERTEMP" -> "SERVERTEMP<ServerTemp>"
-or "SERVERTEMPNoMatchingWinName" for a name not in the file; "LOCALTEMP" -> "LOCALTEMP<LocalTemp>";
-"KEKINFO" -> "KEKINFO<KekInfo>"; "VALIDIPMASK" -> "VALIDIPMASK<ValidIPMask>"; "USETRACE" ->
-"AGENTTRACE<Trace>" (+ "webcam<WebCam>" when WebCam is set); "Logoff<name>:<addr>" -> "LOGOFF=OKAY"
-(or "LOGOFF=NoMatchingWinName"); "STATUS<n>" -> "STATUS OK"; "TD Agent Disconnect OK" -> hang up.
-
-Transcript, one line per event: "[n] C> bytes" received from client connection n, "[n] S> bytes"
-sent to it, "[n] -- text" events ([0] is the server itself). Bytes are exact: "\" is written "\\",
-CR "\r", LF "\n", TAB "\t", other bytes outside printable ASCII "\xHH".
-)";
 
 int Fail(const std::string& text) {
   std::cerr << "td-login-server: " << text << "\n(--help shows the usage)\n";
@@ -75,11 +38,71 @@ bool ToNumber(std::string_view text, int& out) {
   return true;
 }
 
+int RunWebService(const std::string& listen, bool https, const std::string& cert, const std::string& key,
+                  const std::string& fault, const std::vector<std::pair<std::string, std::string>>& tasks,
+                  const std::string& users_path, const std::string& transcript_path, int exit_after, bool quiet) {
+#ifndef TDACLI_SIM_WEB
+  (void)listen, (void)https, (void)cert, (void)key, (void)fault, (void)tasks, (void)users_path,
+      (void)transcript_path, (void)exit_after, (void)quiet;
+  return Fail("this build has no web service (cpp-httplib and OpenSSL were not found)");
+#else
+  loginsim::WebOptions options;
+  options.https = https;
+  options.cert_file = cert;
+  options.key_file = key;
+  const size_t colon = listen.rfind(':');
+  if (colon == std::string::npos || colon == 0) return Fail("--http and --https need ADDRESS:PORT");
+  options.address = listen.substr(0, colon);
+  if (!ToNumber(listen.substr(colon + 1), options.port) || options.port > 65535) return Fail("bad port in " + listen);
+  if (!fault.empty() && !loginsim::ParseWebFault(fault, options)) return Fail("unknown fault mode " + fault);
+  if (https && options.fault != loginsim::WebFault::kUntrusted && (cert.empty() || key.empty()))
+    return Fail("--https needs --cert and --key");
+
+  loginsim::UserTable users;
+  std::string error;
+  if (!users.Load(users_path, error)) return Fail(users_path + ": " + error);
+  std::ofstream transcript;
+  if (!transcript_path.empty()) {
+    transcript.open(transcript_path, std::ios::binary | std::ios::trunc);
+    if (!transcript) return Fail("cannot write " + transcript_path);
+  }
+  // Signals are taken here, by sigtimedwait, not by the server's threads.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+
+  loginsim::WebLoginServer server(std::move(users), options);
+  for (const auto& [machine, task] : tasks) server.QueueGrabberTask(machine, task);
+  server.on_line = [&](const std::string& line) {
+    if (!quiet) std::cout << line << std::endl;
+    if (transcript.is_open()) transcript << line << "\r\n" << std::flush;
+  };
+  if (!server.Start(error)) return Fail(error);
+  int code = 0;
+  timespec limit{exit_after > 0 ? exit_after : 365 * 24 * 3600, 0};
+  for (;;) {
+    const int sig = sigtimedwait(&set, nullptr, &limit);
+    if (sig == SIGTERM || sig == SIGINT) break;
+    if (sig < 0 && errno == EAGAIN) {
+      std::cerr << "td-login-server: giving up after " << exit_after << " s\n";
+      code = 3;
+      break;
+    }
+  }
+  server.Stop();
+  return code;
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   loginsim::Options options;
-  std::string listen, users_path, transcript_path;
+  std::string listen, users_path, transcript_path, fault, web_listen, cert, key, pki;
+  std::vector<std::pair<std::string, std::string>> tasks;
+  bool web_https = false;
   int exit_after = 0;
   bool quiet = false;
   for (int i = 1; i < argc; ++i) {
@@ -91,7 +114,7 @@ int main(int argc, char** argv) {
     };
     std::string v;
     if (arg == "--help" || arg == "-h") {
-      std::cout << kHelp;
+      std::cout << loginsim::kUsage;
       return 0;
     } else if (arg == "--listen") {
       if (!value(listen)) return Fail("--listen needs an address");
@@ -100,7 +123,21 @@ int main(int argc, char** argv) {
     } else if (arg == "--transcript") {
       if (!value(transcript_path)) return Fail("--transcript needs a file");
     } else if (arg == "--fault") {
-      if (!value(v) || !loginsim::ParseFault(v, options)) return Fail("unknown fault mode " + v);
+      if (!value(fault)) return Fail("--fault needs a mode");
+    } else if (arg == "--http" || arg == "--https") {
+      if (!web_listen.empty()) return Fail("give one of --http and --https");
+      web_https = arg == "--https";
+      if (!value(web_listen)) return Fail(arg + " needs ADDRESS:PORT");
+    } else if (arg == "--cert") {
+      if (!value(cert)) return Fail("--cert needs a file");
+    } else if (arg == "--key") {
+      if (!value(key)) return Fail("--key needs a file");
+    } else if (arg == "--grabber-task") {
+      if (!value(v) || v.find('=') == std::string::npos || v.find('=') == 0)
+        return Fail("--grabber-task needs MACHINE=TASK");
+      tasks.emplace_back(v.substr(0, v.find('=')), v.substr(v.find('=') + 1));
+    } else if (arg == "--make-test-pki") {
+      if (!value(pki)) return Fail("--make-test-pki needs a folder");
     } else if (arg == "--once") {
       options.once = true;
     } else if (arg == "--push-gap") {
@@ -113,6 +150,22 @@ int main(int argc, char** argv) {
       return Fail("unknown argument " + arg);
     }
   }
+  if (!pki.empty()) {
+#ifdef TDACLI_SIM_WEB
+    std::string error;
+    if (!loginsim::MakeTestPki(pki, error)) return Fail(error);
+    return 0;
+#else
+    return Fail("this build has no web service (cpp-httplib and OpenSSL were not found)");
+#endif
+  }
+  if (!web_listen.empty()) {
+    if (!listen.empty()) return Fail("give --listen or --http/--https, not both");
+    if (users_path.empty()) return Fail("--users is required");
+    return RunWebService(web_listen, web_https, cert, key, fault, tasks, users_path, transcript_path, exit_after,
+                         quiet);
+  }
+  if (!fault.empty() && !loginsim::ParseFault(fault, options)) return Fail("unknown fault mode " + fault);
   if (listen.empty()) return Fail("--listen is required");
   if (users_path.empty()) return Fail("--users is required");
 

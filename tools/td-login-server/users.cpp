@@ -74,6 +74,7 @@ bool UserTable::Parse(std::string_view text, std::string& error) {
     else if (key == "webcam") current->webcam = value;
     else if (key == "100screen") current->hundred_screen = value;
     else if (key == "listenports") current->listen_ports = value;
+    else if (key == "phonehome") current->phone_home = value;
     else {
       error = where + "unknown key " + line.substr(0, eq);
       return false;

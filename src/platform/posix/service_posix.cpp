@@ -136,6 +136,8 @@ SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   f.event_log = std::make_unique<SyslogEventLog>();
   f.service_control = MakeServiceControlClient(app_folder);
   f.dialogs = std::make_unique<ConsoleDialogs>();
+  f.http = MakeHttpClient();
+  f.internet = MakeInternetConnection();
   return f;
 }
 

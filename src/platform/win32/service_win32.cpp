@@ -366,6 +366,8 @@ SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   f.event_log = std::make_unique<Win32EventLog>(ServiceIdentity{}.name);
   f.service_control = MakeServiceControlClient(app_folder);
   f.dialogs = std::make_unique<MessageBoxDialogs>();
+  f.http = MakeHttpClient();
+  f.internet = MakeInternetConnection();
   return f;
 }
 

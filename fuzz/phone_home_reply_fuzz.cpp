@@ -1,0 +1,94 @@
+// Arbitrary web-service answers to the phone-home call: the first byte chooses the HTTP status (200,
+// 404, 500 or nothing received), the rest is the body. WebService_PhoneHomeForScreenGrabberTasks runs
+// whole in a temporary application folder emptied after every input. Checked: a task file appears only
+// for an answer that carries "|SENDFRAMES|" (and no "ERROR|", "SUCCESS|NONE" or 404), it lies in the
+// application folder, and it holds exactly one line.
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "common/files.h"
+#include "common/text.h"
+#include "login/web_service.h"
+#include "platform/clock.h"
+#include "platform/quiet_facilities.h"
+#include "service/agent.h"
+
+namespace {
+
+using namespace tdacli;
+namespace fs = std::filesystem;
+
+struct Harness {
+  Harness() {
+    std::random_device seed;
+    folder = fs::temp_directory_path() / ("tdacli-phone-home-fuzz-" + std::to_string(seed()));
+    fs::create_directories(folder / "app");
+    AgentOptions o;
+    o.exe_folder = (folder / "app").string();
+    agent = std::make_unique<Agent>(
+        AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
+    agent->startup_banner_written = true;
+    agent->settings.Server = "td.example.com:https";
+    agent->computer_names[3] = "wks-0042.corp.example";
+    clock.idle_grace_ms = 0;
+  }
+  ~Harness() {
+    agent.reset();
+    std::error_code ec;
+    fs::remove_all(folder, ec);
+  }
+  fs::path folder;
+  platform::SimulatedClock clock;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog event_log;
+  platform::QuietServiceControl service_control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
+  std::unique_ptr<Agent> agent;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Harness h;
+  if (size == 0) return 0;
+  static const int kStatus[] = {200, 404, 500, 0};
+  const int status = kStatus[data[0] & 3];
+  const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
+  h.http.on_get = [&](const std::string&) {
+    platform::HttpResponse r;
+    r.received = status != 0;
+    r.status = status;
+    if (r.received) r.body = body;
+    return r;
+  };
+
+  WebService_PhoneHomeForScreenGrabberTasks(*h.agent);
+
+  const bool task = status != 0 && status != 404 && !Contains(body, "HTTP 404") && !Contains(body, "ERROR|") &&
+                    !Contains(body, "SUCCESS|NONE") && Contains(body, "|SENDFRAMES|");
+  int files = 0;
+  std::error_code ec;
+  // Nothing lands beside the application folder.
+  for (const auto& e : fs::directory_iterator(h.folder, ec))
+    if (e.path().filename() != "app") std::abort();
+  for (const auto& e : fs::directory_iterator(h.folder / "app", ec)) {
+    const std::string name = e.path().filename().string();
+    if (name.find("TraceFile.TXT") != std::string::npos || name.find("Error.LOG") != std::string::npos) continue;
+    if (name.rfind("SendFrames-", 0) != 0 || name.size() < 15 || name.substr(name.size() - 4) != ".TSF") std::abort();
+    std::string content;
+    if (!ReadTextFile(e.path().string(), content)) std::abort();
+    if (content.size() < 2 || content.substr(content.size() - 2) != "\r\n" ||
+        content.find_first_of("\r\n") != content.size() - 2)
+      std::abort();
+    ++files;
+    fs::remove(e.path(), ec);
+  }
+  if (files > (task ? 1 : 0)) std::abort();
+  return 0;
+}

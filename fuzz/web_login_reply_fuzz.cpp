@@ -1,0 +1,108 @@
+// Arbitrary web-service answers to a login. First byte's low three bits not 1: the rest goes to the
+// login-reply field parser (ApplyLoginReplyFields) alone. 1: bits 3-4 choose the HTTP status (200, 404,
+// 500 or nothing received), the rest is the body, and WebService_LoginUser runs whole (decision, field parser, storing
+// the values) in a temporary application folder emptied after every input. Checked: the outcome
+// follows the markers, no stored value holds a CR or LF, the settings file keeps its thirteen lines.
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+#include "common/files.h"
+#include "common/text.h"
+#include "login/web_service.h"
+#include "platform/clock.h"
+#include "platform/quiet_facilities.h"
+#include "service/agent.h"
+
+namespace {
+
+using namespace tdacli;
+namespace fs = std::filesystem;
+
+struct Harness {
+  Harness() {
+    std::random_device seed;
+    folder = fs::temp_directory_path() / ("tdacli-web-login-fuzz-" + std::to_string(seed()));
+    fs::create_directories(folder);
+    AgentOptions o;
+    o.exe_folder = folder.string();
+    agent = std::make_unique<Agent>(
+        AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
+    agent->startup_banner_written = true;
+    clock.idle_grace_ms = 0;
+  }
+  ~Harness() {
+    agent.reset();
+    std::error_code ec;
+    fs::remove_all(folder, ec);
+  }
+  void Clean() {
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(folder, ec)) fs::remove_all(e.path(), ec);
+  }
+  fs::path folder;
+  platform::SimulatedClock clock;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog event_log;
+  platform::QuietServiceControl service_control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
+  std::unique_ptr<Agent> agent;
+};
+
+bool HasLineBreak(const std::string& s) { return s.find_first_of("\r\n") != std::string::npos; }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Harness h;
+  if (size == 0) return 0;
+  Agent& a = *h.agent;
+  a.login = LoginState{};
+  a.settings = Settings{};
+  const std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
+  if ((data[0] & 7) == 1) {
+    // The whole login: decision, field parser, storing (writes files; slower).
+    static const int kStatus[] = {200, 404, 500, 0};
+    const int status = kStatus[(data[0] >> 3) & 3];
+    h.http.on_get = [&](const std::string&) {
+      platform::HttpResponse r;
+      r.received = status != 0;
+      r.status = status;
+      if (r.received) r.body = input;
+      return r;
+    };
+    a.settings.CurrentUser = "jsmith";
+    a.settings.Server = "td.example.com:8080";
+    a.stored_lines = {};
+    a.local_ip = "192.168.5.20";
+    WebService_LoginUser(a);
+    const bool answered = status != 0 && status != 404 && !input.empty() && !Contains(input, "HTTP 404");
+    const bool success = answered && !Contains(input, "ERROR|") && Contains(input, "SUCCESS|");
+    if (a.login.LoginSucceeded != success) std::abort();
+    std::vector<std::string> lines;
+    if (ReadLines(a.AppPath("TDRegInfo.TXT"), lines) && lines.size() != 13) std::abort();
+    h.Clean();
+  } else {
+    // The login-reply field parser alone: the text after "SUCCESS|". A flag that is no Boolean is the
+    // one error it may raise.
+    try {
+      ApplyLoginReplyFields(a, input);
+    } catch (const std::runtime_error& e) {
+      if (std::string(e.what()) != "Type mismatch") std::abort();
+    }
+  }
+  const Settings& s = a.settings;
+  const LoginState& l = a.login;
+  for (const std::string* v : std::initializer_list<const std::string*>{
+           &s.SvrTemp, &s.LocalTemp, &s.UseTrace, &l.HundredScreensParam, &l.ValidIPMask, &l.KekInfo, &l.TDLiveID,
+           &l.RepeaterIP, &l.RepeaterPort, &a.ftp.FtpServer, &a.ftp.FtpUserName, &a.ftp.FtpEncryptedPassword,
+           &a.ftp.FtpPort})
+    if (HasLineBreak(*v)) std::abort();
+  return 0;
+}
