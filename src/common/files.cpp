@@ -90,9 +90,31 @@ void EnsureFolder(Agent& agent, std::string& path) {
   }
 }
 
+bool HasControlCharacter(std::string_view text) {
+  for (unsigned char c : text)
+    if (c < 32 || c == 127) return true;
+  return false;
+}
+
+bool IsSafeFileName(std::string_view name) {
+  if (name.empty() || name == "." || name == ".." || HasControlCharacter(name)) return false;
+  return name.find_first_of("/\\:") == std::string_view::npos;
+}
+
 bool CanWriteToFolder(Agent& agent, const std::string& folder) {
-  const std::string test =
-      folder + kSep + agent.settings.CurrentUser + FormatCompact(agent.Now()) + ".TXT";
+  const std::string name = agent.settings.CurrentUser + FormatCompact(agent.Now()) + ".TXT";
+  const std::string test = folder + kSep + name;
+  // Refused before any file-system call: NUL or a control character would let the OS act on another
+  // path than the one tested (52, as a bad name), and a user name that would lead out of the folder
+  // fails as the OS reports a missing sub-folder (76).
+  if (HasControlCharacter(folder) || HasControlCharacter(name)) {
+    LogMessage(agent, "Error during 'CanWriteToFolder' Routine(): 52-Bad file name or number", "Error");
+    return false;
+  }
+  if (!IsSafeFileName(name)) {
+    LogMessage(agent, "Error during 'CanWriteToFolder' Routine(): 76-Path not found", "Error");
+    return false;
+  }
   {
     std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
     if (!f) {
@@ -139,6 +161,40 @@ bool ReadLines(const std::string& path, std::vector<std::string>& lines) {
   std::string content;
   if (!ReadTextFile(path, content)) return false;
   lines = SplitLines(content);
+  return true;
+}
+
+bool ForEachLine(const std::string& path, const std::function<bool(std::string_view line)>& on_line) {
+  std::ifstream f(fs::u8path(path), std::ios::binary);
+  if (!f) return false;
+  std::string line;
+  bool cut = false;        // the current line passed the limit: the rest of it is skipped
+  bool after_cr = false;   // the last character was a CR: a following LF belongs to it
+  bool pending = false;    // a line has begun (text after the last line end)
+  std::vector<char> buf(kMaxFileLine);
+  while (f) {
+    f.read(buf.data(), static_cast<std::streamsize>(buf.size()));
+    const size_t got = static_cast<size_t>(f.gcount());
+    for (size_t i = 0; i < got; ++i) {
+      const char c = buf[i];
+      if (c == '\n' && after_cr) {
+        after_cr = false;
+        continue;
+      }
+      after_cr = c == '\r';
+      if (c == '\r' || c == '\n') {
+        if (!on_line(line)) return true;
+        line.clear();
+        cut = pending = false;
+        continue;
+      }
+      pending = true;
+      if (cut) continue;
+      if (line.size() < kMaxFileLine) line += c;
+      else cut = true;
+    }
+  }
+  if (pending) on_line(line);
   return true;
 }
 

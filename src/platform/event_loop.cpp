@@ -111,6 +111,11 @@ bool EventLoop::RunTimers() {
 
 void EventLoop::DoEvents() {
   if (quit_) return;
+  struct Depth {
+    EventLoop& l;
+    explicit Depth(EventLoop& loop) : l(loop) { l.max_run_depth_ = std::max(l.max_run_depth_, ++l.run_depth_); }
+    ~Depth() { --l.run_depth_; }
+  } depth(*this);
   RunPosted();
   RunSockets(0);
   RunTimers();

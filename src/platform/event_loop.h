@@ -76,6 +76,9 @@ class EventLoop {
 
   // Counters for tests and benchmarks.
   uint64_t poll_calls() const { return poll_calls_; }
+  // How deeply DoEvents() runs are nested right now, and the deepest nesting seen so far.
+  int run_depth() const { return run_depth_; }
+  int max_run_depth() const { return max_run_depth_; }
 
  private:
   friend class Timer;
@@ -101,6 +104,8 @@ class EventLoop {
   std::map<SocketSink*, uint64_t> sink_gen_;
   bool quit_ = false;
   uint64_t poll_calls_ = 0;
+  int run_depth_ = 0;
+  int max_run_depth_ = 0;
 };
 
 }  // namespace tdacli::platform
