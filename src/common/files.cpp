@@ -1,5 +1,6 @@
 #include "common/files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -167,31 +168,34 @@ bool ReadLines(const std::string& path, std::vector<std::string>& lines) {
 bool ForEachLine(const std::string& path, const std::function<bool(std::string_view line)>& on_line) {
   std::ifstream f(fs::u8path(path), std::ios::binary);
   if (!f) return false;
-  std::string line;
-  bool cut = false;        // the current line passed the limit: the rest of it is skipped
+  std::string line;  // at most kMaxFileLine: the rest of a longer line is skipped
   bool after_cr = false;   // the last character was a CR: a following LF belongs to it
   bool pending = false;    // a line has begun (text after the last line end)
   std::vector<char> buf(kMaxFileLine);
   while (f) {
     f.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-    const size_t got = static_cast<size_t>(f.gcount());
-    for (size_t i = 0; i < got; ++i) {
-      const char c = buf[i];
-      if (c == '\n' && after_cr) {
+    const char* p = buf.data();
+    const char* const end = p + f.gcount();
+    while (p < end) {
+      if (after_cr && *p == '\n') {
         after_cr = false;
+        ++p;
         continue;
       }
-      after_cr = c == '\r';
-      if (c == '\r' || c == '\n') {
-        if (!on_line(line)) return true;
-        line.clear();
-        cut = pending = false;
-        continue;
+      after_cr = false;
+      const char* stop = p;
+      while (stop < end && *stop != '\r' && *stop != '\n') ++stop;
+      if (stop > p) {
+        pending = true;
+        const size_t room = kMaxFileLine - line.size();
+        line.append(p, std::min(room, static_cast<size_t>(stop - p)));
       }
-      pending = true;
-      if (cut) continue;
-      if (line.size() < kMaxFileLine) line += c;
-      else cut = true;
+      if (stop == end) break;
+      after_cr = *stop == '\r';
+      if (!on_line(line)) return true;
+      line.clear();
+      pending = false;
+      p = stop + 1;
     }
   }
   if (pending) on_line(line);

@@ -99,7 +99,11 @@ class EventLoop {
   std::mutex mutex_;
   std::vector<std::function<void()>> posted_;
   std::vector<Timer*> timers_;
-  std::vector<SocketSink*> sinks_;
+  struct SinkEntry {
+    SocketSink* sink;
+    uint64_t generation;
+  };
+  std::vector<SinkEntry> sinks_;
   uint64_t generation_ = 0;  // bumps whenever a sink is removed, to drop stale readiness
   std::map<SocketSink*, uint64_t> sink_gen_;
   bool quit_ = false;
