@@ -118,6 +118,11 @@ void CommandListener::Wire(int16_t index, platform::TcpSocket& socket) {
     } catch (...) {
       // A failing command ends its own handling without reply or log line; the listener serves on.
     }
+    // Data of a connection that is not the newest is never read: its socket drains from now on, so
+    // that its peer's departure is still seen and the socket released.
+    if (index != ListenConnectionIndex)
+      if (platform::TcpSocket* element = Element(index); element && element->State() == platform::TcpSocket::kConnected)
+        element->SetDrainUnread(true);
   };
   socket.SetSendLimit(kMaxUnsentReply);
   socket.on_close = [this, index] {
@@ -245,7 +250,7 @@ void CommandListener::Release(int16_t index) {
 }
 
 void CommandListener::ReleaseUnusedOlder(int16_t index) {
-  if (index <= 0 || index >= ListenConnectionIndex) return;
+  if (index <= 0 || index == ListenConnectionIndex) return;  // after a restart of the counter, higher indexes are older
   Slot* s = SlotAt(index);
   if (!s || !s->socket || s->socket->State() == platform::TcpSocket::kConnected) return;
   Release(index);
