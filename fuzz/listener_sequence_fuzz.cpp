@@ -150,7 +150,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Every accepted socket goes once its peer has gone.
   agent.WaitUntil(10, [&] { return TcpSocket::OpenSocketCount() == baseline; });
   if (TcpSocket::OpenSocketCount() != baseline) {
-    std::fprintf(stderr, "sockets %lld baseline %lld index %d\n", (long long)TcpSocket::OpenSocketCount(), (long long)baseline, listener.ListenConnectionIndex);
+    std::fprintf(stderr, "%lld sockets still open, %lld expected (connection index %d)\n",
+                 static_cast<long long>(TcpSocket::OpenSocketCount()), static_cast<long long>(baseline),
+                 listener.ListenConnectionIndex);
     std::abort();
   }
   if (listener.Listener().State() != TcpSocket::kListening) std::abort();
