@@ -24,6 +24,15 @@ using testing::Console;
 using testing::SettingsFile;
 using Hostile = testing::ListeningAgent;
 
+// Under Wine every socket call is a round trip to the Wine server: smaller counts there.
+#ifdef _WIN32
+constexpr int kBurst = 300;
+constexpr int kLeavingPeers = 60;
+#else
+constexpr int kBurst = 1000;
+constexpr int kLeavingPeers = 150;
+#endif
+
 // A client socket on the agent's loop that counts what it receives and never reads unless told to.
 struct RawClient {
   explicit RawClient(Agent& agent, bool reads = true) : socket(agent.loop()) {
@@ -43,8 +52,7 @@ struct RawClient {
   bool closed = false;
 };
 
-TEST_F(Hostile, BurstOfAThousandConnectsIsAcceptedWithoutNestingHandlers) {
-  constexpr int kBurst = 1000;
+TEST_F(Hostile, BurstOfConnectsIsAcceptedWithoutNestingHandlers) {
   std::vector<std::unique_ptr<RawClient>> clients;
   for (int i = 0; i < kBurst; ++i) {
     clients.push_back(std::make_unique<RawClient>(*t));
@@ -70,7 +78,7 @@ TEST_F(Hostile, BurstOfAThousandConnectsIsAcceptedWithoutNestingHandlers) {
 TEST_F(Hostile, OlderPeersThatSendAndLeaveReleaseTheirSockets) {
   auto& l = t->listener();
   const int64_t before = TcpSocket::OpenSocketCount();
-  for (int i = 0; i < 150; ++i) {
+  for (int i = 0; i < kLeavingPeers; ++i) {
     // A peer connects, a newer one arrives, the first sends something and goes without a word.
     Console older(*t), newest(*t);
     ASSERT_EQ(older.Connect(Port()), "|READY|");
@@ -83,7 +91,7 @@ TEST_F(Hostile, OlderPeersThatSendAndLeaveReleaseTheirSockets) {
   }
   ASSERT_TRUE(t->WaitUntil(5, [&] { return TcpSocket::OpenSocketCount() == before; }))
       << TcpSocket::OpenSocketCount() << " sockets, " << before << " before";
-  EXPECT_EQ(l.ListenConnectionIndex, 300);
+  EXPECT_EQ(l.ListenConnectionIndex, 2 * kLeavingPeers);
   EXPECT_EQ(testing::ReadFile(ConfigFile()), SettingsFile());  // nothing of the older peers was read
 }
 
