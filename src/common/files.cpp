@@ -1,5 +1,6 @@
 #include "common/files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -90,9 +91,31 @@ void EnsureFolder(Agent& agent, std::string& path) {
   }
 }
 
+bool HasControlCharacter(std::string_view text) {
+  for (unsigned char c : text)
+    if (c < 32 || c == 127) return true;
+  return false;
+}
+
+bool IsSafeFileName(std::string_view name) {
+  if (name.empty() || name == "." || name == ".." || HasControlCharacter(name)) return false;
+  return name.find_first_of("/\\:") == std::string_view::npos;
+}
+
 bool CanWriteToFolder(Agent& agent, const std::string& folder) {
-  const std::string test =
-      folder + kSep + agent.settings.CurrentUser + FormatCompact(agent.Now()) + ".TXT";
+  const std::string name = agent.settings.CurrentUser + FormatCompact(agent.Now()) + ".TXT";
+  const std::string test = folder + kSep + name;
+  // Refused before any file-system call: NUL or a control character would let the OS act on another
+  // path than the one tested (52, as a bad name), and a user name that would lead out of the folder
+  // fails as the OS reports a missing sub-folder (76).
+  if (HasControlCharacter(folder) || HasControlCharacter(name)) {
+    LogMessage(agent, "Error during 'CanWriteToFolder' Routine(): 52-Bad file name or number", "Error");
+    return false;
+  }
+  if (!IsSafeFileName(name)) {
+    LogMessage(agent, "Error during 'CanWriteToFolder' Routine(): 76-Path not found", "Error");
+    return false;
+  }
   {
     std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
     if (!f) {
@@ -139,6 +162,43 @@ bool ReadLines(const std::string& path, std::vector<std::string>& lines) {
   std::string content;
   if (!ReadTextFile(path, content)) return false;
   lines = SplitLines(content);
+  return true;
+}
+
+bool ForEachLine(const std::string& path, const std::function<bool(std::string_view line)>& on_line) {
+  std::ifstream f(fs::u8path(path), std::ios::binary);
+  if (!f) return false;
+  std::string line;  // at most kMaxFileLine: the rest of a longer line is skipped
+  bool after_cr = false;   // the last character was a CR: a following LF belongs to it
+  bool pending = false;    // a line has begun (text after the last line end)
+  std::vector<char> buf(kMaxFileLine);
+  while (f) {
+    f.read(buf.data(), static_cast<std::streamsize>(buf.size()));
+    const char* p = buf.data();
+    const char* const end = p + f.gcount();
+    while (p < end) {
+      if (after_cr && *p == '\n') {
+        after_cr = false;
+        ++p;
+        continue;
+      }
+      after_cr = false;
+      const char* stop = p;
+      while (stop < end && *stop != '\r' && *stop != '\n') ++stop;
+      if (stop > p) {
+        pending = true;
+        const size_t room = kMaxFileLine - line.size();
+        line.append(p, std::min(room, static_cast<size_t>(stop - p)));
+      }
+      if (stop == end) break;
+      after_cr = *stop == '\r';
+      if (!on_line(line)) return true;
+      line.clear();
+      pending = false;
+      p = stop + 1;
+    }
+  }
+  if (pending) on_line(line);
   return true;
 }
 

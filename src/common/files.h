@@ -2,6 +2,7 @@
 // File and folder helpers. None of them raises: a failed existence test is false, failed deletes and
 // moves are silent, so callers that must be sure test afterwards.
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,12 @@ void EnsureTrailingSlash(std::string& path);
 std::string GetWindowsFolder(Agent& agent);
 // Creates every missing level of a folder path; appends the separator to the caller's text.
 void EnsureFolder(Agent& agent, std::string& path);
+// Path text from outside must not reach the file system when it holds NUL (the OS call would stop
+// there and act on another path) or any other control character.
+bool HasControlCharacter(std::string_view text);
+// A name built from outside values stays inside its folder: no separator of either system, no drive
+// ":", no "." or ".." as the whole name, no control character.
+bool IsSafeFileName(std::string_view name);
 // Proves write access by writing and deleting a real file.
 bool CanWriteToFolder(Agent& agent, const std::string& folder);
 // Checks that the agent can write to both temporary folders (the server one through TDACMT); sets and
@@ -35,6 +42,11 @@ int16_t CheckTempFolderAccess(Agent& agent);
 bool ReadTextFile(const std::string& path, std::string& content);
 std::vector<std::string> SplitLines(std::string_view content);
 bool ReadLines(const std::string& path, std::vector<std::string>& lines);
+// Reads a file line by line (CR LF, CR or LF) through a bounded buffer: a line longer than
+// kMaxFileLine is cut there (its rest is skipped). on_line returns false to stop early. False when
+// the file cannot be opened.
+inline constexpr size_t kMaxFileLine = 65536;
+bool ForEachLine(const std::string& path, const std::function<bool(std::string_view line)>& on_line);
 // Writes `content` as it is (no line ends added); `append` keeps what is there.
 bool WriteTextFile(const std::string& path, std::string_view content, bool append = false);
 // Writes the lines, each followed by CR LF.

@@ -39,6 +39,18 @@ void AppendWithLimit(const std::string& path, const std::string& block, const st
 
 }  // namespace
 
+std::string BoundLogMessage(std::string_view message) {
+  if (message.size() <= kMaxLogMessage) return std::string(message);
+  return std::string(message.substr(0, kMaxLogMessage)) + " ... (" + std::to_string(message.size()) + " bytes)";
+}
+
+void CutAtLineBreak(Agent& agent, std::string& value, std::string_view name) {
+  const size_t p = value.find_first_of("\r\n");
+  if (p == std::string::npos) return;
+  value.erase(p);
+  LogMessage(agent, "The value of (" + std::string(name) + ") held a line break and was cut at it.", "Warning");
+}
+
 std::string ProgramTracePath(Agent& agent) {
   return agent.AppPath(IpPart(agent) + "-" + agent.ExeUpper() + "-TraceFile.TXT");
 }
@@ -60,7 +72,7 @@ void WriteProgramTrace(Agent& agent, std::string_view message, std::string_view 
     agent.startup_banner_written = true;
     for (const char* b : {"*************", "*  STARTUP  *", "*************"}) block += head + b + "\r\n";
   }
-  std::string line = head + std::string(message) + "\r\n";
+  std::string line = head + BoundLogMessage(message) + "\r\n";
   block += line;
   AppendWithLimit(path, block, line);
 }
@@ -69,14 +81,17 @@ void WriteTraceLine(Agent& agent, std::string_view message, std::string_view cat
   WriteProgramTrace(agent, message, category);
   const std::string path = HostTracePath(agent);
   std::string line = FormatStamp(agent.Now()) + "  -  " + std::string(category) + " in " +
-                     agent.options().exe_base_name + ": " + std::string(message) + "\r\n";
+                     agent.options().exe_base_name + ": " + BoundLogMessage(message) + "\r\n";
   AppendWithLimit(path, line, line);
 }
 
 void WriteErrorLog(Agent& agent, std::string_view source, std::string_view message) {
+  // In user-session mode the name holds the user's name: one that would leave the folder loses the
+  // line, as any failed log write does.
+  if (agent.UserSessionMode() && !IsSafeFileName(agent.settings.CurrentUser)) return;
   const std::string path = ErrorLogPath(agent);
   std::string line =
-      FormatStamp(agent.Now()) + "  - " + std::string(source) + " - " + std::string(message) + "\r\n";
+      FormatStamp(agent.Now()) + "  - " + std::string(source) + " - " + BoundLogMessage(message) + "\r\n";
   AppendWithLimit(path, line, line);
 }
 
@@ -86,7 +101,7 @@ void LogMessage(Agent& agent, std::string_view message, std::string_view categor
   if (category != "Trace" || agent.settings.UseTrace == "True") {
     if (FileExists(agent.AppPath("thinterminal.dat")) || FileExists(agent.AppPath("thinterminal.root")))
       return;
-    const std::string msg(message);
+    const std::string msg = BoundLogMessage(message);
     if (category == "Error") {
       agent.event_log().Write(1, msg);
       WriteErrorLog(agent, "TDACLI", message);

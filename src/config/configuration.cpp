@@ -41,6 +41,14 @@ std::string WriteConfiguration(Agent& agent) {
   const std::string temporary = TemporaryPath(target);
   if (FileExists(temporary)) DeleteFile(agent, temporary);
 
+  Settings& cut = agent.settings;
+  for (auto [name, field] : {std::pair{"Server", &Settings::Server}, {"Ext", &Settings::Ext},
+                             {"LocalTemp", &Settings::LocalTemp}, {"SvrTemp", &Settings::SvrTemp},
+                             {"CurrentUser", &Settings::CurrentUser}, {"CurrentEvent", &Settings::CurrentEvent},
+                             {"UseTrace", &Settings::UseTrace}, {"NotificationMethod", &Settings::NotificationMethod},
+                             {"ListeningPorts", &Settings::ListeningPorts}, {"PopEx", &Settings::PopEx},
+                             {"PopWinName", &Settings::PopWinName}})
+    CutAtLineBreak(agent, cut.*field, name);
   const Settings& s = agent.settings;
   std::vector<std::string> out;
   if (agent.stored_lines[0].empty()) {
@@ -70,6 +78,12 @@ std::string WriteConfiguration(Agent& agent) {
 
   if (FileExists(target)) DeleteFile(agent, target);
   MoveFile(agent, temporary, target);
+  // The move fails silently (for example when a folder has the file's name): only a file that was
+  // really replaced counts as saved; the temporary file is not left behind.
+  if (FileExists(temporary) || !FileExists(target)) {
+    DeleteFile(agent, temporary);
+    return "Path/File access error";
+  }
   LogMessage(agent, "Wrote Login Settings to config file", "Trace");
   return "";
 }
@@ -147,9 +161,14 @@ void LoadConfiguration(Agent& agent) {
   // A missing file leaves the defaults; neither the Windows folder nor the local temp expansion is
   // touched then.
   if (!FileExists(path)) return;
-  std::string text;
-  if (!ReadTextFile(path, text)) return;
-  agent.settings = ParseSettings(text);
+  // Read line by line: a huge file written by someone else costs a bounded buffer, not its size.
+  Settings parsed;
+  if (!ForEachLine(path, [&parsed](std::string_view line) {
+        ApplySettingsLine(parsed, line);
+        return true;
+      }))
+    return;
+  agent.settings = std::move(parsed);
   agent.windows_folder = GetWindowsFolder(agent);
   agent.settings.LocalTemp = ExpandLocalTemp(agent, agent.settings.LocalTemp);
 }
@@ -158,11 +177,12 @@ bool SaveConfiguration(Agent& agent) {
   const std::string path = ConfigurationPath(agent);
   if (FileExists(path)) {
     for (size_t i = 0; i < kWrittenStoredLines; ++i) agent.stored_lines[i].clear();
-    std::vector<std::string> lines;
-    if (ReadLines(path, lines)) {
-      // The table holds 21 lines; reading stops at the first line that does not fit.
-      for (size_t i = 0; i < lines.size() && i < agent.stored_lines.size(); ++i) agent.stored_lines[i] = lines[i];
-    }
+    // The table holds 21 lines; reading stops at the first line that does not fit.
+    size_t i = 0;
+    ForEachLine(path, [&](std::string_view line) {
+      agent.stored_lines[i++] = std::string(line);
+      return i < agent.stored_lines.size();
+    });
   }
   const std::string error = WriteConfiguration(agent);
   if (!error.empty()) {
@@ -182,10 +202,17 @@ bool SaveListeningPorts(Agent& agent) {
   if (!SaveOneSetting(agent, &Settings::ListeningPorts)) return false;
   // The listener moves to the port of the new list; accepted connections stay where they are.
   auto& listener = agent.listener();
+  const bool was_listening = listener.Listener().State() == platform::TcpSocket::kListening;
+  const uint16_t old_port = listener.Listener().LocalPort();
   listener.CloseListener();
   const int16_t port = listener::GetListeningPort(agent);
   if (platform::SocketError error = listener.Listen(static_cast<uint16_t>(port))) {
-    LogMessage(agent, "Error saving settings: " + error.description, "Error");
+    // The saved list stays in the file and takes effect at the next start. Until then the console
+    // must still reach the agent: the port it used a moment ago is opened again (and, should that
+    // fail too, tried again quietly).
+    LogMessage(agent, "Error saving settings: " + error.description + " (Port: " + std::to_string(port) + ")",
+               "Error");
+    if (was_listening && listener.Listen(old_port)) listener.KeepTryingToListen(old_port);
     return false;
   }
   NotifyNewListeningPort(agent);

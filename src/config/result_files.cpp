@@ -68,8 +68,13 @@ FtpCredentials ParseFtpCredentials(std::string_view svr_temp) {
 void SaveFtpCredentials(Agent& agent) {
   FtpState& ftp = agent.ftp;
   ftp = FtpState{};
-  const FtpCredentials c = ParseFtpCredentials(agent.settings.SvrTemp);
+  FtpCredentials c = ParseFtpCredentials(agent.settings.SvrTemp);
   if (!c.present) return;  // a bare folder: no transfer credentials, nothing written
+  CutAtLineBreak(agent, c.folder, "ServerTemp");
+  CutAtLineBreak(agent, c.server, "FTPServer");
+  CutAtLineBreak(agent, c.user_name, "UserName");
+  CutAtLineBreak(agent, c.encrypted_password, "EncryptedPassword");
+  CutAtLineBreak(agent, c.port, "Port");
 
   agent.settings.SvrTemp = c.folder;
   ftp.FtpServer = c.server;
@@ -103,12 +108,16 @@ void SaveFtpCredentials(Agent& agent) {
 void SaveValidIPMask(Agent& agent, std::string& mask) {
   mask = Upper(mask);
   if (mask == "NONE") return;
+  CutAtLineBreak(agent, mask, "IPMask");
   const std::string path = agent.AppPath("TDIPMASK.INI");
   WriteLines(path, {"[Tyndrel - Agent Client - Valid IP Mask]", "", "[Config]", "IPMask=" + mask});
   LogMessage(agent, "Saved the following Variables [IPMASK=" + mask + "] to file [" + path + "]", "Trace");
 }
 
 void SaveLiveID(Agent& agent) {
+  CutAtLineBreak(agent, agent.login.TDLiveID, "TDLiveID");
+  CutAtLineBreak(agent, agent.login.RepeaterIP, "RepeaterIP");
+  CutAtLineBreak(agent, agent.login.RepeaterPort, "RepeaterPort");
   const LoginState& l = agent.login;
   const std::string path = agent.AppPath("TDLiveID.INI");
   WriteLines(path, {"[LiveID]", "TDLiveID=" + l.TDLiveID, "RepeaterIP=" + l.RepeaterIP,

@@ -13,7 +13,7 @@ class CommandListener::HandlerScope {
  public:
   explicit HandlerScope(CommandListener& l) : l_(l) { ++l_.handler_depth_; }
   ~HandlerScope() {
-    if (--l_.handler_depth_ == 0 && !l_.pending_release_.empty() && !l_.release_posted_) {
+    if (--l_.handler_depth_ == 0 && (!l_.pending_release_.empty() || !l_.retired_.empty()) && !l_.release_posted_) {
       l_.release_posted_ = true;
       l_.agent_.loop().Post([this_listener = &l_, alive = std::weak_ptr<bool>(l_.alive_)] {
         if (!alive.expired()) this_listener->FlushReleases();
@@ -34,9 +34,37 @@ CommandListener::CommandListener(Agent& agent)
     HandlerScope scope(*this);
     wsckListen_ConnectionRequest(0, request_id);
   };
+  listen_->on_accept_error = [this](int number, const std::string& description) {
+    OnAcceptError(number, description);
+  };
 }
 
 CommandListener::~CommandListener() = default;
+
+void CommandListener::OnAcceptError(int number, const std::string& description) {
+  // The request could not even be taken (for example at the descriptor limit): the same line as a
+  // failed accept; the socket control rests a second before it tries again instead of spinning.
+  LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description, "Error");
+}
+
+void CommandListener::KeepTryingToListen(uint16_t port) {
+  retry_port_ = port;
+  if (!retry_listen_) {
+    retry_listen_ = std::make_unique<platform::Timer>(agent_.loop());
+    retry_listen_->on_tick = [this] {
+      if (listen_->State() == platform::TcpSocket::kListening) {
+        retry_listen_->SetEnabled(false);
+        return;
+      }
+      listen_->Close();
+      if (!Listen(retry_port_)) retry_listen_->SetEnabled(false);
+    };
+  }
+  retry_listen_->SetInterval(kRetryListenMs);
+  retry_listen_->SetEnabled(true);
+}
+
+bool CommandListener::RetryingListen() const { return retry_listen_ && retry_listen_->Enabled(); }
 
 platform::SocketError CommandListener::Listen(uint16_t port) {
   listen_->SetLocalPort(port);
@@ -90,7 +118,13 @@ void CommandListener::Wire(int16_t index, platform::TcpSocket& socket) {
     } catch (...) {
       // A failing command ends its own handling without reply or log line; the listener serves on.
     }
+    // Data of a connection that is not the newest is never read: its socket drains from now on, so
+    // that its peer's departure is still seen and the socket released.
+    if (index != ListenConnectionIndex)
+      if (platform::TcpSocket* element = Element(index); element && element->State() == platform::TcpSocket::kConnected)
+        element->SetDrainUnread(true);
   };
+  socket.SetSendLimit(kMaxUnsentReply);
   socket.on_close = [this, index] {
     HandlerScope scope(*this);
     wsckListen_Close(index);
@@ -113,13 +147,23 @@ void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t reques
   };
   try {
     if (ListenConnectionIndex == std::numeric_limits<int16_t>::max()) {
-      fault(6, "Overflow");  // the 16-bit counter cannot go on; the request is refused
+      // The 16-bit counter cannot go on. The fault is logged and this request is refused (the socket
+      // control closes it), and the counter starts again at 1 so that the listener serves for ever;
+      // a reused index has its old connection closed first.
+      fault(6, "Overflow");
+      SupersedeNewest();
+      ListenConnectionIndex = 0;
       return;
     }
+    SupersedeNewest();
     ++ListenConnectionIndex;
     const int16_t n = ListenConnectionIndex;
     if (slots_.size() <= static_cast<size_t>(n)) slots_.resize(static_cast<size_t>(n) + 1);
     Slot& slot = slots_[static_cast<size_t>(n)];
+    if (slot.socket) {
+      slot.socket->Close();
+      retired_.push_back(std::move(slot.socket));
+    }
     slot.created = true;
     slot.socket = std::make_unique<platform::TcpSocket>(agent_.loop());
     platform::TcpSocket& element = *slot.socket;
@@ -134,15 +178,28 @@ void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t reques
       return;
     }
     slot.remote_ip = InternIP(element.RemoteHostIP());
-    if (platform::SocketError e = element.SendData("|READY|")) {
-      fault(e.number, e.description);
-      return;
-    }
+    if (!Greet(n, element)) return;
     agent_.DoEvents();
   } catch (const std::exception& e) {
     TrappedError err = Describe(e);
     fault(err.number, err.description);
   }
+}
+
+bool CommandListener::Greet(int16_t /*n*/, platform::TcpSocket& element) {
+  if (platform::SocketError e = element.SendData("|READY|")) {
+    LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(e.number) + ":" + e.description,
+               "Error");
+    return false;
+  }
+  return true;
+}
+
+void CommandListener::SupersedeNewest() {
+  // The newest connection is about to become an older one: nothing reads it any more, so its socket
+  // keeps draining (its first unread arrival is held) until its peer goes, and is then released.
+  platform::TcpSocket* previous = ListenConnectionIndex > 0 ? Element(ListenConnectionIndex) : nullptr;
+  if (previous && previous->State() == platform::TcpSocket::kConnected) previous->SetDrainUnread(true);
 }
 
 void CommandListener::wsckListen_DataArrival(int16_t /*index*/, size_t /*bytes*/) {
@@ -156,7 +213,9 @@ void CommandListener::wsckListen_DataArrival(int16_t /*index*/, size_t /*bytes*/
 void CommandListener::wsckListen_Close(int16_t /*index*/) {
   try {
     if (ListenConnectionIndex == 0) {
-      listen_->Close();
+      // After the counter started again, an old connection's close must not take the listener with
+      // it: element 0 is only closed while no connection was ever made.
+      if (slots_.size() <= 1) listen_->Close();
       return;
     }
     Release(ListenConnectionIndex);
@@ -169,7 +228,14 @@ void CommandListener::wsckListen_Close(int16_t /*index*/) {
 void CommandListener::SendCommandReply(const std::string& reply, std::string_view prefix) {
   platform::TcpSocket* element = Element(ListenConnectionIndex);
   if (element && element->State() == platform::TcpSocket::kConnected) {
-    element->SendData(reply);
+    if (platform::SocketError e = element->SendData(reply); e.number == platform::TcpSocket::kOutputFull) {
+      // A peer that sends commands but never reads would make the replies pile up without end.
+      LogMessage(agent_,
+                 "Closing connection to AgentExplorer (IP = " + ElementRemoteHostIP(ListenConnectionIndex) +
+                     "): more than " + std::to_string(kMaxUnsentReply) + " bytes of replies were not taken.",
+                 "Warning");
+      Release(ListenConnectionIndex);
+    }
     return;
   }
   LogMessage(agent_, std::string(prefix) + ElementRemoteHostIP(ListenConnectionIndex) + ") already disconnected!",
@@ -187,7 +253,7 @@ void CommandListener::Release(int16_t index) {
 }
 
 void CommandListener::ReleaseUnusedOlder(int16_t index) {
-  if (index <= 0 || index >= ListenConnectionIndex) return;
+  if (index <= 0 || index == ListenConnectionIndex) return;  // after a restart of the counter, higher indexes are older
   Slot* s = SlotAt(index);
   if (!s || !s->socket || s->socket->State() == platform::TcpSocket::kConnected) return;
   Release(index);
@@ -196,6 +262,7 @@ void CommandListener::ReleaseUnusedOlder(int16_t index) {
 void CommandListener::FlushReleases() {
   release_posted_ = false;
   if (handler_depth_ != 0) return;  // the outermost handler posts again when it ends
+  retired_.clear();
   std::vector<int16_t> pending;
   pending.swap(pending_release_);
   for (int16_t index : pending) {

@@ -32,6 +32,13 @@ class CommandListener : public CommandReplies {
   // Sets element 0's local port and listens; the error the control raised, if any.
   platform::SocketError Listen(uint16_t port);
   void CloseListener();
+  // Tries `port` again every kRetryListenMs, without log lines, until element 0 listens (start-up
+  // after its retries are spent, or a re-open that failed): the console must be able to come back.
+  void KeepTryingToListen(uint16_t port);
+  bool RetryingListen() const;
+
+  static constexpr int kRetryListenMs = 30000;
+  static constexpr size_t kMaxUnsentReply = 1 << 20;
 
   // The element at `index`; nullptr when it was never created or has been closed and released.
   platform::TcpSocket* Element(int16_t index);
@@ -66,10 +73,15 @@ class CommandListener : public CommandReplies {
   };
 
   Slot* SlotAt(int16_t index);
+  // The accepted connection at `n` says "|READY|"; false (logged) when the greeting cannot be sent.
+  bool Greet(int16_t n, platform::TcpSocket& element);
+  void OnAcceptError(int number, const std::string& description);
   void Wire(int16_t index, platform::TcpSocket& socket);
   // Closes the element's OS socket now; the object itself goes once no handler is running.
   void Release(int16_t index);
   void ReleaseUnusedOlder(int16_t index);
+  // Marks the current newest connection as one that is no longer read (a newer one is coming).
+  void SupersedeNewest();
   void FlushReleases();
   uint32_t InternIP(const std::string& ip);
 
@@ -83,6 +95,10 @@ class CommandListener : public CommandReplies {
   std::vector<Slot> slots_;  // index 1..; slot 0 unused (element 0 is listen_)
   std::vector<std::string> remote_ips_;
   std::vector<int16_t> pending_release_;
+  // Socket objects of reused indexes, destroyed once no handler is running.
+  std::vector<std::unique_ptr<platform::TcpSocket>> retired_;
+  std::unique_ptr<platform::Timer> retry_listen_;
+  uint16_t retry_port_ = 0;
   int handler_depth_ = 0;
   bool release_posted_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

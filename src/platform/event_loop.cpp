@@ -38,12 +38,13 @@ void EventLoop::RemoveTimer(Timer* t) { timers_.erase(std::remove(timers_.begin(
 
 void EventLoop::AddSink(SocketSink* s) {
   if (sink_gen_.count(s)) return;
-  sinks_.push_back(s);
   sink_gen_[s] = ++generation_;
+  sinks_.push_back({s, generation_});
 }
 
 void EventLoop::RemoveSink(SocketSink* s) {
-  sinks_.erase(std::remove(sinks_.begin(), sinks_.end(), s), sinks_.end());
+  sinks_.erase(std::remove_if(sinks_.begin(), sinks_.end(), [s](const SinkEntry& e) { return e.sink == s; }),
+               sinks_.end());
   sink_gen_.erase(s);
 }
 
@@ -62,25 +63,36 @@ bool EventLoop::RunPosted() {
 
 bool EventLoop::RunSockets(int timeout_ms) {
   std::vector<Poller::Interest> interests;
-  std::vector<std::pair<SocketSink*, uint64_t>> owners;
-  for (SocketSink* s : sinks_) {
-    bool r = s->WantRead(), w = s->WantWrite();
+  std::vector<SinkEntry> owners;
+  interests.reserve(sinks_.size());
+  owners.reserve(sinks_.size());
+  for (const SinkEntry& e : sinks_) {
+    bool r = e.sink->WantRead(), w = e.sink->WantWrite();
     if (!r && !w) continue;
-    interests.push_back({s->Handle(), r, w});
-    owners.emplace_back(s, sink_gen_[s]);
+    interests.push_back({e.sink->Handle(), r, w});
+    owners.push_back(e);
   }
   ++poll_calls_;
   auto ready = poller_->Poll(interests, timeout_ms);
   bool any = false;
+  // The poller reports in the order of the interests: a cursor finds each owner without a search
+  // through thousands of connections.
+  size_t cursor = 0;
   for (const auto& r : ready) {
-    for (const auto& [sink, gen] : owners) {
-      if (quit_) return any;
-      auto it = sink_gen_.find(sink);
-      if (it == sink_gen_.end() || it->second != gen || sink->Handle() != r.handle) continue;
-      any = true;
-      sink->OnReady(r.read, r.write, r.error);
-      break;
+    if (quit_) return any;
+    size_t k = cursor;
+    while (k < interests.size() && interests[k].handle != r.handle) ++k;
+    if (k == interests.size()) {
+      for (k = 0; k < interests.size() && interests[k].handle != r.handle; ++k) {
+      }
+      if (k == interests.size()) continue;
     }
+    cursor = k + 1;
+    SocketSink* sink = owners[k].sink;
+    auto it = sink_gen_.find(sink);
+    if (it == sink_gen_.end() || it->second != owners[k].generation || sink->Handle() != r.handle) continue;
+    any = true;
+    sink->OnReady(r.read, r.write, r.error);
   }
   return any;
 }
@@ -111,6 +123,11 @@ bool EventLoop::RunTimers() {
 
 void EventLoop::DoEvents() {
   if (quit_) return;
+  struct Depth {
+    EventLoop& l;
+    explicit Depth(EventLoop& loop) : l(loop) { l.max_run_depth_ = std::max(l.max_run_depth_, ++l.run_depth_); }
+    ~Depth() { --l.run_depth_; }
+  } depth(*this);
   RunPosted();
   RunSockets(0);
   RunTimers();

@@ -76,6 +76,9 @@ class EventLoop {
 
   // Counters for tests and benchmarks.
   uint64_t poll_calls() const { return poll_calls_; }
+  // How deeply DoEvents() runs are nested right now, and the deepest nesting seen so far.
+  int run_depth() const { return run_depth_; }
+  int max_run_depth() const { return max_run_depth_; }
 
  private:
   friend class Timer;
@@ -96,11 +99,17 @@ class EventLoop {
   std::mutex mutex_;
   std::vector<std::function<void()>> posted_;
   std::vector<Timer*> timers_;
-  std::vector<SocketSink*> sinks_;
+  struct SinkEntry {
+    SocketSink* sink;
+    uint64_t generation;
+  };
+  std::vector<SinkEntry> sinks_;
   uint64_t generation_ = 0;  // bumps whenever a sink is removed, to drop stale readiness
   std::map<SocketSink*, uint64_t> sink_gen_;
   bool quit_ = false;
   uint64_t poll_calls_ = 0;
+  int run_depth_ = 0;
+  int max_run_depth_ = 0;
 };
 
 }  // namespace tdacli::platform

@@ -28,6 +28,13 @@ std::unique_ptr<HostIdentity> MakeSystemHostIdentity();
 // Sends user-defined control codes to the suite's services installed beside the agent in app_folder.
 std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string& app_folder);
 
+// Whether a file can be created in `folder` (written and removed again).
+bool FolderIsWritable(const std::string& folder);
+// The one sign of an application folder that cannot be written (settings, logs and the files for the
+// other services would all be lost silently): a line on standard error on Linux, an event-log entry
+// on Windows. The agent starts all the same.
+void ReportUnwritableFolder(EventLog& event_log, const std::string& folder);
+
 // Runs `program(host)` as the service process: on Windows under the service control dispatcher when
 // the service manager started us, otherwise directly. Returns the process exit code.
 int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_folder,

@@ -1,5 +1,6 @@
 #include "platform/tcp_socket.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -39,6 +40,7 @@ TcpSocket::TcpSocket(EventLoop& loop) : loop_(loop) { sockapi::Startup(); }
 
 TcpSocket::~TcpSocket() {
   Unregister();
+  Release(reserve_);
   Release(pending_accept_);
   Release(handle_);
 }
@@ -66,9 +68,24 @@ uint16_t TcpSocket::LocalPort() const {
 }
 
 bool TcpSocket::WantRead() const {
-  if (state_ == kListening) return pending_accept_ == kInvalidSocket;
-  if (state_ == kConnected) return !data_notified_;
+  if (state_ == kListening) return pending_accept_ == kInvalidSocket && !in_request_handler_ && !backing_off_;
+  if (state_ == kConnected) return !data_notified_ || drain_unread_;
   return false;
+}
+
+void TcpSocket::SetDrainUnread(bool on) { drain_unread_ = on; }
+
+void TcpSocket::StartBackOff() {
+  if (!backoff_timer_) {
+    backoff_timer_ = std::make_unique<Timer>(loop_);
+    backoff_timer_->on_tick = [this] {
+      backoff_timer_->SetEnabled(false);
+      backing_off_ = false;
+    };
+  }
+  backing_off_ = true;
+  backoff_timer_->SetInterval(kAcceptBackOffMs);
+  backoff_timer_->SetEnabled(true);
 }
 
 bool TcpSocket::WantWrite() const {
@@ -87,6 +104,7 @@ SocketError TcpSocket::Listen() {
   }
   handle_ = h;
   state_ = kListening;
+  if (reserve_ == kInvalidSocket) reserve_ = Track(sockapi::CreateTcp(&error));
   Register();
   return {};
 }
@@ -136,6 +154,8 @@ SocketError TcpSocket::Accept(TcpSocket& from, int64_t request_id) {
 
 SocketError TcpSocket::SendData(std::string_view data) {
   if (state_ != kConnected) return Err(kWrongState);
+  if (send_limit_ != 0 && !send_queue_.empty() && send_queue_.size() + data.size() > send_limit_)
+    return Err(kOutputFull);
   if (!send_queue_.empty()) {
     send_queue_.append(data);
     return {};
@@ -151,7 +171,10 @@ SocketError TcpSocket::SendData(std::string_view data) {
     if (error == sockapi::kWouldBlock) break;
     return Err(error);
   }
-  if (sent < data.size()) send_queue_.assign(data.substr(sent));
+  if (sent < data.size()) {
+    if (send_limit_ != 0 && data.size() - sent > send_limit_) return Err(kOutputFull);
+    send_queue_.assign(data.substr(sent));
+  }
   return {};
 }
 
@@ -173,14 +196,16 @@ void TcpSocket::FlushSend() {
 
 std::string TcpSocket::GetData() {
   std::string out;
-  if (state_ == kConnected || state_ == kClosing) {
-    char buf[65536];
-    for (;;) {
-      int error = 0;
-      long n = sockapi::Recv(handle_, buf, sizeof buf, false, &error);
-      if (n <= 0) break;
-      out.append(buf, static_cast<size_t>(n));
-    }
+  const bool held = held_taken_;
+  held_taken_ = false;
+  if (held) {
+    out.swap(held_);
+  } else if (state_ == kConnected || state_ == kClosing) {
+    // One read, as the socket delivers it: a peer cannot make one arrival grow without bound.
+    out.resize(kMaxArrival);
+    int error = 0;
+    long n = sockapi::Recv(handle_, out.data(), static_cast<long>(out.size()), false, &error);
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
   }
   data_notified_ = false;
   peeked_ = 0;
@@ -189,17 +214,60 @@ std::string TcpSocket::GetData() {
 
 void TcpSocket::ReleaseHandle() {
   Unregister();
+  Release(reserve_);
   Release(pending_accept_);
   Release(handle_);
 }
 
 void TcpSocket::Close() {
   ReleaseHandle();
+  if (backoff_timer_) backoff_timer_->SetEnabled(false);
+  backing_off_ = false;
+  held_.clear();
+  held_taken_ = false;
   state_ = kClosed;
   data_notified_ = false;
   peeked_ = 0;
   send_queue_.clear();
   pending_request_id_ = 0;
+}
+
+void TcpSocket::AcceptPending() {
+  // Several pending connections are taken in one go; each is announced only after the handler of
+  // the previous one has returned, so a burst never nests handlers.
+  std::weak_ptr<bool> alive = alive_;
+  for (int taken = 0; taken < 64; ++taken) {
+    int err = 0;
+    SocketHandle h = Track(sockapi::Accept(handle_, &err));
+    if (h == kInvalidSocket) {
+      if (err == sockapi::kWouldBlock || err == 0) return;
+      // A peer that gave up before being accepted costs nothing; anything else (the descriptor limit)
+      // would leave the socket ready for ever: report it and rest instead of spinning.
+      if (err == 10053 || err == sockapi::kConnReset) continue;
+      StartBackOff();
+      SocketError e = Err(err);
+      Release(reserve_);
+      if (on_accept_error) on_accept_error(e.number, e.description);
+      if (alive.expired()) return;
+      int ignored = 0;
+      if (reserve_ == kInvalidSocket && state_ == kListening) reserve_ = Track(sockapi::CreateTcp(&ignored));
+      return;
+    }
+    pending_accept_ = h;
+    pending_accept_ip_ = sockapi::PeerAddress(h);
+    pending_request_id_ = next_request_id_++;
+    const int64_t id = pending_request_id_;
+    in_request_handler_ = true;
+    if (on_connection_request) on_connection_request(id);
+    if (alive.expired()) return;
+    in_request_handler_ = false;
+    // A request the handler did not take is refused, so the next one can be announced.
+    if (pending_accept_ != kInvalidSocket && pending_request_id_ == id) {
+      Release(pending_accept_);
+      pending_request_id_ = 0;
+    }
+    if (state_ != kListening || backing_off_) return;
+  }
 }
 
 void TcpSocket::Fail(int number) {
@@ -225,26 +293,34 @@ void TcpSocket::OnReady(bool read, bool write, bool error) {
       return;
     }
     case kListening: {
-      if (!read || pending_accept_ != kInvalidSocket) return;
-      int err = 0;
-      SocketHandle h = Track(sockapi::Accept(handle_, &err));
-      if (h == kInvalidSocket) return;
-      pending_accept_ = h;
-      pending_accept_ip_ = sockapi::PeerAddress(h);
-      pending_request_id_ = next_request_id_++;
-      const int64_t id = pending_request_id_;
-      if (on_connection_request) on_connection_request(id);
-      // A request the handler did not take is refused, so the next one can be announced.
-      if (pending_accept_ != kInvalidSocket && pending_request_id_ == id) {
-        Release(pending_accept_);
-        pending_request_id_ = 0;
-      }
+      if (!read || pending_accept_ != kInvalidSocket || in_request_handler_ || backing_off_) return;
+      AcceptPending();
       return;
     }
     case kConnected: {
       if (write && !send_queue_.empty()) FlushSend();
-      if (state_ != kConnected || (!read && !error) || data_notified_) return;
-      char buf[65536];
+      if (state_ != kConnected || (!read && !error)) return;
+      char buf[kMaxArrival];
+      if (data_notified_) {
+        if (!drain_unread_) return;
+        // Nobody reads this connection any more: keep its first arrival, drop the rest, and see the
+        // peer go so that its socket can be released.
+        int err = 0;
+        // The announced arrival is taken first, exactly as it was announced; later data is dropped.
+        const long want = held_taken_ ? static_cast<long>(sizeof buf) : static_cast<long>(std::max<size_t>(1, peeked_));
+        long n = sockapi::Recv(handle_, buf, want, false, &err);
+        if (n > 0) {
+          if (!held_taken_) held_.assign(buf, static_cast<size_t>(n));
+          held_taken_ = true;
+        } else if (n == 0 || err == sockapi::kConnReset) {
+          state_ = kClosing;
+          Unregister();
+          if (on_close) on_close();
+        } else if (err != sockapi::kWouldBlock) {
+          Fail(err);
+        }
+        return;
+      }
       int err = 0;
       long n = sockapi::Recv(handle_, buf, sizeof buf, true, &err);
       if (n > 0) {

@@ -2,7 +2,13 @@
 // A TCP socket control with the behaviour of the classic Winsock control the agent was designed around:
 // DataArrival is raised once and not again until the data has been read with GetData(); Connect, Close
 // and Error once each; ConnectionRequest again only after the pending connection was accepted (or
-// refused because the handler did not accept it). GetData() returns everything pending as one string.
+// refused because the handler did not accept it). GetData() returns what one read of the socket
+// delivers, at most kMaxArrival bytes: a longer transfer arrives as several pieces, each announced.
+//
+// Bounds against hostile or broken peers: the listening socket is not watched while its own
+// ConnectionRequest handler runs (a burst of connects is taken one after the other, not nested inside
+// the handlers' yields); a failed accept (descriptor limit) is reported once and the listener rests for
+// kAcceptBackOffMs instead of spinning on the still-ready socket; unsent output can be capped.
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,6 +28,10 @@ struct SocketError {
 
 class TcpSocket : public SocketSink {
  public:
+  static constexpr size_t kMaxArrival = 65536;
+  static constexpr int kAcceptBackOffMs = 1000;
+  static constexpr int kOutputFull = 10055;  // WSAENOBUFS: the unsent output would pass the cap
+
   enum State {
     kClosed = 0,
     kOpen = 1,
@@ -64,11 +74,24 @@ class TcpSocket : public SocketSink {
   size_t BytesReceived() const { return peeked_; }
   void Close();
 
+  // Caps the output waiting to be sent (0: no cap); SendData() beyond it fails with kOutputFull.
+  void SetSendLimit(size_t bytes) { send_limit_ = bytes; }
+  size_t PendingSendBytes() const { return send_queue_.size(); }
+  // For a connection whose data nobody will read any more: while a DataArrival stays unread, the
+  // socket keeps reading into a holding buffer (kMaxArrival at most, the rest is dropped) so that the
+  // peer's departure is seen and raises Close. GetData() still returns the held first arrival.
+  void SetDrainUnread(bool on);
+  bool DrainUnread() const { return drain_unread_; }
+  // Listening: whether accepting rests after a failed accept.
+  bool AcceptBackingOff() const { return backing_off_; }
+
   std::function<void()> on_connect;
   std::function<void(int64_t request_id)> on_connection_request;
   std::function<void(size_t bytes)> on_data_arrival;
   std::function<void()> on_close;
   std::function<void(int number, const std::string& description)> on_error;
+  // Listening: an accept failed (for example at the descriptor limit); accepting rests for a while.
+  std::function<void(int number, const std::string& description)> on_accept_error;
 
   // SocketSink
   SocketHandle Handle() const override { return handle_; }
@@ -84,6 +107,8 @@ class TcpSocket : public SocketSink {
   void ReleaseHandle();
   void Fail(int number);
   void FlushSend();
+  void AcceptPending();
+  void StartBackOff();
 
   EventLoop& loop_;
   SocketHandle handle_ = kInvalidSocket;
@@ -101,6 +126,16 @@ class TcpSocket : public SocketSink {
   int64_t next_request_id_ = 1;
   int64_t pending_request_id_ = 0;
   std::string send_queue_;
+  size_t send_limit_ = 0;
+  bool drain_unread_ = false;
+  std::string held_;              // drained arrival kept for GetData()
+  bool held_taken_ = false;       // the announced arrival has been moved into held_
+  bool in_request_handler_ = false;
+  bool backing_off_ = false;
+  std::unique_ptr<Timer> backoff_timer_;
+  // Listening: one socket held in reserve. At the descriptor limit it is given up for the moment the
+  // failure is reported, so that the report (a log line, which opens a file) can still be written.
+  SocketHandle reserve_ = kInvalidSocket;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // guards work posted to the loop
 };
 

@@ -188,7 +188,13 @@ void LoadTimer_Timer(Agent& agent) {
         break;
       }
       platform::SocketError err = listen.Listen(static_cast<uint16_t>(port));
-      if (!err || retries == 30) break;
+      if (!err) break;
+      if (retries == 30) {
+        // The retries are spent; without a listener the console could never reach this agent again,
+        // so the port is tried quietly every 30 s until it is free.
+        listen.KeepTryingToListen(static_cast<uint16_t>(port));
+        break;
+      }
       ++retries;
       LogMessage(agent, "Error opening listening socket, attempting again (" + std::to_string(retries) + ")",
                  "Warning!");

@@ -27,6 +27,8 @@ int main() {
       std::fflush(nullptr);
       std::_Exit(0);
     };
+    // Without a writable folder nothing the agent does leaves a trace: say so once, then start anyway.
+    if (!platform::FolderIsWritable(process.exe_folder)) platform::ReportUnwritableFolder(*sys.event_log, process.exe_folder);
     const bool session = agent.UserSessionMode();
     Form_Load(agent);
     if (agent.Ended()) return 0;

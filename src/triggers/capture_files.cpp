@@ -11,10 +11,11 @@ namespace tdacli {
 
 namespace {
 
-// A job name comes from the network. Characters that no file name may hold, a path separator, or a
-// name made only of dots would write somewhere else than the one job file: the write fails instead.
+// A job name comes from the network. Characters that no file name may hold (a path separator of
+// either system, a drive's ":", NUL and other control characters) would write somewhere else than the
+// one job file: the write fails instead. Dots are harmless inside "SendFrames-<job>.TSF" (no ".."
+// component can form behind the prefix), and an empty job gives "SendFrames-.TSF".
 bool IsPlainFileName(const std::string& name) {
-  if (name.find_first_not_of('.') == std::string::npos) return false;
   for (unsigned char c : name)
     if (c < 32 || std::string_view("<>:\"/\\|?*").find(static_cast<char>(c)) != std::string_view::npos) return false;
   return true;
@@ -41,6 +42,8 @@ void WriteSendFramesFile(Agent& agent, const std::string& request, const std::st
 }  // namespace
 
 void Make100ScreensParamFile(Agent& agent) {
+  CutAtLineBreak(agent, agent.login.KekInfo, "KekInfo");
+  CutAtLineBreak(agent, agent.login.HundredScreensParam, "HundredScreensParam");
   const std::string& kek = agent.login.KekInfo;
   TrappedError error;
   auto fail = [&](const std::string& path) {

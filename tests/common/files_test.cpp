@@ -121,6 +121,7 @@ TEST(Files, FolderThatRefusesDeletionFailsTheWriteTest) {
 TEST(Files, CanWriteToAMissingFolderLogsTheError) {
   TestAgent t;
   t->local_ip = "192.168.5.20";
+  t->settings.CurrentUser = "jsmith";
   EXPECT_FALSE(CanWriteToFolder(*t, t.dir.File("missing")));
   EXPECT_EQ(t.Messages().back(), "Error in TDACLI: Error during 'CanWriteToFolder' Routine(): 76-Path not found");
 }

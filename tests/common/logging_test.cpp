@@ -178,5 +178,48 @@ TEST_F(LogTest, UnwritableFolderLosesTheLineSilently) {
   EXPECT_EQ(gone.event_log.entries.size(), 1u);
 }
 
+TEST_F(LogTest, AMessageLongerThanSixtyFourKibibytesIsCutWithItsLength) {
+  t->settings.UseTrace = "True";
+  const std::string huge = std::string(70000, 'q') + "TAIL";
+  LogMessage(*t, huge, "Error");
+  const std::string expected = std::string(65536, 'q') + " ... (70004 bytes)";
+  auto msgs = t.Messages();
+  ASSERT_FALSE(msgs.empty());
+  EXPECT_TRUE(msgs.back() == "Error in TDACLI: " + expected) << msgs.back().size();
+  const auto errors = Lines(t.ErrorLog());
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].size(), 22 + 4 + 6 + 3 + expected.size());
+  EXPECT_EQ(errors[0].substr(errors[0].size() - 18), " ... (70004 bytes)");
+  ASSERT_EQ(t.event_log.entries.size(), 1u);
+  EXPECT_TRUE(t.event_log.entries[0].second == expected);
+  // A message of exactly the limit is left whole.
+  LogMessage(*t, std::string(65536, 'r'), "Trace");
+  EXPECT_TRUE(t.Messages().back() == "Trace in TDACLI: " + std::string(65536, 'r'));
+}
+
+TEST_F(LogTest, HugeLinesCannotPushTheTraceThroughItsRollOver) {
+  // Sixty lines of a megabyte each would be 60 MB; cut, they stay far below the 5 MB roll-over.
+  for (int i = 0; i < 60; ++i) LogMessage(*t, std::string(1 << 20, 'h'), "Trace");
+  const std::string trace = ReadFile(t.ProgramTrace());
+  EXPECT_EQ(trace.find("Log Initialized"), std::string::npos);
+  EXPECT_LT(trace.size(), 5'000'000u);
+}
+
+TEST_F(LogTest, ValuesAreCutAtTheirFirstLineBreakWithOneWarning) {
+  std::string v = "abc\r\nKEY=planted";
+  CutAtLineBreak(*t, v, "IPMask");
+  EXPECT_EQ(v, "abc");
+  v = "x\ny\rz";
+  CutAtLineBreak(*t, v, "Ext");
+  EXPECT_EQ(v, "x");
+  v = "clean";
+  CutAtLineBreak(*t, v, "Server");
+  EXPECT_EQ(v, "clean");
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 5u);  // the start-up banner's three lines, then the two warnings
+  EXPECT_EQ(msgs[3], "Warning in TDACLI: The value of (IPMask) held a line break and was cut at it.");
+  EXPECT_EQ(msgs[4], "Warning in TDACLI: The value of (Ext) held a line break and was cut at it.");
+}
+
 }  // namespace
 }  // namespace tdacli

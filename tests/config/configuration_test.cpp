@@ -603,7 +603,8 @@ TEST(SaveListeningPorts, PortInUseIsLoggedAndTheSiblingsAreNotTold) {
   ASSERT_FALSE(occupier.Listen());
   t->settings.ListeningPorts = "1," + std::to_string(port) + ",2,3";
   EXPECT_FALSE(SaveListeningPorts(*t));
-  EXPECT_TRUE(Logged(t, "Error in TDACLI: Error saving settings: Address already in use"));
+  EXPECT_TRUE(Logged(t, "Error in TDACLI: Error saving settings: Address already in use (Port: " +
+                            std::to_string(port) + ")"));
   EXPECT_EQ(testing::Lines(SettingsPath(t)).back(), "ListeningPorts=1," + std::to_string(port) + ",2,3");
   EXPECT_NE(t->listener().Listener().State(), TcpSocket::kListening);
   EXPECT_TRUE(t.service_control.sent.empty());

@@ -147,33 +147,62 @@ TEST_F(Listener, ClosedConnectionsReleaseTheirSocketsAndObjects) {
   EXPECT_FALSE(l.ElementCreated(201));
 }
 
-TEST_F(Listener, CounterOverflowIsAFaultAndTheListenerKeepsServing) {
+TEST_F(Listener, CounterOverflowIsAFaultThenTheCounterStartsAgainAtOne) {
   auto& l = t->listener();
+  // An old connection under index 1 that is still open: its index is reused after the overflow.
+  Console old(*t);
+  ASSERT_EQ(old.Connect(Port()), "|READY|");
+  ASSERT_EQ(l.ListenConnectionIndex, 1);
   l.ListenConnectionIndex = 32766;
   Console last(*t);
   ASSERT_EQ(last.Connect(Port()), "|READY|");
   EXPECT_EQ(l.ListenConnectionIndex, 32767);
   EXPECT_TRUE(NewMessages().empty());
 
+  // The request at the overflow is taken and closed, never left pending.
   Console refused(*t);
   EXPECT_EQ(refused.Connect(Port()), "");
   t->WaitUntil(5, [&] { return refused.closed(); });
   EXPECT_TRUE(refused.closed());
-  EXPECT_EQ(l.ListenConnectionIndex, 32767);
+  EXPECT_EQ(l.ListenConnectionIndex, 0);
   EXPECT_EQ(NewMessages(),
             (std::vector<std::string>{"Error in TDACLI: wsckListen_ConnectionRequest() Error - 6:Overflow"}));
   ASSERT_FALSE(t.event_log.entries.empty());
   EXPECT_EQ(t.event_log.entries.back(), std::make_pair(1, std::string("wsckListen_ConnectionRequest() Error - 6:Overflow")));
   EXPECT_EQ(testing::Lines(t.ErrorLog()).size(), 1u);
-
-  // The newest element still works, and later requests fail the same way.
-  last.Send("|GETINFO|");
-  EXPECT_EQ(last.Reply(), Info());
   EXPECT_EQ(l.Listener().State(), TcpSocket::kListening);
-  Console again(*t);
-  EXPECT_EQ(again.Connect(Port()), "");
+
+  // The next console is served under index 1; the old connection there was closed first.
+  Console next(*t);
+  ASSERT_EQ(next.Connect(Port()), "|READY|");
+  EXPECT_EQ(l.ListenConnectionIndex, 1);
+  t->WaitUntil(5, [&] { return old.closed(); });
+  EXPECT_TRUE(old.closed());
+  next.Send("|GETINFO|");
+  EXPECT_EQ(next.Reply(), Info());
+  Console after(*t);
+  ASSERT_EQ(after.Connect(Port()), "|READY|");
+  EXPECT_EQ(l.ListenConnectionIndex, 2);
+  after.Send("|GETINFO|");
+  EXPECT_EQ(after.Reply(), Info());
   EXPECT_EQ(NewMessages(), (std::vector<std::string>{"Trace in TDACLI: Received GETINFO command from Agent Explorer.",
-                                                     "Error in TDACLI: wsckListen_ConnectionRequest() Error - 6:Overflow"}));
+                                                     "Trace in TDACLI: Received GETINFO command from Agent Explorer."}));
+}
+
+TEST_F(Listener, CloseOfAnOldConnectionRightAfterTheOverflowLeavesTheListenerOpen) {
+  auto& l = t->listener();
+  Console old(*t);
+  ASSERT_EQ(old.Connect(Port()), "|READY|");
+  l.ListenConnectionIndex = 32767;
+  Console refused(*t);
+  EXPECT_EQ(refused.Connect(Port()), "");
+  ASSERT_EQ(l.ListenConnectionIndex, 0);
+  old.Close();
+  t->loop().RunFor(200);
+  EXPECT_EQ(l.Listener().State(), TcpSocket::kListening);
+  Console next(*t);
+  EXPECT_EQ(next.Connect(Port()), "|READY|");
+  EXPECT_EQ(l.ListenConnectionIndex, 1);
 }
 
 TEST_F(Listener, MessageWithTwoKeywordsIsHandledAsTheFirstInDispatchOrder) {

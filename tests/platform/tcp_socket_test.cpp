@@ -125,7 +125,8 @@ TEST(TcpSocket, UnacceptedRequestIsRefusedAndTheNextOneIsAnnounced) {
   }
   loop.RunUntil(clock.NowMs() + 5000, [&] { return requests == 2; });
   EXPECT_EQ(requests, 2);
-  EXPECT_EQ(TcpSocket::OpenSocketCount() - sockets_before, 3);  // listener and two clients: refused ones are released
+  // The listener, its reserve and two clients: refused ones are released.
+  EXPECT_EQ(TcpSocket::OpenSocketCount() - sockets_before, 4);
 }
 
 TEST(TcpSocket, SendOnAClosedSocketIsAnError) {
@@ -134,6 +135,74 @@ TEST(TcpSocket, SendOnAClosedSocketIsAnError) {
   TcpSocket s(loop);
   SocketError e = s.SendData("x");
   EXPECT_EQ(e.number, 40006);
+}
+
+}  // namespace
+}  // namespace tdacli::platform
+
+namespace tdacli::platform {
+namespace {
+
+TEST(TcpSocketBounds, ALongTransferArrivesInPiecesOfAtMostSixtyFourKibibytes) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  TcpSocket server(loop), client(loop);
+  std::unique_ptr<TcpSocket> accepted;
+  server.SetLocalPort(0);
+  ASSERT_FALSE(server.Listen());
+  server.on_connection_request = [&](int64_t id) {
+    accepted = std::make_unique<TcpSocket>(loop);
+    ASSERT_FALSE(accepted->Accept(server, id));
+  };
+  client.SetRemoteHost("127.0.0.1");
+  client.SetRemotePort(server.LocalPort());
+  ASSERT_FALSE(client.Connect());
+  ASSERT_TRUE(loop.RunUntil(clock.NowMs() + 5000, [&] { return accepted && client.State() == TcpSocket::kConnected; }));
+  std::string sent;
+  for (int i = 0; i < 1'000'000; ++i) sent += static_cast<char>('a' + i % 26);
+  std::string got;
+  size_t largest = 0, pieces = 0;
+  accepted->on_data_arrival = [&](size_t) {
+    std::string piece = accepted->GetData();
+    largest = std::max(largest, piece.size());
+    ++pieces;
+    got += piece;
+  };
+  ASSERT_FALSE(client.SendData(sent));
+  ASSERT_TRUE(loop.RunUntil(clock.NowMs() + 20000, [&] { return got.size() == sent.size(); }));
+  EXPECT_TRUE(got == sent);
+  EXPECT_LE(largest, TcpSocket::kMaxArrival);
+  EXPECT_GE(pieces, sent.size() / TcpSocket::kMaxArrival);
+}
+
+TEST(TcpSocketBounds, OutputPastTheSendLimitIsRefused) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  TcpSocket server(loop), client(loop);
+  std::unique_ptr<TcpSocket> accepted;
+  server.SetLocalPort(0);
+  ASSERT_FALSE(server.Listen());
+  server.on_connection_request = [&](int64_t id) {
+    accepted = std::make_unique<TcpSocket>(loop);
+    ASSERT_FALSE(accepted->Accept(server, id));
+  };
+  client.on_data_arrival = [](size_t) {};  // never reads
+  client.SetRemoteHost("127.0.0.1");
+  client.SetRemotePort(server.LocalPort());
+  ASSERT_FALSE(client.Connect());
+  ASSERT_TRUE(loop.RunUntil(clock.NowMs() + 5000, [&] { return accepted && client.State() == TcpSocket::kConnected; }));
+  accepted->SetSendLimit(100000);
+  const std::string chunk(50000, 'x');
+  SocketError e;
+  int sends = 0;
+  while (!(e = accepted->SendData(chunk)) && sends < 100000) {
+    ++sends;
+    loop.DoEvents();
+  }
+  EXPECT_EQ(e.number, TcpSocket::kOutputFull);
+  EXPECT_LE(accepted->PendingSendBytes(), 100000u);
+  EXPECT_GT(accepted->PendingSendBytes(), 0u);
+  EXPECT_EQ(accepted->State(), TcpSocket::kConnected);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "common/logging.h"
 #include "listener/listener.h"
 #include "service/control.h"
@@ -144,6 +146,34 @@ TEST(Lifecycle, PortInUseGivesThirtyWarningsTwoSecondsApartThenTheBanner) {
   EXPECT_EQ(stamps[0], "2026-11-14 11:15:03 PM");
   EXPECT_EQ(stamps[1], "2026-11-14 11:15:05 PM");
   EXPECT_EQ(stamps[29], "2026-11-14 11:16:01 PM");
+}
+
+TEST(Lifecycle, AfterTheRetriesTheListenerKeepsTryingQuietlyEveryThirtySeconds) {
+  TestAgent t;
+  platform::EventLoop other(t.clock);
+  auto blocker = std::make_unique<platform::TcpSocket>(other);
+  uint16_t port = 0;
+  for (uint16_t p = 21000 + static_cast<uint16_t>(t.clock.NowMs() % 7000); p < 32000 && !port; p += 13) {
+    blocker->SetLocalPort(p);
+    if (!blocker->Listen()) port = p;
+  }
+  ASSERT_NE(port, 0);
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1," + std::to_string(port) + ",2,3\r\n");
+  StartService(t);
+  t->loop().RunFor(70'000);
+  const std::string trace = ReadFile(t.ProgramTrace());
+  ASSERT_NE(trace.find("Listening Port: " + std::to_string(port) + "\r\n"), std::string::npos);
+  EXPECT_TRUE(t->listener().RetryingListen());
+  const size_t lines = Lines(t.ProgramTrace()).size();
+  t->loop().RunFor(120'000);  // four quiet attempts while the port is taken
+  EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
+  EXPECT_NE(t->listener().Listener().State(), platform::TcpSocket::kListening);
+  blocker.reset();  // the port is free: the next attempt takes it
+  t->loop().RunFor(30'000);
+  EXPECT_EQ(t->listener().Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(t->listener().Listener().LocalPort(), port);
+  EXPECT_FALSE(t->listener().RetryingListen());
+  EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
 }
 
 TEST(Lifecycle, ServerWithAColonIsShownWithoutThePortSuffix) {

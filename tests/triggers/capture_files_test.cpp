@@ -142,8 +142,9 @@ TEST_F(CaptureFiles, SendFramesWithoutJobNameUsesTheTimeAndSameSecondReplaces) {
 
 TEST_F(CaptureFiles, JobNameThatIsNotAFileNameFailsWithoutWritingElsewhere) {
   std::filesystem::create_directory(t.dir.File("sub"));
-  for (const char* name : {"..", "...", "sub/x", "sub\\x", "../escape"}) {
-    const std::string req = std::string("|SENDFRAMES|a@b@") + name + "@c";
+  for (const std::string& name : std::vector<std::string>{"sub/x", "sub\\x", "../escape", "..\\escape", "C:x",
+                                                          std::string("a\0b", 3), "a\x01" "b", "a\x1f" "b"}) {
+    const std::string req = "|SENDFRAMES|a@b@" + name + "@c";
     SendFrames(*t, req);
     EXPECT_EQ(t.Messages().back(), "Error in TDACLI: Error saving 'Send Frames' info to file (" +
                                        t.dir.File(std::string("SendFrames-") + name + ".TSF") +
@@ -163,6 +164,31 @@ TEST_F(CaptureFiles, GrabberTaskCutsTheJobNameAtTheBar) {
   // The console-driven routine keeps the bar, which no file name may hold.
   SendFrames(*t, "|SENDFRAMES|10.1.1.1@x@Job8|extra@y");
   EXPECT_FALSE(Exists(t.dir.File("SendFrames-Job8.TSF")));
+}
+
+TEST_F(CaptureFiles, JobNamesOfOnlyDotsAreHarmlessFileNames) {
+  for (const std::string& name : {std::string("."), std::string(".."), std::string("...")}) {
+    const std::string req = "|SENDFRAMES|a@b@" + name + "@c";
+    SendFrames(*t, req);
+    const std::string path = t.dir.File("SendFrames-" + name + ".TSF");
+    EXPECT_EQ(ReadFile(path), req + "\r\n") << name;
+    EXPECT_EQ(t.Messages().back(), "Trace in TDACLI: Made 'Send Frames' File (" + path + ") with values (" + req + ")");
+  }
+  EXPECT_EQ(ReadFile(t.dir.File("SendFrames-...TSF")), "|SENDFRAMES|a@b@..@c\r\n");
+  SendFramesForGrabberTask(*t, "10.1.1.1@x@...@y");
+  EXPECT_EQ(ReadFile(t.dir.File("SendFrames-....TSF")), "10.1.1.1@x@...@y\r\n");
+}
+
+TEST_F(CaptureFiles, GrabberTaskWithNothingBeforeTheBarWritesTheEmptyJobName) {
+  SendFramesForGrabberTask(*t, "10.1.1.1@x@|extra@y");
+  const std::string path = t.dir.File("SendFrames-.TSF");
+  EXPECT_EQ(ReadFile(path), "10.1.1.1@x@|extra@y\r\n");
+  EXPECT_EQ(t.Messages().back(),
+            "Trace in TDACLI: Made 'Send Frames' File (" + path + ") with values (10.1.1.1@x@|extra@y)");
+  // Separators and drives stay refused after the cut.
+  SendFramesForGrabberTask(*t, "10.1.1.1@x@../up|extra@y");
+  EXPECT_EQ(t.Messages().back(), "Error in TDACLI: Error saving 'Send Frames' info to file (" +
+                                     t.dir.File("SendFrames-../up.TSF") + ") - 52, Bad file name or number");
 }
 
 TEST(SendFramesJob, NameIsTheThirdField) {

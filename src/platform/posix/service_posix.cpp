@@ -129,6 +129,31 @@ std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string
   return std::make_unique<DatagramServiceControl>(app_folder);
 }
 
+void ReportUnwritableFolder(EventLog& /*event_log*/, const std::string& folder) {
+  std::fprintf(stderr, "tdacli: the application folder %s is not writable: settings, logs and files for the other "
+               "services cannot be written there\n", folder.c_str());
+}
+
+namespace {
+
+// Whether an agent already runs in this folder: its control endpoint is bound (a datagram connect
+// succeeds; a stale endpoint of an ended agent is refused).
+bool EndpointInUse(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  bool in_use = false;
+  if (path.size() < sizeof a.sun_path) {
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    in_use = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
+  close(fd);
+  return in_use;
+}
+
+}  // namespace
+
 SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   SystemFacilities f;
   f.clock = MakeSystemClock();
@@ -150,6 +175,16 @@ int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_fo
   sigaddset(&set, SIGINT);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  // A second agent in the same folder would take over the first one's control endpoint (and share its
+  // files): it refuses to start. User-session agents share a folder by design and are not checked.
+  std::string marker = app_folder;
+  if (!marker.empty() && marker.back() != '/') marker += '/';
+  const std::string endpoint = ControlEndpointPath(app_folder, identity.name);
+  if (access((marker + "thinterminal.dat").c_str(), F_OK) != 0 && EndpointInUse(endpoint)) {
+    std::fprintf(stderr, "tdacli: an agent is already running in %s (control endpoint %s); not started\n",
+                 app_folder.c_str(), endpoint.c_str());
+    return 1;
+  }
   PosixServiceHost host(identity, app_folder);
   return program(host);
 }

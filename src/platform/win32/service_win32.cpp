@@ -371,6 +371,11 @@ SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   return f;
 }
 
+void ReportUnwritableFolder(EventLog& event_log, const std::string& folder) {
+  event_log.Write(1, "The application folder " + folder +
+                         " is not writable: settings, logs and files for the other services cannot be written there");
+}
+
 int RunServiceProcess(const ServiceIdentity& identity, const std::string& /*app_folder*/,
                       const std::function<int(ServiceHost& host)>& program) {
   ServiceProcess sp{&identity, &program, 0, CreateEventA(nullptr, TRUE, FALSE, nullptr)};

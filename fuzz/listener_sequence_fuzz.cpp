@@ -1,0 +1,162 @@
+// Sequences of connects, arrivals and closes against the real listener of an agent on loopback, with
+// the bounds in force: each input is a little program of console actions. After every input all
+// consoles are closed and the agent must have released every socket it accepted, still listen, and
+// never have nested its event loop more than the burst bound allows.
+//
+// Program bytes: op = byte % 6
+//   0 connect a new console (at most 6 at once; the oldest is closed to make room)
+//   1 send: console = next byte, length = next byte (x 1, or x 1024 when the op byte is >= 128), the
+//     text is taken from the input that follows
+//   2 close: console = next byte
+//   3 run the agent's loop for a few rounds
+//   4 seed the connection counter near its 16-bit limit
+//   5 a console sends and closes at once
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "listener/listener.h"
+#include "platform/clock.h"
+#include "platform/host_identity.h"
+#include "platform/quiet_facilities.h"
+#include "platform/service_host.h"
+#include "platform/tcp_socket.h"
+#include "service/agent.h"
+
+namespace {
+
+using namespace tdacli;
+using platform::TcpSocket;
+
+class Control : public platform::QuietServiceControl {
+ public:
+  unsigned long SendControl(const std::string&, int) override { return 1060; }
+};
+
+struct World {
+  World() {
+    dir = std::filesystem::temp_directory_path() / ("tdacli-listener-fuzz-" + std::to_string(std::random_device{}()));
+    std::filesystem::create_directories(dir);
+    clock.idle_grace_ms = 1;
+    AgentOptions o;
+    o.exe_folder = dir.string();
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host}, o);
+    WriteSettings();
+  }
+  ~World() {
+    agent.reset();
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  }
+  void WriteSettings() {
+    std::ofstream(dir / "TDRegInfo.TXT", std::ios::binary)
+        << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nListeningPorts=1,0,2,3\r\n";
+  }
+  std::filesystem::path dir;
+  platform::SimulatedClock clock;
+  platform::FixedHostIdentity host;
+  platform::QuietEventLog events;
+  Control control;
+  platform::QuietDialogs dialogs;
+  platform::QuietServiceHost service_host;
+  std::unique_ptr<Agent> agent;
+};
+
+struct Console {
+  explicit Console(Agent& agent) : socket(agent.loop()) {
+    socket.on_data_arrival = [this](size_t) { received += socket.GetData().size(); };
+  }
+  TcpSocket socket;
+  size_t received = 0;
+};
+
+// A console must not move the listener to a port of this machine that others use.
+std::string Tame(std::string text) {
+  for (const char* word : {"SETLISTEN", "LISTENINGPORTS"})
+    for (size_t p = text.find(word); p != std::string::npos; p = text.find(word, p + 1)) text[p] = 'x';
+  return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static World world;
+  static int64_t baseline = -1;
+  Agent& agent = *world.agent;
+  auto& listener = agent.listener();
+  if (listener.Listener().State() != TcpSocket::kListening) {
+    if (listener.Listen(0)) std::abort();
+  }
+  if (baseline < 0) baseline = TcpSocket::OpenSocketCount();
+
+  std::vector<std::unique_ptr<Console>> consoles;
+  auto run = [&](int rounds) {
+    for (int i = 0; i < rounds; ++i) agent.loop().RunFor(1);
+  };
+  auto connect = [&] {
+    if (consoles.size() >= 6) consoles.erase(consoles.begin());
+    consoles.push_back(std::make_unique<Console>(agent));
+    auto& s = consoles.back()->socket;
+    s.SetRemoteHost("127.0.0.1");
+    s.SetRemotePort(listener.Listener().LocalPort());
+    s.Connect();
+    agent.WaitUntil(2, [&] { return s.State() != TcpSocket::kConnecting; });
+    return consoles.back().get();
+  };
+  size_t i = 0;
+  auto next = [&]() -> uint8_t { return i < size ? data[i++] : 0; };
+  int steps = 0;
+  while (i < size && steps++ < 64) {
+    const uint8_t op = next();
+    switch (op % 6) {
+      case 0:
+        connect();
+        break;
+      case 1:
+      case 5: {
+        Console* c = consoles.empty() ? connect() : consoles[next() % consoles.size()].get();
+        size_t len = next();
+        if (op >= 128) len *= 1024;
+        std::string text;
+        const size_t from_input = std::min(len, size - i);
+        text.assign(reinterpret_cast<const char*>(data + i), from_input);
+        i += from_input;
+        while (text.size() < len) text += "|GETINFO|";  // long transfers made of commands
+        c->socket.SendData(Tame(text));
+        run(2);
+        if (op % 6 == 5) c->socket.Close();
+        break;
+      }
+      case 2:
+        if (!consoles.empty()) consoles[next() % consoles.size()]->socket.Close();
+        run(1);
+        break;
+      case 3:
+        run(1 + next() % 8);
+        break;
+      case 4:
+        listener.ListenConnectionIndex = static_cast<int16_t>(32760 + next() % 8);
+        break;
+    }
+  }
+  consoles.clear();
+  // Every accepted socket goes once its peer has gone.
+  agent.WaitUntil(10, [&] { return TcpSocket::OpenSocketCount() == baseline; });
+  if (TcpSocket::OpenSocketCount() != baseline) {
+    std::fprintf(stderr, "%lld sockets still open, %lld expected (connection index %d)\n",
+                 static_cast<long long>(TcpSocket::OpenSocketCount()), static_cast<long long>(baseline),
+                 listener.ListenConnectionIndex);
+    std::abort();
+  }
+  if (listener.Listener().State() != TcpSocket::kListening) std::abort();
+  if (agent.loop().max_run_depth() > 8) std::abort();
+  world.WriteSettings();
+  return 0;
+}

@@ -1,0 +1,226 @@
+#!/bin/bash
+# The real agent on Linux against hostile and broken peers, with figures from /proc:
+#   a 5,000-connection burst -> 10,000 peers that send and leave without a word (descriptors back to
+#   the start-up count) -> a console that never reads (RSS) -> CR/LF and NUL in values -> SETLISTEN
+#   to a busy port -> a second agent in the same folder -> the descriptor limit (one Error line a
+#   second, CPU time from /proc/<pid>/stat) -> a 100 MB settings file (peak RSS).
+#
+#   untrusted_input_linux.sh --tdacli F --abuse F [--burst N] [--leave N]
+set -u
+
+TDACLI= ABUSE= BURST=5000 LEAVE=10000
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --tdacli) TDACLI=$2; shift 2 ;;
+    --abuse) ABUSE=$2; shift 2 ;;
+    --burst) BURST=$2; shift 2 ;;
+    --leave) LEAVE=$2; shift 2 ;;
+    *) echo "unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$TDACLI" ] && [ -n "$ABUSE" ] || { echo "missing arguments" >&2; exit 2; }
+
+STARTED=$(date +%s%N)
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-abuse.XXXXXX") || exit 1
+APP=$WORK/app
+# Freed memory of the sanitizer build is reused soon, so that its RSS shows what the agent holds.
+export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4:detect_leaks=0"
+
+PIDS=()
+stop_all() {
+  local p
+  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
+  for p in "${PIDS[@]}"; do
+    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
+    kill -KILL "$p" 2>/dev/null
+    wait "$p" 2>/dev/null
+  done
+  PIDS=()
+}
+cleanup() {
+  stop_all
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+step() { echo "== $*"; }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+fail() {
+  echo "FAIL: $*"
+  local f
+  for f in "$(program_trace)" "$WORK"/*.log; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 40 "$f" | tr -d '\r' | cut -c1-300; }
+  done
+  exit 1
+}
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/lib.sh"
+
+fds() { ls "/proc/$1/fd" 2>/dev/null | wc -l; }
+status_kb() { awk -v k="$2:" '$1 == k { print $2 }' "/proc/$1/status"; }
+# utime + stime of the process, in clock ticks.
+cpu_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
+port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+free_port() {
+  local p
+  for p in $(shuf -i 20000-32700 -n 50); do
+    if port_free "$p"; then echo "$p"; return; fi
+  done
+}
+settings() {
+  printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=127.0.0.1" "UseTrace=False" \
+    "LocalTemp=Unknown" "CurrentUser=jsmith" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+    "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
+}
+# Starts the agent in $APP (optionally under a descriptor limit $1); sets AGENT.
+start_agent() {
+  local limit=${1:-}
+  rm -f "$(program_trace)"
+  if [ -n "$limit" ]; then
+    (cd "$APP" && ulimit -n "$limit" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+  else
+    (cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+  fi
+  AGENT=$!
+  PIDS+=("$AGENT")
+  wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
+  has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
+  wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint"
+}
+stop_agent() {
+  kill -TERM "$AGENT" 2>/dev/null
+  wait_for 20 bash -c "! kill -0 $AGENT 2>/dev/null" || fail "the agent did not stop"
+  wait "$AGENT" 2>/dev/null
+  PIDS=()
+}
+fds_back() { [ "$(fds "$AGENT")" -eq "$FD0" ]; }
+errors() { messages | grep -c '^Error in TDACLI' ; }
+reply() { "$ABUSE" send "$PORT" "$1"; }
+
+mkdir -p "$APP"
+cp "$TDACLI" "$APP/tdacli"
+PORT=$(free_port)
+[ -n "$PORT" ] || fail "no free port"
+settings "$PORT" >"$APP/TDRegInfo.TXT"
+
+step "agent on port $PORT"
+start_agent
+sleep 1  # the start-up work has finished opening its files
+FD0=$(fds "$AGENT")
+RSS0=$(status_kb "$AGENT" VmRSS)
+echo "start-up: $FD0 descriptors, VmRSS $RSS0 kB"
+
+step "burst of $BURST simultaneous connects"
+out=$("$ABUSE" burst "$PORT" "$BURST") || fail "$out"
+echo "$out"
+alive "$AGENT" || fail "the agent died in the burst"
+wait_for 30 fds_back || fail "after the burst $(fds "$AGENT") descriptors, $FD0 at start"
+echo "after the burst: $(fds "$AGENT") descriptors, VmHWM $(status_kb "$AGENT" VmHWM) kB"
+[ "$(errors)" -eq 0 ] || fail "Error lines in the burst"
+
+step "$LEAVE peers that send and leave while a newer one is connected"
+out=$("$ABUSE" leave "$PORT" "$LEAVE") || fail "$out"
+echo "$out"
+wait_for 30 fds_back || fail "after leaving peers $(fds "$AGENT") descriptors, $FD0 at start"
+echo "after $LEAVE leaving peers: $(fds "$AGENT") descriptors (start-up $FD0)"
+grep -q '^Ext=4711' "$APP/TDRegInfo.TXT" || fail "data of an older connection was read"
+
+step "a console that sends GETINFO without end and never reads"
+# Big settings make big replies: 60,000 bytes each for the extension and the server.
+big=$(head -c 60000 /dev/zero | tr '\0' 7)
+sed -i "s/^Ext=.*\r\$/Ext=$big\r/; s/^Server=.*\r\$/Server=$big\r/" "$APP/TDRegInfo.TXT"
+HWM_BEFORE=$(status_kb "$AGENT" VmHWM)
+out=$("$ABUSE" noread "$PORT" 200000000) || fail "$out"
+echo "$out"
+HWM=$(status_kb "$AGENT" VmHWM)
+echo "never-reading console: VmHWM $HWM_BEFORE kB before, $HWM kB after (growth $((HWM - HWM_BEFORE)) kB)"
+[ $((HWM - HWM_BEFORE)) -lt 16384 ] || fail "memory grew by $((HWM - HWM_BEFORE)) kB"
+n=$(messages | grep -cxF "Warning in TDACLI: Closing connection to AgentExplorer (IP = 127.0.0.1): more than 1048576 bytes of replies were not taken.")
+[ "$n" -eq 1 ] || fail "$n closing warnings, expected 1"
+settings "$PORT" >"$APP/TDRegInfo.TXT"
+
+step "CR, LF and NUL inside values"
+out=$(reply '|SETEXT|12\r\nCurrentUser=evil;')
+[ "$out" = '|SETEXT|<Extension>12;' ] || fail "SETEXT with CR LF answered: $out"
+out=$(reply '|SETALL||EXT|34\n[Config];|SERVER|10.0.0.9\rUseTrace=True;')
+[ "$out" = '|SETALL|<Extension>34;|SETSERVER|<TD Server>10.0.0.9;' ] || fail "SETALL answered: $out"
+out=$(reply '|SETPOP4WIN|yes\0no;')
+[ "$out" = '|SETPOP4WIN|<Pop4Win>yes\0no;' ] || fail "SETPOP4WIN with NUL answered: $out"
+same_bytes "$APP/TDRegInfo.TXT" '%b\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=34" "Server=10.0.0.9" \
+  "UseTrace=False" "LocalTemp=unknown" "CurrentUser=jsmith" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+  "NotificationMethod=ServiceMessage" "PopEx=false" 'PopWinName=yes\0no' "ListeningPorts=5001,$PORT,6001,6002"
+in_order "Warning in TDACLI: The value of (Ext) held a line break and was cut at it." \
+  "Warning in TDACLI: The value of (Ext) held a line break and was cut at it." \
+  "Warning in TDACLI: The value of (Server) held a line break and was cut at it."
+alive "$AGENT" || fail "the agent died"
+
+step "SETLISTEN to a busy port"
+BUSY=$(free_port)
+"$ABUSE" occupy "$BUSY" 60 >"$WORK/occupy.log" &
+OCC=$!
+wait_for 10 grep -q listening "$WORK/occupy.log" || fail "could not occupy $BUSY"
+out=$(reply "|SETLISTEN|5001,$BUSY,6001,6002;")
+[ "$out" = "|SETLISTEN|<Listening Ports>5001,$PORT,6001,6002;" ] || fail "SETLISTEN answered: $out"
+has_message "Error in TDACLI: Error saving settings: Address already in use (Port: $BUSY)" ||
+  fail "no Error line naming port $BUSY"
+out=$(reply '|GETINFO|')
+case "$out" in *"<Listening Ports>5001,$BUSY,6001,6002;"*) ;; *) fail "the saved list is not in the file: $out" ;; esac
+kill "$OCC" 2>/dev/null; wait "$OCC" 2>/dev/null
+settings "$PORT" >"$APP/TDRegInfo.TXT"
+
+step "a second agent in the same folder"
+"$APP/tdacli" >"$WORK/second.log" 2>&1
+rc=$?
+[ $rc -eq 1 ] || fail "the second agent ended with $rc"
+grep -qF "tdacli: an agent is already running in $APP" "$WORK/second.log" || fail "second agent said: $(cat "$WORK/second.log")"
+alive "$AGENT" || fail "the first agent died"
+out=$(reply '|GETINFO|')
+case "$out" in "|GETINFO|<PCName>"*) ;; *) fail "the first agent no longer answers: $out" ;; esac
+stop_agent
+
+step "the descriptor limit"
+start_agent 64
+sleep 1
+"$ABUSE" hold "$PORT" 120 14 >"$WORK/hold.log" &
+HOLD=$!
+wait_for 20 has_message "Error in TDACLI: wsckListen_ConnectionRequest() Error - 10024:Too many open files" ||
+  fail "no Error line for the failed accept"
+E0=$(messages | grep -c "10024:Too many open files")
+T0=$(cpu_ticks "$AGENT")
+sleep 10
+T1=$(cpu_ticks "$AGENT")
+E1=$(messages | grep -c "10024:Too many open files")
+TICKS=$(getconf CLK_TCK)
+echo "at the limit: $((T1 - T0)) ticks of CPU time in 10 s ($TICKS ticks/s), $((E1 - E0)) Error lines"
+# Under 1% of a core: less than a tenth of a second in ten.
+[ $((T1 - T0)) -lt $((TICKS / 10)) ] || fail "the agent used $((T1 - T0)) ticks at the limit"
+[ $((E1 - E0)) -ge 8 ] && [ $((E1 - E0)) -le 12 ] || fail "$((E1 - E0)) Error lines in 10 s, expected one a second"
+wait "$HOLD"
+cat "$WORK/hold.log"
+out=$("$ABUSE" burst "$PORT" 1) || fail "no greeting after descriptors were freed: $out"
+stop_agent
+
+step "a 100 MB settings file"
+{
+  settings "$PORT" | head -n 2
+  # 100 MB of lines the program does not know, some of them far longer than a line may be.
+  for _ in $(seq 20); do
+    head -c 4000000 /dev/zero | tr '\0' x
+    printf '\r\n'
+    yes 'Unknown=abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqrstuvwxyz0123456789' | head -c 1000000
+    printf '\r\n'
+  done
+  settings "$PORT" | tail -n +3 | sed 's/^Ext=4711/Ext=9876/'
+} >"$APP/TDRegInfo.TXT"
+echo "settings file: $(stat -c %s "$APP/TDRegInfo.TXT") bytes"
+start_agent
+out=$(reply '|GETINFO|')
+case "$out" in *"<Extension>9876;"*) ;; *) fail "GETINFO after the big file: $out" ;; esac
+HWM=$(status_kb "$AGENT" VmHWM)
+echo "100 MB settings file: VmHWM $HWM kB after start-up and a reload (VmRSS $RSS0 kB at the first start-up)"
+[ "$HWM" -lt $((RSS0 + 16384)) ] || fail "loading the big file cost $((HWM - RSS0)) kB"
+stop_agent
+
+echo "elapsed: $((($(date +%s%N) - STARTED) / 1000000)) ms"
+echo "PASS: untrusted input end to end"
