@@ -47,7 +47,7 @@ struct World {
     clock.idle_grace_ms = 1;
     AgentOptions o;
     o.exe_folder = dir.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host}, o);
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host, http, internet}, o);
     WriteSettings();
   }
   ~World() {
@@ -66,6 +66,8 @@ struct World {
   Control control;
   platform::QuietDialogs dialogs;
   platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 

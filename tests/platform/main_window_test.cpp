@@ -54,7 +54,7 @@ struct FormAgent {
     o.exe_folder = t.dir.path();
     o.exe_base_name = "tdacli";
     agent = std::make_unique<Agent>(
-        AgentFacilities{*clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host}, o);
+        AgentFacilities{*clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host, t.http, t.internet}, o);
     agent->local_ip = "192.168.5.20";
     agent->startup_banner_written = true;
     agent->on_end_process = [this] { ended = true; };
