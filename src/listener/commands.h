@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/version_info.h"
+
 namespace tdacli {
 class Agent;
 }
@@ -52,6 +54,14 @@ void RequestTraceFile(Agent& agent);
 
 // The component report: rebuilds `ComponentReportText`.
 void BuildComponentReport(Agent& agent);
+// The eight strings of a file's version resource (first translation); false without one.
+bool ReadVersionInfo(const std::string& path, platform::VersionStrings& info);
+// State word and account of a service of the suite; both empty (and an "Error" line) when it cannot be
+// queried.
+struct ServiceColumns {
+  std::string state, account, description;
+};
+ServiceColumns GetWinServiceDetails(Agent& agent, const std::string& service);
 // Version, date, time and size of a file ("Unavailable!" without a version resource).
 std::string GetFileDetails(Agent& agent, const std::string& path);
 // Thousands separators, at least one digit: 1234567 -> "1,234,567".

@@ -40,20 +40,6 @@ bool ModernWindows(int os_code) {
   }
 }
 
-// State word and account of a service; both empty when it cannot be queried.
-struct ServiceColumns {
-  std::string state, account;
-};
-
-ServiceColumns GetWinServiceDetails(Agent& agent, const std::string& service) {
-  const platform::ServiceDetails d = platform::QueryServiceDetails(agent.app_folder, service);
-  if (!d.ok) {
-    LogMessage(agent, "GetWinServiceDetails: Error - " + d.error, "Error");
-    return {};
-  }
-  return {d.state, d.account};
-}
-
 struct ServiceRow {
   const char* file;
   const char* service;
@@ -84,6 +70,19 @@ void Step(F&& f) {
 
 }  // namespace
 
+ServiceColumns GetWinServiceDetails(Agent& agent, const std::string& service) {
+  const platform::ServiceDetails d = platform::QueryServiceDetails(agent.app_folder, service);
+  if (!d.ok) {
+    LogMessage(agent, "GetWinServiceDetails: Error - " + d.error, "Error");
+    return {};
+  }
+  return {d.state, d.account, d.description};
+}
+
+bool ReadVersionInfo(const std::string& path, platform::VersionStrings& info) {
+  return platform::ReadFileVersionStrings(Resolve(path), info);
+}
+
 std::string FormatFileSize(unsigned long long size) {
   std::string digits = std::to_string(size), out;
   for (size_t i = 0; i < digits.size(); ++i) {
@@ -96,7 +95,7 @@ std::string FormatFileSize(unsigned long long size) {
 std::string GetFileDetails(Agent&, const std::string& path) {
   const std::string file = Resolve(path);
   platform::VersionStrings v;
-  if (!platform::ReadFileVersionStrings(file, v)) return "Unavailable!";
+  if (!ReadVersionInfo(file, v)) return "Unavailable!";
   platform::LocalTime t;
   std::error_code ec;
   const auto size = std::filesystem::file_size(std::filesystem::u8path(file), ec);
