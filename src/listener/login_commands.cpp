@@ -55,7 +55,7 @@ void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
 void RequestTraceFile(Agent& agent) {
   try {
     LogMessage(agent, "Agent Explorer Asked for Local Trace File, Calling TDACMT!", "Trace");
-    agent.TraceFileReply = "0";
+    agent.TraceFileReply.assign(1, '0');  // (not `= "0"`: GCC 12 warns falsely on that assignment)
     if (RuleSUsesFiles(agent))
       MakeRequestFile(agent, "TDACMT", "Code=140");
     else
