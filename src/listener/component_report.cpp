@@ -117,8 +117,10 @@ std::string ParseRemoteControlPort(std::string_view content) {
 }
 
 std::string ReadRemoteControlPort(Agent& agent) {
+  const std::string path = Resolve(agent.app_folder + "RC" + kSepStr + "TDACLM.INI");
   std::string content;
-  if (!ReadTextFile(Resolve(agent.app_folder + "RC" + kSepStr + "TDACLM.INI"), content)) return "(Unknown)";
+  // Only a regular file is opened: a pipe put in its place would block the agent's thread.
+  if (!FileExists(path) || !ReadTextFile(path, content)) return "(Unknown)";
   return ParseRemoteControlPort(content);
 }
 

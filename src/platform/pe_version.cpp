@@ -228,7 +228,7 @@ bool FindPath(std::string_view b, const Node& root, std::initializer_list<std::u
   return true;
 }
 
-// Code page 1252 for U+0080..U+009F's neighbours: the characters it places at 0x80..0x9F.
+// The characters code page 1252 places at 0x80..0x9F (0: none).
 constexpr std::array<char16_t, 32> kCp1252High = {
     0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
     0x2039, 0x0152, 0,      0x017D, 0,      0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022,

@@ -12,6 +12,10 @@
 #include "platform/file_times.h"
 #include "platform/version_info.h"
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
 namespace tdacli {
 namespace {
 
@@ -235,6 +239,20 @@ TEST_F(ComponentReport, RemoteControlPortFromItsFile) {
             "6000=7");
   EXPECT_EQ(listener::ParseRemoteControlPort("ServerPort= 5020 "), " 5020 ");
 }
+
+#ifndef _WIN32
+// Pipes in place of the components and of the port file: the report is built without waiting.
+TEST_F(ComponentReport, PipesInPlaceOfFilesAreNotRead) {
+  std::filesystem::create_directories(t->AppPath("RC"));
+  ASSERT_EQ(mkfifo(t->AppPath("RC/TDACLM.INI").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(t->AppPath("TDACLI.EXE").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(t->AppPath("TDACSE.EXE").c_str(), 0600), 0);
+  const std::string r = Build();
+  EXPECT_TRUE(Contains(r, "{CRLF}{CRLF}Agent Login Service: Unavailable!{CRLF}")) << r;
+  EXPECT_TRUE(Contains(r, "{CRLF}System Event Detector: N/A{CRLF}")) << r;
+  EXPECT_TRUE(Contains(r, "{CRLF}Agent Client Remote IP Port: (Unknown){CRLF}")) << r;
+}
+#endif
 
 TEST_F(ComponentReport, FileSizesCarryThousandsSeparators) {
   EXPECT_EQ(listener::FormatFileSize(0), "0");

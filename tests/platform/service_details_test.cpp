@@ -9,6 +9,7 @@
 #ifndef _WIN32
 #include <pwd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -81,6 +82,18 @@ TEST(CaseBlindPaths, FilesAndFoldersAreFoundWhateverTheirCase) {
   EXPECT_EQ(platform::ResolvePathNoCase(dir.File("tdacli.exe")), dir.File("tdacli.exe"));
   EXPECT_EQ(platform::ResolvePathNoCase(dir.File("MISSING.EXE")), dir.File("MISSING.EXE"));
   EXPECT_EQ(platform::ResolvePathNoCase(dir.File("RC/../TDACLI.EXE")), dir.File("Rc/../tdacli.exe"));
+}
+
+// A pipe or a device in place of a component is not read (opening a pipe for reading would wait for a
+// writer forever).
+TEST(VersionResourceFiles, OnlyRegularFilesAreRead) {
+  testing::TempDir dir;
+  const std::string fifo = dir.File("TDACLI.EXE");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  platform::VersionStrings v;
+  EXPECT_FALSE(platform::ReadFileVersionStrings(fifo, v));
+  EXPECT_FALSE(platform::ReadFileVersionStrings("/dev/zero", v));
+  EXPECT_FALSE(platform::ReadFileVersionStrings(dir.path(), v));
 }
 
 #else

@@ -25,7 +25,9 @@ namespace {
 
 class FileSource : public ByteSource {
  public:
-  explicit FileSource(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+  // Not blocking: a FIFO or device put in place of a component must not stall the agent; only a
+  // regular file is read.
+  explicit FileSource(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
     struct stat st {};
     if (fd_ >= 0 && fstat(fd_, &st) == 0 && S_ISREG(st.st_mode)) size_ = static_cast<uint64_t>(st.st_size);
   }
