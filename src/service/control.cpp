@@ -41,8 +41,8 @@ void Service_Control(Agent& agent, int code) {
       case 133: DoUserLogOff(agent); break;
       case 131: agent.MediaTransferReply = 1; break;
       case 132: agent.MediaTransferReply = 2; break;
-      case 141: agent.TraceFileReply = "1"; break;
-      case 142: agent.TraceFileReply = "2"; break;
+      case 141: agent.TraceFileReply.assign(1, '1'); break;  // (not `= "1"`: GCC 12 warns falsely)
+      case 142: agent.TraceFileReply.assign(1, '2'); break;
       default:
         LogMessage(agent,
                    "The message (" + std::to_string(code) +
