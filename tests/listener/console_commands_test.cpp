@@ -304,7 +304,7 @@ TEST_F(ConsoleCommands, GetTraceFileInUserSessionModeWritesARequestFile) {
   EXPECT_EQ(testing::ReadFile(t->AppPath(stamp + ".TDACMT")), "Code=140\r\n");
 }
 
-// A second console is served while GETTRACEFILE waits (its session runs from a timer, inside the wait);
+// A second console is served while GETTRACEFILE waits (its exchange runs from a timer, inside the wait);
 // the late reply goes to the newest connection, as every reply of the listener does.
 TEST_F(ConsoleCommands, AnotherConsoleIsServedDuringTheTraceFileWait) {
   Console first(*t), second(*t);

@@ -93,7 +93,7 @@ TEST_F(LoginCommand, AFailedLoginStillRepliesWipesAndNotifies) {
 }
 
 // The login waits for the server and for TDACMT with events flowing: a second console is served
-// meanwhile (its session runs from a timer inside the login's wait), and the login's reply then goes
+// meanwhile (its exchange runs from a timer inside the login's wait), and the login's reply then goes
 // to the newest connection.
 TEST_F(LoginCommand, AnotherConsoleIsServedDuringTheLogin) {
   Start("jsmith");
