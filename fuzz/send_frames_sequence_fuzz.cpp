@@ -94,8 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       else
         piece += in.ConsumeRandomLengthString(64);
     }
-    // A longer piece now and then: many of them reach the bound.
-    if (in.ConsumeIntegralInRange(0, 63) == 0) piece.append(in.ConsumeIntegralInRange<size_t>(0, 20000), 'x');
+    // A longer piece now and then: a few hundred of them reach the bound.
+    if (in.ConsumeIntegralInRange(0, 63) == 0) piece.append(in.ConsumeIntegralInRange<size_t>(0, 4000), 'x');
     replies.up = in.ConsumeIntegralInRange(0, 7) != 0;
     if (piece.empty()) continue;  // the dispatcher ends an empty read before any command
     listener::HandleSendFramesData(agent, piece, replies);
