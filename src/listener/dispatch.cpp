@@ -5,6 +5,9 @@
 namespace tdacli::listener {
 
 void DispatchCommand(Agent& agent, const std::string& data, CommandReplies& replies) {
+  // A read that brought nothing (the newest connection is already closed) ends the handling: it is
+  // never a continuation piece of a pending send-frames job.
+  if (data.empty()) return;
   // The first keyword found in this order decides, wherever it stands in the text.
   if (Contains(data, "|GETINFO|")) {
     HandleGetInfo(agent, data, replies);
@@ -32,18 +35,5 @@ void DispatchCommand(Agent& agent, const std::string& data, CommandReplies& repl
     HandleSendFramesData(agent, data, replies);
   }
 }
-
-// Login on request needs the login drivers and the post-login work; not part of this build yet.
-void HandleLogin(Agent&, const std::string&, CommandReplies&) {}
-
-// The component report is built with the version report; not part of this build yet.
-void HandleGetVer(Agent&, const std::string&, CommandReplies&) {}
-
-// The trace-file request needs the sibling messaging to TDACMT; not part of this build yet.
-void HandleGetTraceFile(Agent&, const std::string&, CommandReplies&) {}
-
-// Send-frames jobs and their continuation pieces need the send-frames file writer; not part of this
-// build yet, so such data is dropped like any text without a keyword.
-void HandleSendFramesData(Agent&, const std::string&, CommandReplies&) {}
 
 }  // namespace tdacli::listener

@@ -57,8 +57,10 @@ class CommandListener : public CommandReplies {
   // CommandReplies: both address the element at `ListenConnectionIndex`.
   void SendCommandReply(const std::string& reply, std::string_view prefix) override;
   std::string RemoteHostIP() override;
+  bool ReplyConnectionUp() override;
 
   int16_t ListenConnectionIndex = 0;
+  // Shared by all connections; bounded by kMaxPendingProtocolData (see the send-frames handler).
   std::string PendingProtocolData;
   // The administrator's optional list of consoles that may connect.
   AllowedConsoles& allowed_consoles() { return allowed_consoles_; }

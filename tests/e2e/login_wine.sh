@@ -82,8 +82,8 @@ fail() {
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
 svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
-# Prints the Windows error number of ControlService (0: delivered).
-control() { "$WINE" "$EXPLORER" control "$1" "$2" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+# What became of the code ("code 128 sent to TDACLI", or why not).
+control() { "$WINE" "$EXPLORER" control "$1" "$2" 2>&1 | tr -d '\r'; return "${PIPESTATUS[0]}"; }
 winpath() { "$WINE" winepath -w "$1" 2>>"$LOG" | tr -d '\r'; }
 
 step "login server simulator on a loopback address of its own"
@@ -134,7 +134,7 @@ has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
 has_message "TD Server: $SERVER(Port: 5003)" || fail "the banner names another server"
 
 step "code 128 through the service manager: the user logs in"
-out=$(control TDACLI 128); [ "$out" = 0 ] || fail "code 128 not delivered: $out"
+out=$(control TDACLI 128); [ "$out" = "code 128 sent to TDACLI" ] || fail "code 128 not delivered: $out"
 # 131 is the last message of the chain.
 wait_for 90 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
@@ -166,7 +166,7 @@ mkdir -p "$FRAMES"
 printf 'x' >"$FRAMES/20261101-old.TVF"
 printf 'x' >"$FRAMES/today.TVF.ENC"
 touch -d "$(date -d '5 days ago' +%Y-%m-%d) 12:00:00" "$FRAMES/20261101-old.TVF"
-out=$(control TDACLI 133); [ "$out" = 0 ] || fail "code 133 not delivered: $out"
+out=$(control TDACLI 133); [ "$out" = "code 133 sent to TDACLI" ] || fail "code 133 not delivered: $out"
 wait_for 60 has_message "Trace in TDACLI: Sent Message [130] to TDACSC!" || fail "no message to TDACSC"
 in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
@@ -190,8 +190,10 @@ out=$(svctool stop TDACMT) || fail "stop TDACMT: $out"
 out=$(svctool wait TDACMT 1 60) || fail "TDACMT not stopped: $out"
 "$WINE" sc delete TDACMT >>"$LOG" 2>&1 || fail "sc delete TDACMT"
 out=$(svctool installed TDACMT) && fail "TDACMT still installed"
-out=$(control TDACMT 130); [ "$out" = 1060 ] || fail "code 130 to the removed TDACMT: $out, expected 1060"
-out=$(control TDACLI 128); [ "$out" = 0 ] || fail "code 128 not delivered: $out"
+out=$(control TDACMT 130)
+[ "$out" = "code 130 not sent: no service TDACMT is installed (error 1060)" ] ||
+  fail "code 130 to the removed TDACMT: $out, expected error 1060"
+out=$(control TDACLI 128); [ "$out" = "code 128 sent to TDACLI" ] || fail "code 128 not delivered: $out"
 wait_for 90 has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS2$' || fail "no status report of the failed check"
 in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." \

@@ -60,11 +60,12 @@ struct ProgramRun {
   std::string out;
 };
 
-// Runs agent-explorer with the arguments (each quoted for the shell) and collects its standard output.
-ProgramRun Explorer(const std::vector<std::string>& args) {
+// Runs agent-explorer with the arguments (each quoted for the shell) and collects its standard output
+// (and its standard error when asked).
+ProgramRun Explorer(const std::vector<std::string>& args, bool with_errors = false) {
   std::string cmd = "'" + kBin + "/agent-explorer'";
   for (const auto& a : args) cmd += " '" + a + "'";
-  cmd += " 2>/dev/null";
+  cmd += with_errors ? " 2>&1" : " 2>/dev/null";
   ProgramRun r;
   FILE* p = popen(cmd.c_str(), "r");
   if (!p) return r;
@@ -180,14 +181,18 @@ TEST_F(RunningAgent, TimeOutAgainstAPortWhereNothingAnswers) {
 TEST_F(RunningAgent, ControlCodesReachTheServiceThroughItsEndpoint) {
   ProgramRun r = Explorer({"control", "TDACLI", "200", "--app-dir", dir_.path()});
   EXPECT_EQ(r.exit_code, 0);
-  EXPECT_EQ(r.out, "0\n");
+  EXPECT_EQ(r.out, "code 200 sent to TDACLI\n");
   EXPECT_TRUE(WaitReal(10, [&] {
     return TraceText().find("The message (200) was recevied and discarded. The service does not recognize that "
                             "request") != std::string::npos;
   }));
-  ProgramRun missing = Explorer({"control", "TDACXX", "200", "--app-dir", dir_.path()});
+  ProgramRun missing = Explorer({"control", "TDACXX", "200", "--app-dir", dir_.path()}, true);
   EXPECT_EQ(missing.exit_code, 1);
-  EXPECT_EQ(missing.out, "1060\n");
+  EXPECT_EQ(missing.out, "code 200 not sent: no service TDACXX is installed (error 1060)\n");
+  // Codes outside the user-defined range are refused before anything is sent.
+  ProgramRun system_code = Explorer({"control", "TDACLI", "1", "--app-dir", dir_.path()}, true);
+  EXPECT_EQ(system_code.exit_code, 2);
+  EXPECT_NE(system_code.out.find("128-255"), std::string::npos);
 }
 
 TEST(AgentExplorerProgram, HelpAndUsageErrors) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "listener/console.h"
 
 namespace tdacli {
@@ -45,6 +47,10 @@ TEST(AgentExplorerCommandLine, CommandsBecomeTheirRequests) {
   EXPECT_EQ(Parsed({"pc7", "raw", "|getinfo|"}).command, "|getinfo|");
   auto sf = Parsed({"pc7", "sendframes", "job.txt"});
   EXPECT_EQ(sf.sendframes_file, "job.txt");
+  EXPECT_EQ(sf.pieces, 1);
+  auto chopped = Parsed({"pc7", "sendframes", "job.txt", "--pieces", "50", "--gap=10"});
+  EXPECT_EQ(chopped.pieces, 50);
+  EXPECT_EQ(chopped.gap_ms, 10);
 }
 
 TEST(AgentExplorerCommandLine, HostPortAndOptions) {
@@ -59,6 +65,9 @@ TEST(AgentExplorerCommandLine, HostPortAndOptions) {
   EXPECT_FALSE(d.raw);
   EXPECT_DOUBLE_EQ(d.timeout_seconds, 15);
   EXPECT_DOUBLE_EQ(Parsed({"--timeout=7", "pc7", "getver"}).timeout_seconds, 7);
+  // A login runs the whole login on the agent before it replies.
+  EXPECT_DOUBLE_EQ(Parsed({"pc7", "login"}).timeout_seconds, 180);
+  EXPECT_DOUBLE_EQ(Parsed({"pc7", "login", "--timeout", "20"}).timeout_seconds, 20);
   EXPECT_EQ(Parsed({"pc7", "raw", "--", "--raw"}).command, "--raw");
 }
 
@@ -69,6 +78,9 @@ TEST(AgentExplorerCommandLine, ControlAndHelp) {
   EXPECT_EQ(c.code, 128);
   EXPECT_EQ(c.app_dir, "/opt/td");
   EXPECT_EQ(Parsed({"control", "TDACMT", "141"}).app_dir, ".");
+  EXPECT_EQ(Parsed({"control", "TDACLI", "255"}).code, 255);
+  const std::string help = explorer::UsageText();
+  EXPECT_NE(help.find("CODE must lie in 128-255"), std::string::npos);
   EXPECT_EQ(Parsed({"--help"}).action, Action::kHelp);
   EXPECT_EQ(Parsed({"pc7", "getinfo", "-h"}).action, Action::kHelp);
 }
@@ -92,6 +104,14 @@ TEST(AgentExplorerCommandLine, RefusesWhatItCannotSend) {
   EXPECT_NE(Refused({"pc7", "shutdown"}), "");
   EXPECT_NE(Refused({"control", "TDACLI"}), "");
   EXPECT_NE(Refused({"control", "TDACLI", "x"}), "");
+  // Only user-defined codes: the help names the range the parser takes.
+  EXPECT_EQ(Refused({"control", "TDACLI", "127"}), "control: CODE must be a user-defined service control code, 128-255 (not 127)");
+  EXPECT_NE(Refused({"control", "TDACLI", "0"}), "");
+  EXPECT_NE(Refused({"control", "TDACLI", "256"}), "");
+  EXPECT_NE(Refused({"pc7", "sendframes", "job.txt", "--pieces", "0"}), "");
+  EXPECT_NE(Refused({"pc7", "sendframes", "job.txt", "--pieces", "x"}), "");
+  EXPECT_NE(Refused({"pc7", "sendframes", "job.txt", "--gap", "-1"}), "");
+  EXPECT_NE(Refused({"pc7", "getinfo", "--pieces", "3"}), "");
   EXPECT_NE(Refused({"pc7", "sendframes"}), "");
   EXPECT_NE(Refused({"pc7", "raw", ""}), "");
 }
@@ -109,6 +129,41 @@ TEST(AgentExplorerRequests, SendFramesFromAJobFile) {
   EXPECT_EQ(explorer::BuildSendFrames("|SENDFRAMES|a@b@job1"), "[BEGIN_PROTOCOL]|SENDFRAMES|a@b@job1[END_PROTOCOL]");
   EXPECT_EQ(explorer::BuildSendFrames("[BEGIN_PROTOCOL]|SENDFRAMES|x[END_PROTOCOL]\n"),
             "[BEGIN_PROTOCOL]|SENDFRAMES|x[END_PROTOCOL]");
+}
+
+TEST(AgentExplorerRequests, ChoppedSendFramesKeepTheKeywordInTheFirstPiece) {
+  const std::string framed = "[BEGIN_PROTOCOL]|SENDFRAMES|a@b@job1[END_PROTOCOL]";
+  EXPECT_EQ(explorer::ChopSendFrames(framed, 1), std::vector<std::string>{framed});
+  EXPECT_EQ(explorer::ChopSendFrames(framed, 2),
+            (std::vector<std::string>{"[BEGIN_PROTOCOL]|SENDFRAMES|", "a@b@job1[END_PROTOCOL]"}));
+  EXPECT_EQ(explorer::ChopSendFrames(framed, 3),
+            (std::vector<std::string>{"[BEGIN_PROTOCOL]|SENDFRAMES|", "a@b@job1[EN", "D_PROTOCOL]"}));
+  for (int n : {1, 2, 3, 7, 22, 23}) {
+    const auto pieces = explorer::ChopSendFrames(framed, n);
+    ASSERT_EQ(pieces.size(), static_cast<size_t>(n));
+    std::string joined;
+    for (const auto& p : pieces) {
+      EXPECT_FALSE(p.empty());
+      joined += p;
+    }
+    EXPECT_EQ(joined, framed);
+  }
+  EXPECT_TRUE(explorer::ChopSendFrames(framed, 24).empty());  // 22 characters behind the keyword
+  EXPECT_TRUE(explorer::ChopSendFrames("no keyword", 2).empty());
+}
+
+TEST(AgentExplorerFormat, ControlSaysWhatHappened) {
+  EXPECT_EQ(explorer::DescribeControlResult("TDACLI", 128, 0), "code 128 sent to TDACLI");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACMT", 130, 1060),
+            "code 130 not sent: no service TDACMT is installed (error 1060)");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACMT", 130, 1062), "code 130 not sent: TDACMT is not running (error 1062)");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACMT", 130, 1061),
+            "code 130 not sent: TDACMT cannot accept control messages now (error 1061)");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACLI", 200, 5),
+            "code 200 not sent: access to the service TDACLI denied (error 5)");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACLI", 200, 1052),
+            "code 200 not sent: TDACLI does not accept this code (error 1052)");
+  EXPECT_EQ(explorer::DescribeControlResult("TDACLI", 200, 87), "code 200 not sent to TDACLI (error 87)");
 }
 
 const std::string kInfo = std::string("|GETINFO|<PCName>WKS-0042") + '\0' + ";<NETUsername>jsmith" + '\0' +
@@ -170,6 +225,40 @@ TEST_F(AgentExplorerExchange, NoReplyWithinTheTimeOut) {
   Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), "|nothing|", 15);
   EXPECT_EQ(x.status, Exchange::kNoReply);
   EXPECT_GE(t.clock.NowMs() - start, 15000);
+}
+
+// Every sub-command answers now: none of them waits for the time-out.
+TEST_F(AgentExplorerExchange, EverySubCommandIsAnswered) {
+  testing::WriteFile(t.dir.File("job.txt"), "a@b@JOB5\r\n");
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"getinfo"}, {"set", "ext", "1234"}, {"setall", "1234"}, {"getver"},
+                                             {"gettracefile"}, {"login"}, {"sendframes", "job.txt"}}) {
+    std::vector<std::string> full = {"127.0.0.1:" + std::to_string(Port())};
+    full.insert(full.end(), args.begin(), args.end());
+    explorer::Options o = Parsed(full);
+    if (!o.sendframes_file.empty()) o.command = explorer::BuildSendFrames(testing::ReadFile(t.dir.File("job.txt")));
+    Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), o.command, o.timeout_seconds);
+    EXPECT_EQ(x.status, Exchange::kReplied) << args[0];
+    EXPECT_FALSE(x.reply.empty()) << args[0];
+    t->loop().RunFor(100);
+  }
+}
+
+TEST_F(AgentExplorerExchange, SendFramesChoppedIntoPieces) {
+  const std::string framed = explorer::BuildSendFrames("a@b@JOB6");
+  for (int n : {1, 2, 3, 22}) {
+    const size_t before = t.Messages().size();
+    Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), explorer::ChopSendFrames(framed, n), 15, 200);
+    EXPECT_EQ(x.status, Exchange::kReplied);
+    EXPECT_EQ(x.reply, "|OKAY|");
+    const auto all = t.Messages();
+    EXPECT_EQ(std::count(all.begin() + static_cast<long>(before), all.end(),
+                         "Trace in TDACLI: Chopped protocol saving data until all is received!"),
+              n - 1)
+        << n;
+    EXPECT_EQ(testing::ReadFile(t->AppPath("SendFrames-JOB6.TSF")), "|SENDFRAMES|a@b@JOB6\r\n");
+    t->loop().RunFor(100);
+  }
 }
 
 TEST(AgentExplorerTimeOut, NoGreetingFromAPortWhereNothingAnswers) {

@@ -24,8 +24,10 @@ struct Options {
   std::string name;            // sub-command as typed: "getinfo", "set ext", "raw" ...
   std::string command;         // the text sent to the listener (empty for sendframes until read)
   std::string sendframes_file; // sendframes: the file whose content is sent
+  int pieces = 1;              // sendframes: receptions the job is chopped into
+  int gap_ms = 200;            // sendframes: pause between two pieces
   bool raw = false;
-  double timeout_seconds = 15;
+  double timeout_seconds = 15;  // login waits longer unless --timeout is given (kLoginTimeoutSeconds)
   std::string app_dir = ".";
   std::string service;         // control
   int code = 0;                // control
@@ -53,6 +55,19 @@ std::string BuildSetAll(const SetAllValues& v);
 // keyword or the protocol tags, otherwise behind the keyword; framed by the protocol tags.
 std::string BuildSendFrames(std::string_view file_content);
 
+// The framed request cut into `pieces` receptions as a server sends a chopped job: the first piece
+// holds everything up to the end of the "|SENDFRAMES|" keyword (the agent needs it to start a
+// transmission), the rest is shared out evenly. Nothing when there are not enough characters behind
+// the keyword for that many pieces.
+std::vector<std::string> ChopSendFrames(std::string_view framed, int pieces);
+
+// What `control` prints: "code 128 sent to TDACLI", or the reason the code was not delivered.
+std::string DescribeControlResult(const std::string& service, int code, unsigned long error);
+
+// A login runs the whole login conversation and the post-login work on the agent (up to three
+// 30-second stages and the 31-second temp-folder check): its reply takes longer than any other.
+inline constexpr double kLoginTimeoutSeconds = 180;
+
 // The reply for people: "{CRLF}" expanded, GETINFO as a table with NUL characters made visible,
 // SET replies one segment a line with "Failed;" segments marked.
 std::string FormatReply(std::string_view reply);
@@ -77,6 +92,9 @@ struct Exchange {
 // `timeout_seconds` on the loop's clock.
 Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port, const std::string& command,
                      double timeout_seconds, int settle_ms = 250);
+// The same with the command sent in pieces, `gap_ms` apart, so that each one arrives on its own.
+Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port,
+                     const std::vector<std::string>& pieces, double timeout_seconds, int gap_ms, int settle_ms = 250);
 
 // Exit codes of the program.
 inline constexpr int kExitOk = 0;

@@ -63,32 +63,42 @@ Commands:
                           One SETALL request (|SETALL||EXT|EXT;|SERVER|V;...). The agent
                           stores the extension and the server only; the other values are
                           answered with what the agent keeps.
-  login                   Ask the agent to log its user in (|LOGIN|); may take long,
-                          raise --timeout.
-  getver                  Component and version report (|GETVER|).
-  gettracefile            Have the media-transfer service send the trace file
-                          (|GETTRACEFILE|); the agent waits up to 11 seconds for it.
-  sendframes FILE         Hand over a send-frames job: the file's text is sent behind
+  login                   Ask the agent to log its user in (|LOGIN|) and print the login
+                          result. The agent runs the whole login first: the reply is
+                          awaited up to 180 seconds unless --timeout says otherwise.
+  getver                  Component and version report (|GETVER|): every component's
+                          version, date, time and size, service state and account, then
+                          the main and the FTP settings.
+  gettracefile            Have the media-transfer service TDACMT send the trace file
+                          (|GETTRACEFILE|); the agent waits up to 11 seconds for its
+                          answer and replies 1 or 2 (TDACMT's answer) or 0 (none).
+  sendframes FILE [--pieces N] [--gap MS]
+                          Hand over a send-frames job: the file's text is sent behind
                           |SENDFRAMES| (unless it already starts with it) between
                           [BEGIN_PROTOCOL] and [END_PROTOCOL]; the agent answers |OKAY|.
+                          --pieces N sends it chopped into N receptions, MS
+                          milliseconds apart (default 200), as a server's job may
+                          arrive; the first piece holds the whole |SENDFRAMES| keyword.
   raw TEXT                Send TEXT exactly as given.
-  control SERVICE CODE    Send the service control code CODE (128-255) to the service
-                          SERVICE (for example TDACLI) and print the resulting Windows
-                          error number (0: delivered, 1060: no such service, 1062: not
-                          running). Windows: through the service manager; elsewhere
-                          through the service's endpoint SERVICE.svc in --app-dir.
+  control SERVICE CODE    Send the user-defined service control code CODE to the service
+                          SERVICE (for example TDACLI) and say what happened ("code 128
+                          sent to TDACLI", or why not). CODE must lie in 128-255, the
+                          range of user-defined codes; others are refused here.
+                          Windows: through the service manager; elsewhere through the
+                          service's endpoint SERVICE.svc in --app-dir.
 
 Options:
   --raw                   Print the reply exactly as received, nothing added.
   --timeout SEC           Seconds to wait for the greeting and for the reply
-                          (default 15).
+                          (default 15; login: 180).
   --app-dir DIR           control: the agent's application folder (default: the current
                           folder).
   -h, --help              This text.
 
-Exit codes: 0 reply received (or control code delivered), 1 no greeting or no reply
-within the time-out (or control code not delivered), 2 command line not understood,
-3 no connection.
+Every command is built into the agent and answers; a silent agent is reported after
+the time-out. Exit codes: 0 reply received (or control code delivered), 1 no greeting
+or no reply within the time-out (or control code not delivered), 2 command line not
+understood, 3 no connection.
 )";
 }
 
@@ -102,6 +112,25 @@ std::string BuildSetAll(const SetAllValues& v) {
   return s;
 }
 
+std::vector<std::string> ChopSendFrames(std::string_view framed, int pieces) {
+  constexpr std::string_view kKeyword = "|SENDFRAMES|";
+  const size_t k = framed.find(kKeyword);
+  if (pieces < 1 || k == std::string_view::npos) return {};
+  if (pieces == 1) return {std::string(framed)};
+  const size_t first = k + kKeyword.size();
+  const size_t rest = framed.size() - first;
+  const size_t later = static_cast<size_t>(pieces - 1);
+  if (rest < later) return {};
+  std::vector<std::string> out{std::string(framed.substr(0, first))};
+  size_t at = first;
+  for (size_t i = 1; i <= later; ++i) {
+    const size_t end = first + rest * i / later;
+    out.emplace_back(framed.substr(at, end - at));
+    at = end;
+  }
+  return out;
+}
+
 std::string BuildSendFrames(std::string_view content) {
   std::string body(content);
   while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
@@ -113,7 +142,7 @@ std::string BuildSendFrames(std::string_view content) {
 ParseResult ParseArguments(const std::vector<std::string>& args) {
   Options o;
   std::vector<std::string> pos;
-  bool help = false;
+  bool help = false, timeout_given = false, pieces_given = false, gap_given = false;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     auto value_of = [&](const std::string& name, std::string& out) -> bool {
@@ -139,6 +168,22 @@ ParseResult ParseArguments(const std::vector<std::string>& args) {
       if (!value_of("--timeout", v)) return Fail("--timeout needs a number of seconds");
       if (!ParseNumber(v, secs) || !(secs > 0) || secs > 86400) return Fail("--timeout: not a number of seconds: " + v);
       o.timeout_seconds = secs;
+      timeout_given = true;
+    } else if (a == "--pieces" || a.rfind("--pieces=", 0) == 0 || a == "--gap" || a.rfind("--gap=", 0) == 0) {
+      const bool is_pieces = a.rfind("--pieces", 0) == 0;
+      const std::string name = is_pieces ? "--pieces" : "--gap";
+      std::string v;
+      long n = 0;
+      if (!value_of(name, v)) return Fail(name + " needs a number");
+      if (is_pieces) {
+        if (!ParseInt(v, n) || n < 1 || n > 10000) return Fail("--pieces: a number of pieces 1-10000, not " + v);
+        o.pieces = static_cast<int>(n);
+        pieces_given = true;
+      } else {
+        if (!ParseInt(v, n) || n < 0 || n > 60000) return Fail("--gap: milliseconds 0-60000, not " + v);
+        o.gap_ms = static_cast<int>(n);
+        gap_given = true;
+      }
     } else if (a == "--app-dir" || a.rfind("--app-dir=", 0) == 0) {
       if (!value_of("--app-dir", o.app_dir)) return Fail("--app-dir needs a folder");
       if (o.app_dir.empty()) return Fail("--app-dir needs a folder");
@@ -154,11 +199,14 @@ ParseResult ParseArguments(const std::vector<std::string>& args) {
   }
   if (pos.empty()) return Fail("no host and command given");
 
+  if ((pieces_given || gap_given) && !(pos.size() >= 2 && pos[1] == "sendframes"))
+    return Fail("--pieces and --gap go with sendframes only");
   if (pos[0] == "control") {
     if (pos.size() != 3) return Fail("control needs SERVICE and CODE");
     long code = 0;
     if (pos[1].empty()) return Fail("control: empty service name");
-    if (!ParseInt(pos[2], code) || code < 0 || code > 255) return Fail("control: CODE must be a number 0-255");
+    if (!ParseInt(pos[2], code) || code < 128 || code > 255)
+      return Fail("control: CODE must be a user-defined service control code, 128-255 (not " + pos[2] + ")");
     o.action = Action::kControl;
     o.service = pos[1];
     o.code = static_cast<int>(code);
@@ -189,7 +237,10 @@ ParseResult ParseArguments(const std::vector<std::string>& args) {
     return {true, o, ""};
   };
   if (cmd == "getinfo") return no_args("|GETINFO|");
-  if (cmd == "login") return no_args("|LOGIN|");
+  if (cmd == "login") {
+    if (!timeout_given) o.timeout_seconds = kLoginTimeoutSeconds;
+    return no_args("|LOGIN|");
+  }
   if (cmd == "getver") return no_args("|GETVER|");
   if (cmd == "gettracefile") return no_args("|GETTRACEFILE|");
   if (cmd == "raw") {

@@ -8,6 +8,11 @@ namespace tdacli::explorer {
 
 Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port, const std::string& command,
                      double timeout_seconds, int settle_ms) {
+  return RunExchange(loop, host, port, std::vector<std::string>{command}, timeout_seconds, 0, settle_ms);
+}
+
+Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port,
+                     const std::vector<std::string>& pieces, double timeout_seconds, int gap_ms, int settle_ms) {
   Exchange result;
   platform::Clock& clock = loop.clock();
   const int64_t timeout_ms = static_cast<int64_t>(std::llround(timeout_seconds * 1000));
@@ -55,10 +60,16 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
   }
   received.erase(0, ready_at + kReady.size());
 
-  if (socket.SendData(command)) {
-    result.status = Exchange::kNoReply;
-    socket.Close();
-    return result;
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    if (i != 0 && gap_ms > 0) {
+      // The agent reads each piece before the next one comes, as pieces of a job chopped by the network.
+      loop.RunUntil(clock.NowMs() + gap_ms, [&] { return closed || failed; });
+    }
+    if (closed || failed || socket.SendData(pieces[i])) {
+      result.status = Exchange::kNoReply;
+      socket.Close();
+      return result;
+    }
   }
 
   // The reply has no terminator: it is complete when no more data comes for a moment.

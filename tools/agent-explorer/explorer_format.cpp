@@ -78,6 +78,19 @@ std::optional<std::vector<Segment>> Segments(std::string_view reply) {
 
 }  // namespace
 
+std::string DescribeControlResult(const std::string& service, int code, unsigned long error) {
+  const std::string c = std::to_string(code), e = " (error " + std::to_string(error) + ")";
+  switch (error) {
+    case 0: return "code " + c + " sent to " + service;
+    case 5: return "code " + c + " not sent: access to the service " + service + " denied" + e;
+    case 1052: return "code " + c + " not sent: " + service + " does not accept this code" + e;
+    case 1060: return "code " + c + " not sent: no service " + service + " is installed" + e;
+    case 1061: return "code " + c + " not sent: " + service + " cannot accept control messages now" + e;
+    case 1062: return "code " + c + " not sent: " + service + " is not running" + e;
+    default: return "code " + c + " not sent to " + service + e;
+  }
+}
+
 std::string VisibleNul(std::string_view text) {
   std::string out;
   for (char c : text) {

@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
   if (o.action == Action::kControl) {
     auto client = platform::MakeServiceControlClient(o.app_dir);
     const unsigned long error = client->SendControl(o.service, o.code);
-    std::cout << error << "\n";
+    (error == 0 ? std::cout : std::cerr) << DescribeControlResult(o.service, o.code, error) << "\n";
     return error == 0 ? kExitOk : kExitNoReply;
   }
   if (!o.sendframes_file.empty()) {
@@ -39,10 +39,18 @@ int main(int argc, char** argv) {
     }
     o.command = BuildSendFrames(std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()));
   }
+  std::vector<std::string> pieces{o.command};
+  if (o.pieces > 1) {
+    pieces = ChopSendFrames(o.command, o.pieces);
+    if (pieces.empty()) {
+      std::cerr << "agent-explorer: the job is too short for " << o.pieces << " pieces\n";
+      return kExitUsage;
+    }
+  }
 
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
-  Exchange x = RunExchange(loop, o.host, o.port, o.command, o.timeout_seconds);
+  Exchange x = RunExchange(loop, o.host, o.port, pieces, o.timeout_seconds, o.gap_ms);
   switch (x.status) {
     case Exchange::kConnectFailed:
       std::cerr << "agent-explorer: no connection to " << o.host << ":" << o.port

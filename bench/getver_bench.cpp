@@ -1,0 +1,201 @@
+// "|GETVER|" round trips per second against a running tdacli whose folder holds 15 of the suite's
+// component files (real PE images with version resources): every report reads each file's version
+// resource, dates and sizes, asks for the services' state and re-reads the settings. Measured twice:
+// with the names as the report spells them, and with lower-case names, which a POSIX host must find by
+// scanning the folder.
+//   getver_bench [SECONDS] [IMAGE]   (IMAGE: a PE file to use for every component instead of the
+//                                     images of tests/data/pe)
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/host_identity.h"
+#include "platform/tcp_socket.h"
+
+#ifndef _WIN32
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
+namespace fs = std::filesystem;
+using namespace tdacli;
+using platform::TcpSocket;
+
+#ifndef _WIN32
+namespace {
+
+// The components as the report names them (15 of its rows).
+const char* const kComponents[] = {"TDACLI.EXE",  "TDACSC.EXE",  "TDACMT.EXE", "TDACLM.EXE",    "TDACSE.EXE",
+                                   "TDACWC.EXE",  "UPDMGR.EXE",  "TDACLD.EXE", "TDACCF.EXE",    "TDACAD.EXE",
+                                   "SVCCTL.OCX",  "SCRREC3.OCX", "FTPLIB2.DLL", "RC/TDACVC.EXE", "RC/RCHOOKS.DLL"};
+
+struct Client {
+  explicit Client(platform::EventLoop& loop) : loop(loop), socket(loop) {
+    socket.on_data_arrival = [this](size_t) { received += socket.GetData(); };
+    socket.on_close = [this] { closed = true; };
+    socket.on_error = [this](int, const std::string&) { failed = true; };
+  }
+  bool Connect(uint16_t port) {
+    socket.SetRemoteHost("127.0.0.1");
+    socket.SetRemotePort(port);
+    if (socket.Connect()) return false;
+    loop.RunUntil(loop.clock().NowMs() + 5000, [&] { return failed || closed || received.find("|READY|") != std::string::npos; });
+    const bool ok = received.find("|READY|") != std::string::npos;
+    received.clear();
+    return ok;
+  }
+  platform::EventLoop& loop;
+  TcpSocket socket;
+  std::string received;
+  bool closed = false, failed = false;
+};
+
+uint16_t FreePort(platform::EventLoop& loop) {
+  const uint16_t first = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
+  for (uint16_t p = first; p < 32700; ++p) {
+    TcpSocket probe(loop);
+    probe.SetLocalPort(p);
+    if (!probe.Listen()) return p;
+  }
+  return 0;
+}
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
+  const std::string bin = platform::CurrentProcess().exe_folder;
+  if (!fs::exists(bin + "/tdacli")) {
+    std::fprintf(stderr, "tdacli not found beside the benchmark in %s\n", bin.c_str());
+    return 1;
+  }
+  std::vector<std::string> images;
+  if (argc > 2) {
+    images.push_back(argv[2]);
+  } else {
+    const std::string pe = std::string(TDACLI_SOURCE_DIR) + "/tests/data/pe/";
+    images = {pe + "prog64.exe", pe + "full64.dll", pe + "full32.dll", pe + "german64.dll"};
+  }
+  auto clock = platform::MakeSystemClock();
+  platform::EventLoop loop(*clock);
+
+  const fs::path dir = fs::temp_directory_path() / ("tdacli-getver-bench-" + std::to_string(getpid()));
+  fs::create_directories(dir / "RC");
+  fs::copy_file(bin + "/tdacli", dir / "tdacli", fs::copy_options::overwrite_existing);
+  unsigned long long bytes = 0;
+  for (size_t i = 0; i < std::size(kComponents); ++i) {
+    const std::string& from = images[i % images.size()];
+    fs::copy_file(from, dir / kComponents[i], fs::copy_options::overwrite_existing);
+    bytes += fs::file_size(from);
+  }
+  std::ofstream(dir / "RC" / "TDACLM.INI", std::ios::binary) << "[Config]\r\nServerPort=5020\r\n";
+  const uint16_t port = FreePort(loop);
+  std::ofstream(dir / "TDRegInfo.TXT", std::ios::binary)
+      << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nServer=127.0.0.1\r\n"
+         "ListeningPorts=1,"
+      << port << ",2,3\r\n";
+  const std::string exe = (dir / "tdacli").string();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0);
+    dup2(null, 1);
+    dup2(null, 2);
+    if (chdir(dir.c_str()) != 0) _exit(127);
+    execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  auto finish = [&](int rc) {
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+    return rc;
+  };
+
+  bool up = false;
+  for (int i = 0; i < 100 && !up; ++i) {
+    Client probe(loop);
+    up = probe.Connect(port);
+    probe.socket.Close();
+    if (!up) loop.RunFor(100);
+  }
+  if (!up) {
+    std::fprintf(stderr, "tdacli did not open port %u\n", port);
+    return finish(1);
+  }
+  loop.RunFor(200);
+
+  Client c(loop);
+  if (!c.Connect(port)) return finish(1);
+  constexpr std::string_view kLast = "FTP PassiveUseHostAddr: N/A{CRLF}";
+  auto one = [&] {
+    c.socket.SendData("|GETVER|");
+    return loop.RunUntil(clock->NowMs() + 5000, [&] {
+      return c.received.size() >= kLast.size() &&
+             c.received.compare(c.received.size() - kLast.size(), kLast.size(), kLast) == 0;
+    });
+  };
+  std::printf("GETVER round trips against tdacli, %zu component files (%llu bytes in all)\n", std::size(kComponents),
+              bytes);
+  for (int phase = 0; phase < 2; ++phase) {
+    if (phase == 1) {
+      for (const char* name : kComponents) {
+        const fs::path p = dir / name;
+        fs::rename(p, p.parent_path() / Lower(p.filename().string()));
+      }
+    }
+    for (int i = 0; i < 50; ++i) {
+      if (!one()) {
+        std::fprintf(stderr, "GETVER round trip timed out during warm-up\n");
+        return finish(1);
+      }
+      if (i == 0 && c.received.find("Unavailable!") != std::string::npos &&
+          c.received.find("Agent Login Service:              ") == std::string::npos) {
+        std::fprintf(stderr, "the report does not see the components:\n%s\n", c.received.c_str());
+        return finish(1);
+      }
+      c.received.clear();
+    }
+    long trips = 0;
+    const auto t0 = std::chrono::steady_clock::now();
+    double elapsed = 0;
+    size_t reply_size = 0;
+    while (elapsed < seconds) {
+      if (!one()) {
+        std::fprintf(stderr, "GETVER round trip timed out after %ld\n", trips);
+        return finish(1);
+      }
+      reply_size = c.received.size();
+      c.received.clear();
+      ++trips;
+      elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    }
+    std::printf("  %-34s %8.0f round trips/s  (%ld in %.2f s, reply %zu bytes, goal >= 200/s)\n",
+                phase == 0 ? "names as the report spells them:" : "lower-case names (folder scans):",
+                trips / elapsed, trips, elapsed, reply_size);
+  }
+  c.socket.Close();
+  return finish(0);
+}
+#else
+int main() {
+  std::fprintf(stderr, "getver_bench runs on POSIX hosts\n");
+  return 1;
+}
+#endif
