@@ -44,12 +44,8 @@ std::vector<std::string_view> Pieces(std::string_view s) {
 }
 
 // Control characters, and the quote that would let a value carry another piece of the command line.
-bool HasControlCharacter(std::string_view v) {
-  for (char c : v) {
-    const auto u = static_cast<unsigned char>(c);
-    if (u < 0x20 || u == 0x7F || c == '"') return true;
-  }
-  return false;
+bool HasControlOrQuote(std::string_view v) {
+  return HasControlCharacter(v) || v.find('"') != std::string_view::npos;
 }
 
 std::string_view TrimBlanks(std::string_view s) {
@@ -98,7 +94,7 @@ std::optional<PresetValues> ParsePresetCommandLine(std::string_view command_line
     const std::string_view key = piece.substr(0, eq), value = piece.substr(eq + 1);
     // Values end up as lines of files the agent and its siblings read: no line breaks or other
     // control characters, and a sane length.
-    if (HasControlCharacter(value) || value.size() > kPresetMaxValue) {
+    if (HasControlOrQuote(value) || value.size() > kPresetMaxValue) {
       error = "unacceptable value for " + std::string(key.substr(0, 64));
       return std::nullopt;
     }
