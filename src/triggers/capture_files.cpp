@@ -21,8 +21,12 @@ bool IsPlainFileName(const std::string& name) {
   return true;
 }
 
-void WriteSendFramesFile(Agent& agent, const std::string& request, const std::string& job) {
+void WriteSendFramesFile(Agent& agent, const std::string& received, const std::string& job) {
   const std::string path = agent.AppPath("SendFrames-" + job + ".TSF");
+  // The job file is one line that the sending sibling reads: a line break inside the request (it comes
+  // from the network) would plant lines of its own, so the request is cut at it.
+  std::string request = received;
+  CutAtLineBreak(agent, request, "SendFrames");
   if (!IsPlainFileName(job)) {
     LogMessage(agent, "Error saving 'Send Frames' info to file (" + path + ") - 52, Bad file name or number",
                "Error");

@@ -134,6 +134,17 @@ TEST_F(CaptureFiles, SendFramesWritesTheRequestAsReceived) {
   EXPECT_EQ(t.Messages().back(), "Trace in TDACLI: Made 'Send Frames' File (" + path + ") with values (" + req + ")");
 }
 
+TEST_F(CaptureFiles, SendFramesRequestWithALineBreakIsCutAtIt) {
+  SendFrames(*t, "|SENDFRAMES|10.1.1.1@20261114@Job43@frames\r\nPlanted=1");
+  const std::string path = t.dir.File("SendFrames-Job43.TSF");
+  EXPECT_EQ(ReadFile(path), "|SENDFRAMES|10.1.1.1@20261114@Job43@frames\r\n");
+  const auto lines = t.Messages();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[lines.size() - 2], "Warning in TDACLI: The value of (SendFrames) held a line break and was cut at it.");
+  EXPECT_EQ(lines.back(), "Trace in TDACLI: Made 'Send Frames' File (" + path +
+                              ") with values (|SENDFRAMES|10.1.1.1@20261114@Job43@frames)");
+}
+
 TEST_F(CaptureFiles, SendFramesWithoutJobNameUsesTheTimeAndSameSecondReplaces) {
   SendFrames(*t, "|SENDFRAMES|a@b");
   SendFrames(*t, "|SENDFRAMES|c@d");
