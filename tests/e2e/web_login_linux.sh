@@ -198,7 +198,7 @@ step "code 133: the user logs off over $SCHEME"
 # The frame folder the capture service keeps (the logoff cleans it up).
 mkdir -p "$APP/capture/100Screens"
 out=$(control TDACLI 133) || fail "code 133 not delivered: $out"
-[ "$out" = 0 ] || fail "code 133: $out"
+[ "$out" = "code 133 sent to TDACLI" ] || fail "code 133: $out"
 wait_for 60 has_line "$WORK/TDACSC.log" '^130$' || fail "TDACSC never heard 130"
 in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
@@ -209,7 +209,7 @@ server_heard "/TDLoginWebService/TDLoginWebService.asmx/LogOffMethod\?WinName=$U
 
 step "code 128 through the control endpoint: the user logs in again"
 out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
-[ "$out" = 0 ] || fail "code 128: $out"
+[ "$out" = "code 128 sent to TDACLI" ] || fail "code 128: $out"
 wait_for 60 has_message "Trace in TDACLI: Received notification user ($USER_NAME) just logged in, updating TD Server via SERVICE MESSAGE login." ||
   fail "code 128 did not start a login"
 wait_for 60 bash -c "[ \$(tr -d '\r' <'$WORK/transcript.txt' | grep -cE 'C> GET /TDLoginWebService/TDLoginWebService.asmx/LoginMethod') -ge 2 ]" ||

@@ -146,7 +146,7 @@ wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
 has_message "TD Server: $SERVER" || fail "the banner names another server"
 
 step "code 128 through the service manager: the user logs in over $SCHEME (WinHTTP)"
-out=$(control TDACLI 128); [ "$out" = 0 ] || fail "code 128 not delivered: $out"
+out=$(control TDACLI 128); [ "$out" = "code 128 sent to TDACLI" ] || fail "code 128 not delivered: $out"
 wait_for 90 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
 LOGIN_URL_RE="/TDLoginWebService/TDLoginWebService.asmx/LoginMethod\?WinName=$USER_NAME&LocalIP=[0-9.]+&Extension=4711"
 in_order \
@@ -170,7 +170,7 @@ server_heard "/TDLoginWebService/TDLoginWebService.asmx/StatusMethod\?WinName=$U
 
 step "code 133: the user logs off over $SCHEME"
 mkdir -p "$APP/capture/100Screens"
-out=$(control TDACLI 133); [ "$out" = 0 ] || fail "code 133 not delivered: $out"
+out=$(control TDACLI 133); [ "$out" = "code 133 sent to TDACLI" ] || fail "code 133 not delivered: $out"
 wait_for 60 has_message "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)" ||
   fail "no logoff"
 server_heard "/TDLoginWebService/TDLoginWebService.asmx/LogOffMethod\?WinName=$USER_NAME&LocalIP=[0-9.]+" ||
