@@ -44,7 +44,7 @@ struct World {
     clock.idle_grace_ms = 0;
     AgentOptions o;
     o.exe_folder = dir.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host}, o);
+    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host, http, internet}, o);
     agent->local_ip = "10.0.0.1";
     // Folders in place of the logs: every line is still built, but its write fails at once (the log
     // writers swallow that), which keeps a million inputs from spending their time in the file system.
@@ -70,6 +70,8 @@ struct World {
   platform::QuietServiceControl control;
   platform::QuietDialogs dialogs;
   platform::QuietServiceHost service_host;
+  platform::QuietHttpClient http;
+  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 
