@@ -90,9 +90,10 @@ const std::string& Filler() {
   return filler;
 }
 
-// A console must not move the listener to a port of this machine that others use.
+// A console must not move the listener to a port of this machine that others use, nor send the
+// agent's logins to a host named by random bytes (they stay on loopback, where nothing answers).
 std::string Tame(std::string text) {
-  for (const char* word : {"SETLISTEN", "LISTENINGPORTS"})
+  for (const char* word : {"SETLISTEN", "LISTENINGPORTS", "SETSERVER", "SETALL"})
     for (size_t p = text.find(word); p != std::string::npos; p = text.find(word, p + 1)) text[p] = 'x';
   return text;
 }
@@ -160,11 +161,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   consoles.clear();
-  // Every accepted socket goes once its peer has gone.
-  agent.WaitUntil(10, [&] { return TcpSocket::OpenSocketCount() == baseline; });
-  if (TcpSocket::OpenSocketCount() != baseline) {
+  // Every accepted socket goes once its peer has gone. A console's LOGIN leaves the agent's own
+  // login socket as the failed connect left it, until the next exchange closes it: one at most.
+  auto expected = [&] { return baseline + (agent.Broadcast.State() != TcpSocket::kClosed ? 1 : 0); };
+  agent.WaitUntil(10, [&] { return TcpSocket::OpenSocketCount() == expected(); });
+  if (TcpSocket::OpenSocketCount() != expected()) {
     std::fprintf(stderr, "%lld sockets still open, %lld expected (connection index %d)\n",
-                 static_cast<long long>(TcpSocket::OpenSocketCount()), static_cast<long long>(baseline),
+                 static_cast<long long>(TcpSocket::OpenSocketCount()), static_cast<long long>(expected()),
                  listener.ListenConnectionIndex);
     std::abort();
   }
