@@ -1,5 +1,44 @@
-# Checks shared by the end-to-end runs. The sourcing script defines messages() (the trace messages
-# without their stamps) and fail().
+# What the end-to-end runs share. The sourcing script defines fail(), usually as fail_showing with the
+# files worth seeing when a check fails.
+
+step() { echo "== $*"; }
+program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
+# The trace's messages, one per line, without the time stamps.
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+# Ends the run: "FAIL: $1", then the last lines of each of the other arguments that is a file.
+fail_showing() {
+  local f
+  echo "FAIL: $1"
+  shift
+  for f in "$@"; do
+    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r' | cut -c1-1000; }
+  done
+  exit 1
+}
+
+# A run of programs on Linux: a scratch folder $WORK named after $1 with the application folder $APP
+# in it, and PIDS, the programs to stop; at exit they are stopped and the folder removed.
+begin_run() {
+  STARTED=$(date +%s%N)
+  WORK=$(mktemp -d "${TMPDIR:-/tmp}/$1.XXXXXX") || exit 1
+  APP=$WORK/app
+  PIDS=()
+  trap end_run EXIT
+}
+stop_all() {
+  local p
+  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
+  for p in "${PIDS[@]}"; do
+    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
+    kill -KILL "$p" 2>/dev/null
+    wait "$p" 2>/dev/null
+  done
+  PIDS=()
+}
+end_run() {
+  stop_all
+  rm -rf "$WORK"
+}
 
 # Polls (10 times a second, at most $1 seconds) until the command succeeds.
 wait_for() {

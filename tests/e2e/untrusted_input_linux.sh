@@ -20,42 +20,12 @@ while [ $# -gt 0 ]; do
 done
 [ -n "$TDACLI" ] && [ -n "$ABUSE" ] || { echo "missing arguments" >&2; exit 2; }
 
-STARTED=$(date +%s%N)
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-abuse.XXXXXX") || exit 1
-APP=$WORK/app
-# Freed memory of the sanitizer build is reused soon, so that its RSS shows what the agent holds.
-export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4:detect_leaks=0"
-
-PIDS=()
-stop_all() {
-  local p
-  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
-  for p in "${PIDS[@]}"; do
-    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
-    kill -KILL "$p" 2>/dev/null
-    wait "$p" 2>/dev/null
-  done
-  PIDS=()
-}
-cleanup() {
-  stop_all
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-step() { echo "== $*"; }
-program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
-fail() {
-  echo "FAIL: $*"
-  local f
-  for f in "$(program_trace)" "$WORK"/*.log; do
-    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 40 "$f" | tr -d '\r' | cut -c1-300; }
-  done
-  exit 1
-}
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+begin_run tdacli-abuse
+# Freed memory of the sanitizer build is reused soon, so that its RSS shows what the agent holds.
+export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4:detect_leaks=0"
+fail() { fail_showing "$*" "$(program_trace)" "$WORK"/*.log; }
 
 fds() { ls "/proc/$1/fd" 2>/dev/null | wc -l; }
 status_kb() { awk -v k="$2:" '$1 == k { print $2 }' "/proc/$1/status"; }

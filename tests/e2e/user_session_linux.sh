@@ -24,41 +24,11 @@ while [ $# -gt 0 ]; do
 done
 [ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] || { echo "missing arguments" >&2; exit 2; }
 
-STARTED=$(date +%s%N)
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tdacli-e2e-session.XXXXXX") || exit 1
-APP=$WORK/app
-USER_NAME=jsmith
-
-PIDS=()
-stop_all() {
-  local p
-  for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
-  for p in "${PIDS[@]}"; do
-    for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
-    kill -KILL "$p" 2>/dev/null
-    wait "$p" 2>/dev/null
-  done
-  PIDS=()
-}
-cleanup() {
-  stop_all
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-step() { echo "== $*"; }
-program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
-fail() {
-  echo "FAIL: $*"
-  local f
-  for f in "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; do
-    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r'; }
-  done
-  exit 1
-}
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+begin_run tdacli-e2e-session
+USER_NAME=jsmith
+fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
 port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 # Drops a request file for the agent, named as the siblings name theirs.
 request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }

@@ -50,17 +50,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
-step() { echo "== $*"; }
-program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
 fail() {
-  echo "FAIL: $*"
-  local f
-  for f in "$(program_trace)" "$WORK"/transcript.txt "$WORK"/TDACMT.log "$WORK"/TDACMT.err "$APP"/TSCCLog.txt "$LOG" \
-    "$WORK"/login-server.err; do
-    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 60 "$f" | tr -d '\r'; }
-  done
-  exit 1
+  fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/TDACMT.log "$WORK"/TDACMT.err \
+    "$APP"/TSCCLog.txt "$LOG" "$WORK"/login-server.err
 }
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/../e2e/lib.sh"
