@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/win32/sc_handle.h"
 
 namespace tdacli::platform {
 
@@ -18,20 +19,7 @@ constexpr const char* kEventLogKeyRoot = "SYSTEM\\CurrentControlSet\\Services\\E
 constexpr DWORD kStartWaitHintMs = 30000;
 constexpr DWORD kStopWaitHintMs = 10000;
 
-class ScHandle {
- public:
-  explicit ScHandle(SC_HANDLE h = nullptr) : h_(h) {}
-  ~ScHandle() {
-    if (h_) CloseServiceHandle(h_);
-  }
-  ScHandle(const ScHandle&) = delete;
-  ScHandle& operator=(const ScHandle&) = delete;
-  SC_HANDLE get() const { return h_; }
-  explicit operator bool() const { return h_ != nullptr; }
-
- private:
-  SC_HANDLE h_;
-};
+using win32::ScHandle;
 
 std::string ExePath() { return CurrentProcess().exe_path; }
 

@@ -7,25 +7,13 @@
 #include <vector>
 
 #include "platform/version_info.h"
+#include "platform/win32/sc_handle.h"
 
 namespace tdacli::platform {
 
 namespace {
 
-class ScHandle {
- public:
-  explicit ScHandle(SC_HANDLE h = nullptr) : h_(h) {}
-  ~ScHandle() {
-    if (h_) CloseServiceHandle(h_);
-  }
-  ScHandle(const ScHandle&) = delete;
-  ScHandle& operator=(const ScHandle&) = delete;
-  SC_HANDLE get() const { return h_; }
-  explicit operator bool() const { return h_ != nullptr; }
-
- private:
-  SC_HANDLE h_;
-};
+using win32::ScHandle;
 
 std::string Failed(const char* call, DWORD error) { return std::string(call) + " failed (" + std::to_string(error) + ")"; }
 
