@@ -26,6 +26,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "agent_process.h"
 #endif
 
 namespace fs = std::filesystem;
@@ -35,23 +37,6 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 double Since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-long StatusKb(pid_t pid, const char* key) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(f, line))
-    if (line.rfind(key, 0) == 0) return std::strtol(line.c_str() + std::string(key).size(), nullptr, 10);
-  return -1;
-}
-
-long CountFds(pid_t pid) {
-  long n = 0;
-  std::error_code ec;
-  for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec); !ec && it != fs::directory_iterator();
-       it.increment(ec))
-    ++n;
-  return n;
-}
 
 int Connect(uint16_t port, bool blocking) {
   int fd = socket(AF_INET, SOCK_STREAM | (blocking ? 0 : SOCK_NONBLOCK), 0);
@@ -96,42 +81,17 @@ bool ReadUntil(int fd, std::string& got, const std::string& marker, double secon
 int main(int argc, char** argv) {
   const int connections = argc > 1 ? std::atoi(argv[1]) : 5000;
   const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
-  const std::string bin = tdacli::platform::CurrentProcess().exe_folder;
-  if (!fs::exists(bin + "/tdacli")) {
-    std::fprintf(stderr, "tdacli not found beside the benchmark in %s\n", bin.c_str());
-    return 1;
-  }
   rlimit r{};
   getrlimit(RLIMIT_NOFILE, &r);
   r.rlim_cur = r.rlim_max;
   setrlimit(RLIMIT_NOFILE, &r);
 
-  const fs::path dir = fs::temp_directory_path() / ("tdacli-burst-bench-" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  fs::copy_file(bin + "/tdacli", dir / "tdacli", fs::copy_options::overwrite_existing);
   uint16_t port = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
   while (!PortFree(port)) ++port;
-  std::ofstream(dir / "TDRegInfo.TXT", std::ios::binary)
-      << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nServer=127.0.0.1\r\nListeningPorts=1,"
-      << port << ",2,3\r\n";
-  const std::string exe = (dir / "tdacli").string();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    dup2(null, 2);
-    execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  auto finish = [&](int rc) {
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-    return rc;
-  };
+  tdacli::bench::AgentProcess agent("tdacli-burst-bench", port);
+  if (!agent.ready()) return 1;
+  agent.Start();
+  const pid_t pid = agent.pid();
   // Wait until the agent listens.
   {
     const auto start = Clock::now();
@@ -145,12 +105,12 @@ int main(int argc, char** argv) {
     }
     if (!up) {
       std::fprintf(stderr, "the agent does not listen on %u\n", port);
-      return finish(1);
+      return 1;
     }
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  const long rss0 = StatusKb(pid, "VmRSS:");
-  const long fds0 = CountFds(pid);
+  const long rss0 = tdacli::bench::StatusKb(pid, "VmRSS:");
+  const long fds0 = tdacli::bench::CountFds(pid);
 
   // The burst.
   const auto start = Clock::now();
@@ -180,35 +140,35 @@ int main(int argc, char** argv) {
     }
   }
   const double burst_s = Since(start);
-  const long hwm = StatusKb(pid, "VmHWM:");
-  const long fds_open = CountFds(pid);
+  const long hwm = tdacli::bench::StatusKb(pid, "VmHWM:");
+  const long fds_open = tdacli::bench::CountFds(pid);
   for (int fd : fds) close(fd);
   const auto settle = Clock::now();
-  while (CountFds(pid) != fds0 && Since(settle) < 30) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  while (tdacli::bench::CountFds(pid) != fds0 && Since(settle) < 30) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   std::printf("burst: %d of %d connections greeted in %.2f s: %.0f connections/s\n", greeted, connections, burst_s,
               greeted / burst_s);
   std::printf("burst: agent VmRSS %ld kB before, VmHWM %ld kB peak; descriptors %ld before, %ld with all open, "
               "%ld after all closed\n",
-              rss0, hwm, fds0, fds_open, CountFds(pid));
+              rss0, hwm, fds0, fds_open, tdacli::bench::CountFds(pid));
 
   // GETINFO round trips on one connection.
   int fd = Connect(port, true);
   std::string reply;
-  if (!ReadUntil(fd, reply, "|READY|", 5)) return finish(1);
+  if (!ReadUntil(fd, reply, "|READY|", 5)) return 1;
   const std::string request = "|GETINFO|";
   long trips = 0;
   const auto t0 = Clock::now();
   while (Since(t0) < seconds) {
     send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     reply.clear();
-    if (!ReadUntil(fd, reply, "<Pop4Win>false;", 5)) return finish(1);
+    if (!ReadUntil(fd, reply, "<Pop4Win>false;", 5)) return 1;
     ++trips;
   }
   const double rate = trips / Since(t0);
   close(fd);
   std::printf("getinfo: %ld round trips in %.1f s on one connection: %.0f/s (floor 5000/s: %s)\n", trips, seconds,
               rate, rate >= 5000 ? "met" : "MISSED");
-  return finish(greeted == connections && rate >= 5000 ? 0 : 1);
+  return greeted == connections && rate >= 5000 ? 0 : 1;
 }
 #else
 int main() {

@@ -20,10 +20,7 @@
 #include "platform/tcp_socket.h"
 
 #ifndef _WIN32
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "agent_process.h"
 #endif
 
 namespace fs = std::filesystem;
@@ -78,11 +75,6 @@ std::string Lower(std::string s) {
 
 int main(int argc, char** argv) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
-  const std::string bin = platform::CurrentProcess().exe_folder;
-  if (!fs::exists(bin + "/tdacli")) {
-    std::fprintf(stderr, "tdacli not found beside the benchmark in %s\n", bin.c_str());
-    return 1;
-  }
   std::vector<std::string> images;
   if (argc > 2) {
     images.push_back(argv[2]);
@@ -93,9 +85,11 @@ int main(int argc, char** argv) {
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
 
-  const fs::path dir = fs::temp_directory_path() / ("tdacli-getver-bench-" + std::to_string(getpid()));
+  const uint16_t port = FreePort(loop);
+  bench::AgentProcess agent("tdacli-getver-bench", port);
+  if (!agent.ready()) return 1;
+  const fs::path& dir = agent.dir();
   fs::create_directories(dir / "RC");
-  fs::copy_file(bin + "/tdacli", dir / "tdacli", fs::copy_options::overwrite_existing);
   unsigned long long bytes = 0;
   for (size_t i = 0; i < std::size(kComponents); ++i) {
     const std::string& from = images[i % images.size()];
@@ -103,30 +97,7 @@ int main(int argc, char** argv) {
     bytes += fs::file_size(from);
   }
   std::ofstream(dir / "RC" / "TDACLM.INI", std::ios::binary) << "[Config]\r\nServerPort=5020\r\n";
-  const uint16_t port = FreePort(loop);
-  std::ofstream(dir / "TDRegInfo.TXT", std::ios::binary)
-      << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nServer=127.0.0.1\r\n"
-         "ListeningPorts=1,"
-      << port << ",2,3\r\n";
-  const std::string exe = (dir / "tdacli").string();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    dup2(null, 2);
-    if (chdir(dir.c_str()) != 0) _exit(127);
-    execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  auto finish = [&](int rc) {
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-    return rc;
-  };
+  agent.Start();
 
   bool up = false;
   for (int i = 0; i < 100 && !up; ++i) {
@@ -137,12 +108,12 @@ int main(int argc, char** argv) {
   }
   if (!up) {
     std::fprintf(stderr, "tdacli did not open port %u\n", port);
-    return finish(1);
+    return 1;
   }
   loop.RunFor(200);
 
   Client c(loop);
-  if (!c.Connect(port)) return finish(1);
+  if (!c.Connect(port)) return 1;
   constexpr std::string_view kLast = "FTP PassiveUseHostAddr: N/A{CRLF}";
   auto one = [&] {
     c.socket.SendData("|GETVER|");
@@ -163,12 +134,12 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 50; ++i) {
       if (!one()) {
         std::fprintf(stderr, "GETVER round trip timed out during warm-up\n");
-        return finish(1);
+        return 1;
       }
       if (i == 0 && c.received.find("Unavailable!") != std::string::npos &&
           c.received.find("Agent Login Service:              ") == std::string::npos) {
         std::fprintf(stderr, "the report does not see the components:\n%s\n", c.received.c_str());
-        return finish(1);
+        return 1;
       }
       c.received.clear();
     }
@@ -179,7 +150,7 @@ int main(int argc, char** argv) {
     while (elapsed < seconds) {
       if (!one()) {
         std::fprintf(stderr, "GETVER round trip timed out after %ld\n", trips);
-        return finish(1);
+        return 1;
       }
       reply_size = c.received.size();
       c.received.clear();
@@ -191,7 +162,7 @@ int main(int argc, char** argv) {
                 trips / elapsed, trips, elapsed, reply_size);
   }
   c.socket.Close();
-  return finish(0);
+  return 0;
 }
 #else
 int main() {

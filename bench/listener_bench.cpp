@@ -16,10 +16,7 @@
 #include "platform/tcp_socket.h"
 
 #ifndef _WIN32
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "agent_process.h"
 #endif
 
 namespace fs = std::filesystem;
@@ -50,23 +47,6 @@ struct Client {
   bool closed = false, failed = false;
 };
 
-long ReadRssKb(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(f, line))
-    if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-  return -1;
-}
-
-long CountFds(pid_t pid) {
-  long n = 0;
-  std::error_code ec;
-  for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec); !ec && it != fs::directory_iterator();
-       it.increment(ec))
-    ++n;
-  return ec ? -1 : n;
-}
-
 // A free port the agent's 16-bit port setting can hold.
 uint16_t FreePort(platform::EventLoop& loop) {
   const uint16_t first = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
@@ -83,41 +63,14 @@ uint16_t FreePort(platform::EventLoop& loop) {
 int main(int argc, char** argv) {
   const int cycles = argc > 1 ? std::atoi(argv[1]) : 30000;
   const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
-  const std::string bin = platform::CurrentProcess().exe_folder;
-  if (!fs::exists(bin + "/tdacli")) {
-    std::fprintf(stderr, "tdacli not found beside the benchmark in %s\n", bin.c_str());
-    return 1;
-  }
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
 
-  const fs::path dir = fs::temp_directory_path() / ("tdacli-listener-bench-" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  fs::copy_file(bin + "/tdacli", dir / "tdacli", fs::copy_options::overwrite_existing);
   const uint16_t port = FreePort(loop);
-  {
-    std::ofstream f(dir / "TDRegInfo.TXT", std::ios::binary);
-    f << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nServer=127.0.0.1\r\n"
-         "ListeningPorts=1," << port << ",2,3\r\n";
-  }
-  const std::string exe = (dir / "tdacli").string();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    dup2(null, 2);
-    execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  auto finish = [&](int rc) {
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-    return rc;
-  };
+  bench::AgentProcess agent("tdacli-listener-bench", port);
+  if (!agent.ready()) return 1;
+  agent.Start();
+  const pid_t pid = agent.pid();
 
   // The listener opens with the start-up work, about a second after the start.
   bool up = false;
@@ -129,13 +82,13 @@ int main(int argc, char** argv) {
   }
   if (!up) {
     std::fprintf(stderr, "tdacli did not open port %u\n", port);
-    return finish(1);
+    return 1;
   }
   loop.RunFor(200);
 
   // Round trips on one connection.
   Client c(loop);
-  if (!c.Connect(port)) return finish(1);
+  if (!c.Connect(port)) return 1;
   auto one = [&] {
     c.socket.SendData("|GETINFO|");
     return loop.RunUntil(clock->NowMs() + 5000, [&] {
@@ -150,7 +103,7 @@ int main(int argc, char** argv) {
   while (elapsed < seconds) {
     if (!one()) {
       std::fprintf(stderr, "GETINFO round trip timed out after %ld\n", trips);
-      return finish(1);
+      return 1;
     }
     c.received.clear();
     ++trips;
@@ -162,7 +115,7 @@ int main(int argc, char** argv) {
   loop.RunFor(300);
 
   // Connect-and-close cycles.
-  const long rss_before = ReadRssKb(pid), fds_before = CountFds(pid);
+  const long rss_before = bench::StatusKb(pid, "VmRSS:"), fds_before = bench::CountFds(pid);
   const auto t1 = std::chrono::steady_clock::now();
   int done = 0, failed = 0;
   for (int i = 0; i < cycles; ++i) {
@@ -175,7 +128,7 @@ int main(int argc, char** argv) {
   }
   const double cycle_secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t1).count();
   loop.RunFor(1500);  // the agent handles the last closes
-  const long rss_after = ReadRssKb(pid), fds_after = CountFds(pid);
+  const long rss_after = bench::StatusKb(pid, "VmRSS:"), fds_after = bench::CountFds(pid);
 
   // The agent still answers afterwards.
   Client last(loop);
@@ -193,7 +146,7 @@ int main(int argc, char** argv) {
   std::printf("tdacli open descriptors: %ld before, %ld after (goal: back to the start value)\n", fds_before,
               fds_after);
   std::printf("tdacli answers GETINFO after the cycles: %s\n", answers ? "yes" : "no");
-  return finish(failed == 0 && answers ? 0 : 1);
+  return failed == 0 && answers ? 0 : 1;
 }
 
 #else
