@@ -21,11 +21,11 @@
 
 #ifndef _WIN32
 #include "agent_process.h"
+#include "console_client.h"
 #endif
 
 namespace fs = std::filesystem;
 using namespace tdacli;
-using platform::TcpSocket;
 
 #ifndef _WIN32
 namespace {
@@ -35,36 +35,8 @@ const char* const kComponents[] = {"TDACLI.EXE",  "TDACSC.EXE",  "TDACMT.EXE", "
                                    "TDACWC.EXE",  "UPDMGR.EXE",  "TDACLD.EXE", "TDACCF.EXE",    "TDACAD.EXE",
                                    "SVCCTL.OCX",  "SCRREC3.OCX", "FTPLIB2.DLL", "RC/TDACVC.EXE", "RC/RCHOOKS.DLL"};
 
-struct Client {
-  explicit Client(platform::EventLoop& loop) : loop(loop), socket(loop) {
-    socket.on_data_arrival = [this](size_t) { received += socket.GetData(); };
-    socket.on_close = [this] { closed = true; };
-    socket.on_error = [this](int, const std::string&) { failed = true; };
-  }
-  bool Connect(uint16_t port) {
-    socket.SetRemoteHost("127.0.0.1");
-    socket.SetRemotePort(port);
-    if (socket.Connect()) return false;
-    loop.RunUntil(loop.clock().NowMs() + 5000, [&] { return failed || closed || received.find("|READY|") != std::string::npos; });
-    const bool ok = received.find("|READY|") != std::string::npos;
-    received.clear();
-    return ok;
-  }
-  platform::EventLoop& loop;
-  TcpSocket socket;
-  std::string received;
-  bool closed = false, failed = false;
-};
-
-uint16_t FreePort(platform::EventLoop& loop) {
-  const uint16_t first = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
-  for (uint16_t p = first; p < 32700; ++p) {
-    TcpSocket probe(loop);
-    probe.SetLocalPort(p);
-    if (!probe.Listen()) return p;
-  }
-  return 0;
-}
+using bench::Client;
+using bench::FreePort;
 
 std::string Lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -99,18 +71,7 @@ int main(int argc, char** argv) {
   std::ofstream(dir / "RC" / "TDACLM.INI", std::ios::binary) << "[Config]\r\nServerPort=5020\r\n";
   agent.Start();
 
-  bool up = false;
-  for (int i = 0; i < 100 && !up; ++i) {
-    Client probe(loop);
-    up = probe.Connect(port);
-    probe.socket.Close();
-    if (!up) loop.RunFor(100);
-  }
-  if (!up) {
-    std::fprintf(stderr, "tdacli did not open port %u\n", port);
-    return 1;
-  }
-  loop.RunFor(200);
+  if (!bench::WaitForListener(loop, port)) return 1;
 
   Client c(loop);
   if (!c.Connect(port)) return 1;

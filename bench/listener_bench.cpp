@@ -17,48 +17,15 @@
 
 #ifndef _WIN32
 #include "agent_process.h"
+#include "console_client.h"
 #endif
 
 namespace fs = std::filesystem;
 using namespace tdacli;
-using platform::TcpSocket;
 
 #ifndef _WIN32
-namespace {
-
-struct Client {
-  explicit Client(platform::EventLoop& loop) : loop(loop), socket(loop) {
-    socket.on_data_arrival = [this](size_t) { received += socket.GetData(); };
-    socket.on_close = [this] { closed = true; };
-    socket.on_error = [this](int, const std::string&) { failed = true; };
-  }
-  bool Connect(uint16_t port) {
-    socket.SetRemoteHost("127.0.0.1");
-    socket.SetRemotePort(port);
-    if (socket.Connect()) return false;
-    loop.RunUntil(loop.clock().NowMs() + 5000, [&] { return failed || closed || received.find("|READY|") != std::string::npos; });
-    const bool ok = received.find("|READY|") != std::string::npos;
-    received.clear();
-    return ok;
-  }
-  platform::EventLoop& loop;
-  TcpSocket socket;
-  std::string received;
-  bool closed = false, failed = false;
-};
-
-// A free port the agent's 16-bit port setting can hold.
-uint16_t FreePort(platform::EventLoop& loop) {
-  const uint16_t first = static_cast<uint16_t>(20000 + std::random_device{}() % 12000);
-  for (uint16_t p = first; p < 32700; ++p) {
-    TcpSocket probe(loop);
-    probe.SetLocalPort(p);
-    if (!probe.Listen()) return p;
-  }
-  return 0;
-}
-
-}  // namespace
+using bench::Client;
+using bench::FreePort;
 
 int main(int argc, char** argv) {
   const int cycles = argc > 1 ? std::atoi(argv[1]) : 30000;
@@ -72,19 +39,7 @@ int main(int argc, char** argv) {
   agent.Start();
   const pid_t pid = agent.pid();
 
-  // The listener opens with the start-up work, about a second after the start.
-  bool up = false;
-  for (int i = 0; i < 100 && !up; ++i) {
-    Client probe(loop);
-    up = probe.Connect(port);
-    probe.socket.Close();
-    if (!up) loop.RunFor(100);
-  }
-  if (!up) {
-    std::fprintf(stderr, "tdacli did not open port %u\n", port);
-    return 1;
-  }
-  loop.RunFor(200);
+  if (!bench::WaitForListener(loop, port)) return 1;
 
   // Round trips on one connection.
   Client c(loop);
