@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/files.h"
+#include "fuzz_folder.h"
 #include "listener/listener.h"
 #include "login/conversation.h"
 #include "platform/clock.h"
@@ -60,15 +61,10 @@ struct Harness {
     agent->os_code = (flags & 32) ? 10 : 99;
   }
 
-  // Leaves the folder with the logs only, and the listener closed, for the next input.
+  // Leaves the folder empty, and the listener closed, for the next input.
   void Clean() {
     agent->listener().CloseListener();
-    std::error_code ec;
-    for (const auto& e : fs::directory_iterator(folder, ec)) {
-      const std::string name = e.path().filename().string();
-      if (name.find("TraceFile.TXT") == std::string::npos && name.find("Error.LOG") == std::string::npos)
-        fs::remove_all(e.path(), ec);
-    }
+    fuzzing::EmptyFolder(folder);
   }
 
   fs::path folder;

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_folder.h"
 #include "listener/listener.h"
 #include "platform/clock.h"
 #include "platform/host_identity.h"
@@ -173,6 +174,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (listener.Listener().State() != TcpSocket::kListening) std::abort();
   if (agent.loop().max_run_depth() > 8) std::abort();
+  fuzzing::EmptyFolder(world.dir);
   world.WriteSettings();
   return 0;
 }

@@ -11,6 +11,7 @@
 
 #include "common/files.h"
 #include "common/text.h"
+#include "fuzz_folder.h"
 #include "login/web_service.h"
 #include "platform/clock.h"
 #include "platform/quiet_facilities.h"
@@ -79,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (e.path().filename() != "app") std::abort();
   for (const auto& e : fs::directory_iterator(h.folder / "app", ec)) {
     const std::string name = e.path().filename().string();
-    if (name.find("TraceFile.TXT") != std::string::npos || name.find("Error.LOG") != std::string::npos) continue;
+    if (name.rfind("SendFrames-", 0) != 0 && (name.ends_with("TraceFile.TXT") || name.ends_with("Error.LOG"))) continue;
     if (name.rfind("SendFrames-", 0) != 0 || name.size() < 15 || name.substr(name.size() - 4) != ".TSF") std::abort();
     std::string content;
     if (!ReadTextFile(e.path().string(), content)) std::abort();
@@ -87,8 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         content.find_first_of("\r\n") != content.size() - 2)
       std::abort();
     ++files;
-    fs::remove(e.path(), ec);
   }
   if (files > (task ? 1 : 0)) std::abort();
+  fuzzing::EmptyFolder(h.folder / "app");
   return 0;
 }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/files.h"
+#include "fuzz_folder.h"
 #include "common/text.h"
 #include "login/web_service.h"
 #include "platform/clock.h"
@@ -39,10 +40,7 @@ struct Harness {
     std::error_code ec;
     fs::remove_all(folder, ec);
   }
-  void Clean() {
-    std::error_code ec;
-    for (const auto& e : fs::directory_iterator(folder, ec)) fs::remove_all(e.path(), ec);
-  }
+  void Clean() { fuzzing::EmptyFolder(folder); }
   fs::path folder;
   platform::SimulatedClock clock;
   platform::FixedHostIdentity host;

@@ -151,9 +151,7 @@ RequestAction ParseRequestLine(std::string_view line) {
 bool IsRequestFileName(std::string_view name) {
   if (name.size() < kExtension.size()) return false;
   if (Upper(name.substr(name.size() - kExtension.size())) != kExtension) return false;
-  for (unsigned char c : name)
-    if (c < 0x20 || c == 0x7F || c == '/' || c == '\\' || c == ':') return false;
-  return true;
+  return IsSafeFileName(name);
 }
 
 void tmrMessage_Timer(Agent& agent) {

@@ -16,9 +16,7 @@ namespace {
 // one job file: the write fails instead. Dots are harmless inside "SendFrames-<job>.TSF" (no ".."
 // component can form behind the prefix), and an empty job gives "SendFrames-.TSF".
 bool IsPlainFileName(const std::string& name) {
-  for (unsigned char c : name)
-    if (c < 32 || std::string_view("<>:\"/\\|?*").find(static_cast<char>(c)) != std::string_view::npos) return false;
-  return true;
+  return !HasControlCharacter(name) && name.find_first_of("<>:\"/\\|?*") == std::string::npos;
 }
 
 void WriteSendFramesFile(Agent& agent, const std::string& received, const std::string& job) {

@@ -154,7 +154,7 @@ TEST_F(CaptureFiles, SendFramesWithoutJobNameUsesTheTimeAndSameSecondReplaces) {
 TEST_F(CaptureFiles, JobNameThatIsNotAFileNameFailsWithoutWritingElsewhere) {
   std::filesystem::create_directory(t.dir.File("sub"));
   for (const std::string& name : std::vector<std::string>{"sub/x", "sub\\x", "../escape", "..\\escape", "C:x",
-                                                          std::string("a\0b", 3), "a\x01" "b", "a\x1f" "b"}) {
+                                                          std::string("a\0b", 3), "a\x01" "b", "a\x1f" "b", "a\x7f" "b"}) {
     const std::string req = "|SENDFRAMES|a@b@" + name + "@c";
     SendFrames(*t, req);
     EXPECT_EQ(t.Messages().back(), "Error in TDACLI: Error saving 'Send Frames' info to file (" +
