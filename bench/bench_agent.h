@@ -9,10 +9,8 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "platform/host_identity.h"
-#include "platform/quiet_facilities.h"
-#include "platform/service_host.h"
 #include "service/agent.h"
+#include "service/quiet_agent.h"
 
 namespace tdacli::bench {
 
@@ -38,22 +36,13 @@ class BenchFolder {
   std::filesystem::path path_;
 };
 
-struct BenchAgent {
+struct BenchAgent : QuietFacilities {
   explicit BenchAgent(const std::string& folder) {
-    AgentOptions o;
-    o.exe_folder = folder;
-    agent = std::make_unique<Agent>(AgentFacilities{*clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
+    agent = MakeAgent(*clock, folder);
     agent->local_ip = "192.168.5.20";
     agent->settings.CurrentUser = "jsmith";
   }
   std::unique_ptr<platform::Clock> clock = platform::MakeSystemClock();
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog event_log;
-  platform::QuietServiceControl service_control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
   std::unique_ptr<Agent> agent;
 };
 

@@ -9,16 +9,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/files.h"
-#include "fuzz_folder.h"
+#include "fuzz_agent.h"
 #include "listener/listener.h"
 #include "login/conversation.h"
-#include "platform/clock.h"
 #include "platform/quiet_facilities.h"
 #include "service/agent.h"
 
@@ -27,22 +25,10 @@ namespace {
 using namespace tdacli;
 namespace fs = std::filesystem;
 
-struct Harness {
-  Harness() {
-    std::random_device seed;
-    folder = fs::temp_directory_path() / ("tdacli-conversation-fuzz-" + std::to_string(seed()));
-    fs::create_directories(folder);
-    AgentOptions o;
-    o.exe_folder = folder.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
+struct Harness : fuzzing::FuzzAgent {
+  Harness() : FuzzAgent("conversation", 0) {  // no peer to wait for: time jumps at once
     agent->listener().Listener().SetLocalHost("127.0.0.1");
     agent->startup_banner_written = true;
-    clock.idle_grace_ms = 0;  // no peer to wait for: time jumps at once
-  }
-  ~Harness() {
-    agent.reset();
-    std::error_code ec;
-    fs::remove_all(folder, ec);
   }
 
   void Prepare(uint8_t flags) {
@@ -64,19 +50,8 @@ struct Harness {
   // Leaves the folder empty, and the listener closed, for the next input.
   void Clean() {
     agent->listener().CloseListener();
-    fuzzing::EmptyFolder(folder);
+    ResetFolder();
   }
-
-  fs::path folder;
-  platform::SimulatedClock clock;
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog event_log;
-  platform::QuietServiceControl service_control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
-  std::unique_ptr<Agent> agent;
 };
 
 bool EndsTheExchange(std::string_view rule) {

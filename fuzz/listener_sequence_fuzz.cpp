@@ -16,18 +16,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "fuzz_folder.h"
+#include "fuzz_agent.h"
 #include "listener/listener.h"
-#include "platform/clock.h"
-#include "platform/host_identity.h"
-#include "platform/quiet_facilities.h"
-#include "platform/service_host.h"
 #include "platform/tcp_socket.h"
 #include "service/agent.h"
 
@@ -36,40 +30,10 @@ namespace {
 using namespace tdacli;
 using platform::TcpSocket;
 
-class Control : public platform::QuietServiceControl {
- public:
-  unsigned long SendControl(const std::string&, int) override { return 1060; }
-};
-
-struct World {
-  World() {
-    dir = std::filesystem::temp_directory_path() / ("tdacli-listener-fuzz-" + std::to_string(std::random_device{}()));
-    std::filesystem::create_directories(dir);
-    clock.idle_grace_ms = 1;
-    AgentOptions o;
-    o.exe_folder = dir.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host, http, internet}, o);
-    WriteSettings();
+struct World : fuzzing::FuzzAgent {
+  World() : FuzzAgent("listener", 1, fuzzing::kSettings) {
+    service_control.answer = 1060;  // every message to a sibling fails as for a service not installed
   }
-  ~World() {
-    agent.reset();
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-  }
-  void WriteSettings() {
-    std::ofstream(dir / "TDRegInfo.TXT", std::ios::binary)
-        << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=1234\r\nListeningPorts=1,0,2,3\r\n";
-  }
-  std::filesystem::path dir;
-  platform::SimulatedClock clock;
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog events;
-  Control control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
-  std::unique_ptr<Agent> agent;
 };
 
 struct Console {
@@ -174,7 +138,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (listener.Listener().State() != TcpSocket::kListening) std::abort();
   if (agent.loop().max_run_depth() > 8) std::abort();
-  fuzzing::EmptyFolder(world.dir);
-  world.WriteSettings();
+  world.ResetFolder();
   return 0;
 }

@@ -6,14 +6,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "common/files.h"
 #include "common/text.h"
-#include "fuzz_folder.h"
+#include "fuzz_agent.h"
 #include "login/web_service.h"
-#include "platform/clock.h"
 #include "platform/quiet_facilities.h"
 #include "service/agent.h"
 
@@ -22,35 +20,12 @@ namespace {
 using namespace tdacli;
 namespace fs = std::filesystem;
 
-struct Harness {
-  Harness() {
-    std::random_device seed;
-    folder = fs::temp_directory_path() / ("tdacli-phone-home-fuzz-" + std::to_string(seed()));
-    fs::create_directories(folder / "app");
-    AgentOptions o;
-    o.exe_folder = (folder / "app").string();
-    agent = std::make_unique<Agent>(
-        AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
+struct Harness : fuzzing::FuzzAgent {
+  Harness() : FuzzAgent("phone-home", 0) {
     agent->startup_banner_written = true;
     agent->settings.Server = "td.example.com:https";
     agent->computer_names[3] = "wks-0042.corp.example";
-    clock.idle_grace_ms = 0;
   }
-  ~Harness() {
-    agent.reset();
-    std::error_code ec;
-    fs::remove_all(folder, ec);
-  }
-  fs::path folder;
-  platform::SimulatedClock clock;
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog event_log;
-  platform::QuietServiceControl service_control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
-  std::unique_ptr<Agent> agent;
 };
 
 }  // namespace
@@ -76,9 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int files = 0;
   std::error_code ec;
   // Nothing lands beside the application folder.
-  for (const auto& e : fs::directory_iterator(h.folder, ec))
+  for (const auto& e : fs::directory_iterator(h.root, ec))
     if (e.path().filename() != "app") std::abort();
-  for (const auto& e : fs::directory_iterator(h.folder / "app", ec)) {
+  for (const auto& e : fs::directory_iterator(h.app, ec)) {
     const std::string name = e.path().filename().string();
     if (name.rfind("SendFrames-", 0) != 0 && (name.ends_with("TraceFile.TXT") || name.ends_with("Error.LOG"))) continue;
     if (name.rfind("SendFrames-", 0) != 0 || name.size() < 15 || name.substr(name.size() - 4) != ".TSF") std::abort();
@@ -90,6 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ++files;
   }
   if (files > (task ? 1 : 0)) std::abort();
-  fuzzing::EmptyFolder(h.folder / "app");
+  h.ResetFolder();
   return 0;
 }

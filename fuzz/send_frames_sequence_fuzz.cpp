@@ -9,17 +9,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 
+#include "fuzz_agent.h"
 #include "listener/commands.h"
 #include "listener/listener.h"
-#include "platform/clock.h"
-#include "platform/host_identity.h"
-#include "platform/quiet_facilities.h"
-#include "platform/service_host.h"
 #include "service/agent.h"
 
 namespace {
@@ -36,43 +31,17 @@ class Replies : public listener::CommandReplies {
   bool ReplyConnectionUp() override { return up; }
 };
 
-struct World {
-  World() {
-    dir = std::filesystem::temp_directory_path() /
-          ("tdacli-send-frames-fuzz-" + std::to_string(std::random_device{}()));
-    std::filesystem::create_directories(dir);
-    clock.idle_grace_ms = 0;
-    AgentOptions o;
-    o.exe_folder = dir.string();
-    agent = std::make_unique<Agent>(AgentFacilities{clock, host, events, control, dialogs, service_host, http, internet}, o);
+struct World : fuzzing::FuzzAgent {
+  World() : FuzzAgent("send-frames", 0) {
     agent->local_ip = "10.0.0.1";
-    // Folders in place of the logs: every line is still built, but its write fails at once (the log
-    // writers swallow that), which keeps a million inputs from spending their time in the file system.
+    BlockLogs();
+  }
+  // Folders in place of the logs: every line is still built, but its write fails at once (the log
+  // writers swallow that), which keeps a million inputs from spending their time in the file system.
+  void BlockLogs() {
     for (const char* log : {"10-0-0-1-TDACLI-TraceFile.TXT", "10-0-0-1-TraceFile.TXT", "10-0-0-1-Error.LOG"})
-      std::filesystem::create_directories(dir / log);
+      std::filesystem::create_directories(app / log);
   }
-  ~World() {
-    agent.reset();
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-  }
-  void RemoveJobFiles() {
-    std::error_code ec;
-    for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
-         it.increment(ec)) {
-      if (it->path().extension() == ".TSF") std::filesystem::remove(it->path(), ec);
-    }
-  }
-  std::filesystem::path dir;
-  platform::SimulatedClock clock;
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog events;
-  platform::QuietServiceControl control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
-  std::unique_ptr<Agent> agent;
 };
 
 // Pieces the fuzzer rarely guesses byte by byte.
@@ -105,6 +74,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     wrote = true;
   }
   pending.clear();  // each input starts with no transmission pending
-  if (wrote) world.RemoveJobFiles();
+  if (wrote) {
+    world.ResetFolder();
+    world.BlockLogs();
+  }
   return 0;
 }

@@ -6,15 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <stdexcept>
 #include <string>
 
 #include "common/files.h"
-#include "fuzz_folder.h"
+#include "fuzz_agent.h"
 #include "common/text.h"
 #include "login/web_service.h"
-#include "platform/clock.h"
 #include "platform/quiet_facilities.h"
 #include "service/agent.h"
 
@@ -23,34 +21,8 @@ namespace {
 using namespace tdacli;
 namespace fs = std::filesystem;
 
-struct Harness {
-  Harness() {
-    std::random_device seed;
-    folder = fs::temp_directory_path() / ("tdacli-web-login-fuzz-" + std::to_string(seed()));
-    fs::create_directories(folder);
-    AgentOptions o;
-    o.exe_folder = folder.string();
-    agent = std::make_unique<Agent>(
-        AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
-    agent->startup_banner_written = true;
-    clock.idle_grace_ms = 0;
-  }
-  ~Harness() {
-    agent.reset();
-    std::error_code ec;
-    fs::remove_all(folder, ec);
-  }
-  void Clean() { fuzzing::EmptyFolder(folder); }
-  fs::path folder;
-  platform::SimulatedClock clock;
-  platform::FixedHostIdentity host;
-  platform::QuietEventLog event_log;
-  platform::QuietServiceControl service_control;
-  platform::QuietDialogs dialogs;
-  platform::QuietServiceHost service_host;
-  platform::QuietHttpClient http;
-  platform::LanConnection internet;
-  std::unique_ptr<Agent> agent;
+struct Harness : fuzzing::FuzzAgent {
+  Harness() : FuzzAgent("web-login", 0) { agent->startup_banner_written = true; }
 };
 
 bool HasLineBreak(const std::string& s) { return s.find_first_of("\r\n") != std::string::npos; }
@@ -85,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (a.login.LoginSucceeded != success) std::abort();
     std::vector<std::string> lines;
     if (ReadLines(a.AppPath("TDRegInfo.TXT"), lines) && lines.size() != 13) std::abort();
-    h.Clean();
+    h.ResetFolder();
   } else {
     // The login-reply field parser alone: the text after "SUCCESS|". A flag that is no Boolean is the
     // one error it may raise.

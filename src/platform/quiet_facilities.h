@@ -27,13 +27,15 @@ class QuietEventLog : public EventLog {
   void Write(int, const std::string&) override {}
 };
 
-// Delivers nothing and reports success; `on_send` lets a program answer the sends itself.
+// Delivers nothing and reports `answer` (0, success, unless a program chooses, say, 1060 for a
+// service that is not installed); `on_send` lets a program answer the sends itself.
 class QuietServiceControl : public ServiceControlClient {
  public:
   std::function<void(const std::string&, int)> on_send;
+  unsigned long answer = 0;
   unsigned long SendControl(const std::string& service, int code) override {
     if (on_send) on_send(service, code);
-    return 0;
+    return answer;
   }
 };
 
