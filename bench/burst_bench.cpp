@@ -28,6 +28,7 @@
 #include <unistd.h>
 
 #include "agent_process.h"
+#include "bench_args.h"
 #endif
 
 namespace fs = std::filesystem;
@@ -79,7 +80,7 @@ bool ReadUntil(int fd, std::string& got, const std::string& marker, double secon
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int connections = argc > 1 ? std::atoi(argv[1]) : 5000;
+  const int connections = tdacli::bench::CountArg(argc, argv, 1, 5000, "[CONNECTIONS [SECONDS]]");
   const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
   rlimit r{};
   getrlimit(RLIMIT_NOFILE, &r);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench_agent.h"
+#include "bench_args.h"
 #include "common/files.h"
 #include "login/drivers.h"
 #include "login_server.h"
@@ -14,7 +15,7 @@
 
 int main(int argc, char** argv) {
   using namespace tdacli;
-  const int runs = argc > 1 ? std::atoi(argv[1]) : 200;
+  const int runs = bench::CountArg(argc, argv, 1, 200, "[RUNS]");
   bench::BenchFolder folder("tdacli-control-bench");
   bench::BenchAgent b(folder.path());
   Agent& agent = *b.agent;

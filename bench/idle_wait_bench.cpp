@@ -20,6 +20,7 @@
 
 #include "common/logging.h"
 #include "bench_agent.h"
+#include "bench_args.h"
 #include "service/agent.h"
 #include "service/request_files.h"
 #include "triggers/poller.h"
@@ -42,9 +43,10 @@ double CpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 
 int main(int argc, char** argv) {
   using namespace tdacli;
-  const int wait_seconds = argc > 1 ? std::atoi(argv[1]) : 5;
-  const int log_calls = argc > 2 ? std::atoi(argv[2]) : 20000;
-  const int timers_seconds = argc > 3 ? std::atoi(argv[3]) : 60;
+  const char* usage = "[WAIT_SECONDS [LOG_CALLS [TIMERS_SECONDS]]]";
+  const int wait_seconds = bench::CountArg(argc, argv, 1, 5, usage);
+  const int log_calls = bench::CountArg(argc, argv, 2, 20000, usage);
+  const int timers_seconds = bench::CountArg(argc, argv, 3, 60, usage);
   bench::BenchFolder dir("tdacli-idle-bench");
   bench::BenchAgent b(dir.path());
   Agent& agent = *b.agent;

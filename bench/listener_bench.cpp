@@ -17,6 +17,7 @@
 
 #ifndef _WIN32
 #include "agent_process.h"
+#include "bench_args.h"
 #include "console_client.h"
 #endif
 
@@ -28,7 +29,7 @@ using bench::Client;
 using bench::FreePort;
 
 int main(int argc, char** argv) {
-  const int cycles = argc > 1 ? std::atoi(argv[1]) : 30000;
+  const int cycles = tdacli::bench::CountArg(argc, argv, 1, 30000, "[CYCLES [SECONDS]]");
   const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
