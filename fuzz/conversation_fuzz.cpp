@@ -5,7 +5,8 @@
 // The handler really writes its files (in a temporary application folder, emptied after every input)
 // and really moves the Agent Explorer listener when a reply asks for it, on 127.0.0.1 only. Ports come
 // from the input, so on a shared machine run it in a network namespace of its own:
-//   unshare -rn ./build/fuzz/bin/conversation_fuzz -runs=1000000 -max_len=4096
+//   unshare -rn sh -c 'ip link set lo up && exec ./build/fuzz/bin/conversation_fuzz -runs=1000000 -max_len=4096'
+// (a new namespace's loopback is down until then, and the listener could not be moved at all).
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
