@@ -37,16 +37,8 @@ start_login_server 300
 PIDS+=("$SERVER_PID")
 
 step "settings: the simulator, the user, a free listening port below 32768"
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-PORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then PORT=$p; break; fi
-done
-[ -n "$PORT" ] || fail "no free port"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+PORT=$(free_port) || fail "no free port"
+settings_text "$PORT" ServiceMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
 
 step "components: version-resource images beside the agent"
 cp "$FIXTURES/full64.dll" "$APP/TDACLI.EXE"

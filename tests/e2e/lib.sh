@@ -76,6 +76,23 @@ expected:
 $expected"
 }
 
+port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# Prints a free loopback port from 20000 to 32700 (a console port must stay below 32768).
+free_port() {
+  local p
+  for p in $(shuf -i 20000-32700 -n 50); do
+    if port_free "$p"; then echo "$p"; return 0; fi
+  done
+  return 1
+}
+# Prints a console-made "TDRegInfo.TXT" for the user $USER_NAME against the login server $SERVER.
+# $1: the console's listening port, $2: the notification method, $3: LocalTemp as the agent sees it.
+settings_text() {
+  printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
+    "LocalTemp=$3" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+    "NotificationMethod=$2" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
+}
+
 # Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
 # SERVER_PID. $1: seconds after which the simulator gives up by itself.
 start_login_server() {

@@ -95,18 +95,10 @@ WINEDEBUG=-all "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null 
 echo "Wine ready after $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
 
 step "settings: the simulator, the user, a free listening port below 32768"
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-PORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then PORT=$p; break; fi
-done
-[ -n "$PORT" ] || fail "no free port"
+PORT=$(free_port) || fail "no free port"
 APP_W=$(winpath "$APP")
 [ -n "$APP_W" ] || fail "no Windows path for $APP"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$(winpath "$WORK/temp")" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+settings_text "$PORT" ServiceMessage "$(winpath "$WORK/temp")" >"$APP/TDRegInfo.TXT"
 
 step "install: tdacli.exe /s, and the stand-in as TDACMT"
 (cd "$APP" && "$WINE" tdacli.exe /s >>"$LOG" 2>&1) || fail "tdacli.exe /s exited with $?"

@@ -37,16 +37,8 @@ start_login_server 300
 PIDS+=("$SERVER_PID")
 
 step "settings: the simulator, the user, the FileMessage method, a free listening port"
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-PORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then PORT=$p; break; fi
-done
-[ -n "$PORT" ] || fail "no free port"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=FileMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+PORT=$(free_port) || fail "no free port"
+settings_text "$PORT" FileMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
 
 step "stand-ins for TDACMT (130 -> 131) and TDACSC"
 "$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &

@@ -31,18 +31,7 @@ fds() { ls "/proc/$1/fd" 2>/dev/null | wc -l; }
 status_kb() { awk -v k="$2:" '$1 == k { print $2 }' "/proc/$1/status"; }
 # utime + stime of the process, in clock ticks.
 cpu_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-free_port() {
-  local p
-  for p in $(shuf -i 20000-32700 -n 50); do
-    if port_free "$p"; then echo "$p"; return; fi
-  done
-}
-settings() {
-  printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=127.0.0.1" "UseTrace=False" \
-    "LocalTemp=Unknown" "CurrentUser=jsmith" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-    "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
-}
+settings() { SERVER=127.0.0.1 USER_NAME=jsmith settings_text "$1" ServiceMessage Unknown; }
 # Starts the agent in $APP (optionally under a descriptor limit $1); sets AGENT.
 start_agent() {
   local limit=${1:-}

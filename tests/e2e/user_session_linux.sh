@@ -29,7 +29,6 @@ source "$(dirname "$0")/lib.sh"
 begin_run tdacli-e2e-session
 USER_NAME=jsmith
 fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 # Drops a request file for the agent, named as the siblings name theirs.
 request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }
 # The greeting of the listener on $1.
@@ -44,15 +43,8 @@ start_login_server 300
 PIDS+=("$SERVER_PID")
 
 step "settings: the simulator, the user, a free listening port"
-PORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then PORT=$p; break; fi
-done
-[ -n "$PORT" ] || fail "no free port"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+PORT=$(free_port) || fail "no free port"
+settings_text "$PORT" ServiceMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
 
 step "stand-ins for TDACMT (130 -> 131), TDACSC and TDACLM"
 for name in TDACMT TDACSC TDACLM; do

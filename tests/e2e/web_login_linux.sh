@@ -81,16 +81,8 @@ BASE=$SCHEME://$HOST:$PORT
 echo "web service at $BASE (Server=$SERVER)"
 
 step "settings: the web service, the user, a free listening port below 32768"
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-LPORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then LPORT=$p; break; fi
-done
-[ -n "$LPORT" ] || fail "no free port"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$WORK/temp" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=FileMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$LPORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+LPORT=$(free_port) || fail "no free port"
+settings_text "$LPORT" FileMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
 
 step "stand-ins for TDACMT (130 -> 131) and TDACSC"
 "$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &

@@ -58,7 +58,6 @@ fail() {
 source "$(dirname "$0")/../e2e/lib.sh"
 wine_run() { "$WINE_RUN" "--prefix=$PREFIX" "$@"; }
 winpath() { wine_run winepath -w "$1" 2>>"$LOG" | tr -d '\r'; }
-port_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 greeting() { (exec 3<>"/dev/tcp/127.0.0.1/$1" && timeout 5 head -c 7 <&3) 2>/dev/null; }
 request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }
 
@@ -66,17 +65,10 @@ step "login server simulator on a loopback address of its own"
 start_login_server 500
 
 step "settings: the simulator, the user, a free listening port below 32768"
-PORT=
-for p in $(shuf -i 20000-32700 -n 50); do
-  if port_free "$p"; then PORT=$p; break; fi
-done
-[ -n "$PORT" ] || fail "no free port"
+PORT=$(free_port) || fail "no free port"
 APP_W=$(winpath "$APP")
 [ -n "$APP_W" ] || fail "no Windows path for $APP"
-printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=4711" "Server=$SERVER" "UseTrace=False" \
-  "LocalTemp=$(winpath "$WORK/temp")" "CurrentUser=$USER_NAME" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=FileMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$PORT,6001,6002" \
-  >"$APP/TDRegInfo.TXT"
+settings_text "$PORT" FileMessage "$(winpath "$WORK/temp")" >"$APP/TDRegInfo.TXT"
 
 step "sibling-standin.exe by hand as TDACMT (130 -> 131)"
 (cd "$APP" && exec "$WINE_RUN" "--prefix=$PREFIX" sibling-standin.exe --name TDACMT --app-dir "$APP_W" \
