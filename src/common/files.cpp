@@ -9,7 +9,7 @@
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "service/agent.h"
+#include "common/workstation.h"
 
 namespace fs = std::filesystem;
 
@@ -38,12 +38,12 @@ void DeleteFile(const std::string& path) {
   fs::remove(p, ec);
 }
 
-void DeleteFile(Agent& agent, const std::string& path) {
+void DeleteFile(Workstation& agent, const std::string& path) {
   if (agent.refuse_delete && agent.refuse_delete(path)) return;
   DeleteFile(path);
 }
 
-void MoveFile(Agent& agent, const std::string& source, const std::string& destination) {
+void MoveFile(Workstation& agent, const std::string& source, const std::string& destination) {
   if (FileExists(destination)) {
     DeleteFile(agent, destination);
     agent.WaitSeconds(1);
@@ -62,14 +62,14 @@ void EnsureTrailingSlash(std::string& path) {
   if (path.empty() || (path.back() != '/' && path.back() != '\\')) path += kSep;
 }
 
-std::string GetWindowsFolder(Agent& agent) {
+std::string GetWindowsFolder(Workstation& agent) {
   std::string w = TrimAtNull(agent.host().WindowsDirectory());
   if (w.empty()) return "";
   EnsureTrailingSlash(w);
   return w;
 }
 
-void EnsureFolder(Agent& agent, std::string& path) {
+void EnsureFolder(LogSink& agent, std::string& path) {
   if (path.empty() || path.back() != kSep) path += kSep;
   size_t start = 0;
   while (!FolderExists(path)) {
@@ -102,8 +102,8 @@ bool IsSafeFileName(std::string_view name) {
   return name.find_first_of("/\\:") == std::string_view::npos;
 }
 
-bool CanWriteToFolder(Agent& agent, const std::string& folder) {
-  const std::string name = agent.settings.CurrentUser + FormatCompact(agent.Now()) + ".TXT";
+bool CanWriteToFolder(Workstation& agent, const std::string& folder) {
+  const std::string name = agent.CurrentUserName() + FormatCompact(agent.Now()) + ".TXT";
   const std::string test = folder + kSep + name;
   // Refused before any file-system call: NUL or a control character would let the OS act on another
   // path than the one tested (52, as a bad name), and a user name that would lead out of the folder

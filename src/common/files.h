@@ -9,23 +9,24 @@
 
 namespace tdacli {
 
-class Agent;
+class LogSink;
+class Workstation;
 
 bool FolderExists(std::string path);
 bool FileExists(const std::string& path);
 // Forced delete: read-only files go too.
 void DeleteFile(const std::string& path);
 // Delete as seen by the agent (tests can make a folder refuse deletions).
-void DeleteFile(Agent& agent, const std::string& path);
+void DeleteFile(Workstation& agent, const std::string& path);
 // Replaces an existing destination: deletes it and waits one second (events run) before moving.
-void MoveFile(Agent& agent, const std::string& source, const std::string& destination);
+void MoveFile(Workstation& agent, const std::string& source, const std::string& destination);
 std::string TrimAtNull(std::string_view text);
 // Trailing blanks removed, then the separator appended unless it already ends in "/" or "\".
 void EnsureTrailingSlash(std::string& path);
 // The Windows folder with its trailing separator; empty when unknown.
-std::string GetWindowsFolder(Agent& agent);
+std::string GetWindowsFolder(Workstation& agent);
 // Creates every missing level of a folder path; appends the separator to the caller's text.
-void EnsureFolder(Agent& agent, std::string& path);
+void EnsureFolder(LogSink& agent, std::string& path);
 // Path text from outside must not reach the file system when it holds NUL (the OS call would stop
 // there and act on another path) or any other control character.
 bool HasControlCharacter(std::string_view text);
@@ -33,10 +34,7 @@ bool HasControlCharacter(std::string_view text);
 // ":", no "." or ".." as the whole name, no control character.
 bool IsSafeFileName(std::string_view name);
 // Proves write access by writing and deleting a real file.
-bool CanWriteToFolder(Agent& agent, const std::string& folder);
-// Checks that the agent can write to both temporary folders (the server one through TDACMT); sets and
-// returns `TempAccessStatus` (+1 local, +2 server) and appends its findings to `LastLoginResult`.
-int16_t CheckTempFolderAccess(Agent& agent);
+bool CanWriteToFolder(Workstation& agent, const std::string& folder);
 
 // Whole-file text I/O. Lines end with CR LF when written; reading accepts CR LF, CR or LF.
 bool ReadTextFile(const std::string& path, std::string& content);

@@ -5,7 +5,6 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "service/agent.h"
 
 namespace tdacli {
 
@@ -40,7 +39,7 @@ bool LooksLikeIPv4(const std::string& a) {
   return false;
 }
 
-void DetermineLocalIP(Agent& agent) {
+void DetermineLocalIP(Workstation& agent) {
   std::string mask;
   const std::string mask_file = agent.AppPath("TDIPMASK.INI");
   if (FileExists(mask_file)) mask = ReadIPMask(mask_file);
@@ -76,11 +75,15 @@ std::vector<platform::Adapter> AdaptersInIndexOrder(std::vector<platform::Adapte
   return adapters;
 }
 
-void LoadComputerNames(Agent& agent) {
+void Workstation::EnsureLocalIP() {
+  if (local_ip.empty()) DetermineLocalIP(*this);
+}
+
+void LoadComputerNames(Workstation& agent) {
   for (int i = 0; i < 8; ++i) agent.computer_names[i] = agent.host().ComputerNameEx(i);
 }
 
-void DetectOSVersion(Agent& agent) {
+void DetectOSVersion(Workstation& agent) {
   platform::OsVersion v = agent.host().Version();
   int code = 99;
   if (v.known) {

@@ -5,15 +5,14 @@
 #include <string_view>
 #include <vector>
 
+#include "common/workstation.h"
 #include "platform/host_identity.h"
 
 namespace tdacli {
 
-class Agent;
-
-void DetermineLocalIP(Agent& agent);
-void LoadComputerNames(Agent& agent);
-void DetectOSVersion(Agent& agent);
+void DetermineLocalIP(Workstation& agent);
+void LoadComputerNames(Workstation& agent);
+void DetectOSVersion(Workstation& agent);
 std::string ReadIPMask(const std::string& path);
 // The value of the last "IPMask=" line of a mask file's text (exact key, nothing trimmed), or empty.
 std::string ParseIPMask(std::string_view text);

@@ -1,20 +1,19 @@
 #include "common/logging.h"
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 
 #include "common/files.h"
-#include "common/host_identity.h"
 #include "common/text.h"
-#include "service/agent.h"
 
 namespace tdacli {
 
 namespace {
 
-std::string IpPart(Agent& agent) {
-  if (agent.local_ip.empty()) DetermineLocalIP(agent);
-  return ReplaceAll(agent.local_ip, ".", "-");
+std::string IpPart(LogSink& sink) {
+  sink.EnsureLocalIP();
+  return ReplaceAll(sink.local_ip, ".", "-");
 }
 
 // Appends one line; a file that grows past the limit is restarted with a notice and the line.
@@ -39,37 +38,45 @@ void AppendWithLimit(const std::string& path, const std::string& block, const st
 
 }  // namespace
 
+bool LogSink::UserSessionMode() const { return FileExists(AppPath("thinterminal.dat")); }
+
+std::string LogSink::ExeUpper() const {
+  std::string s = ProgramName();
+  for (auto& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
 std::string BoundLogMessage(std::string_view message) {
   if (message.size() <= kMaxLogMessage) return std::string(message);
   return std::string(message.substr(0, kMaxLogMessage)) + " ... (" + std::to_string(message.size()) + " bytes)";
 }
 
-void CutAtLineBreak(Agent& agent, std::string& value, std::string_view name) {
+void CutAtLineBreak(LogSink& sink, std::string& value, std::string_view name) {
   const size_t p = value.find_first_of("\r\n");
   if (p == std::string::npos) return;
   value.erase(p);
-  LogMessage(agent, "The value of (" + std::string(name) + ") held a line break and was cut at it.", "Warning");
+  LogMessage(sink, "The value of (" + std::string(name) + ") held a line break and was cut at it.", "Warning");
 }
 
-std::string ProgramTracePath(Agent& agent) {
-  return agent.AppPath(IpPart(agent) + "-" + agent.ExeUpper() + "-TraceFile.TXT");
+std::string ProgramTracePath(LogSink& sink) {
+  return sink.AppPath(IpPart(sink) + "-" + sink.ExeUpper() + "-TraceFile.TXT");
 }
 
-std::string HostTracePath(Agent& agent) { return agent.AppPath(IpPart(agent) + "-TraceFile.TXT"); }
+std::string HostTracePath(LogSink& sink) { return sink.AppPath(IpPart(sink) + "-TraceFile.TXT"); }
 
-std::string ErrorLogPath(Agent& agent) {
-  if (agent.UserSessionMode())
-    return agent.AppPath(IpPart(agent) + "-" + agent.settings.CurrentUser + "-Error.LOG");
-  return agent.AppPath(IpPart(agent) + "-Error.LOG");
+std::string ErrorLogPath(LogSink& sink) {
+  if (sink.UserSessionMode())
+    return sink.AppPath(IpPart(sink) + "-" + sink.CurrentUserName() + "-Error.LOG");
+  return sink.AppPath(IpPart(sink) + "-Error.LOG");
 }
 
-void WriteProgramTrace(Agent& agent, std::string_view message, std::string_view category) {
-  const std::string path = ProgramTracePath(agent);
-  const std::string head = FormatStamp(agent.Now()) + "  -  " + std::string(category) + " in " +
-                           agent.ExeUpper() + ": ";
+void WriteProgramTrace(LogSink& sink, std::string_view message, std::string_view category) {
+  const std::string path = ProgramTracePath(sink);
+  const std::string head = FormatStamp(sink.Now()) + "  -  " + std::string(category) + " in " +
+                           sink.ExeUpper() + ": ";
   std::string block;
-  if (!agent.startup_banner_written) {
-    agent.startup_banner_written = true;
+  if (!sink.startup_banner_written) {
+    sink.startup_banner_written = true;
     for (const char* b : {"*************", "*  STARTUP  *", "*************"}) block += head + b + "\r\n";
   }
   std::string line = head + BoundLogMessage(message) + "\r\n";
@@ -77,38 +84,38 @@ void WriteProgramTrace(Agent& agent, std::string_view message, std::string_view 
   AppendWithLimit(path, block, line);
 }
 
-void WriteTraceLine(Agent& agent, std::string_view message, std::string_view category) {
-  WriteProgramTrace(agent, message, category);
-  const std::string path = HostTracePath(agent);
-  std::string line = FormatStamp(agent.Now()) + "  -  " + std::string(category) + " in " +
-                     agent.options().exe_base_name + ": " + BoundLogMessage(message) + "\r\n";
+void WriteTraceLine(LogSink& sink, std::string_view message, std::string_view category) {
+  WriteProgramTrace(sink, message, category);
+  const std::string path = HostTracePath(sink);
+  std::string line = FormatStamp(sink.Now()) + "  -  " + std::string(category) + " in " +
+                     sink.ProgramName() + ": " + BoundLogMessage(message) + "\r\n";
   AppendWithLimit(path, line, line);
 }
 
-void WriteErrorLog(Agent& agent, std::string_view source, std::string_view message) {
+void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view message) {
   // In user-session mode the name holds the user's name: one that would leave the folder loses the
   // line, as any failed log write does.
-  if (agent.UserSessionMode() && !IsSafeFileName(agent.settings.CurrentUser)) return;
-  const std::string path = ErrorLogPath(agent);
+  if (sink.UserSessionMode() && !IsSafeFileName(sink.CurrentUserName())) return;
+  const std::string path = ErrorLogPath(sink);
   std::string line =
-      FormatStamp(agent.Now()) + "  - " + std::string(source) + " - " + BoundLogMessage(message) + "\r\n";
+      FormatStamp(sink.Now()) + "  - " + std::string(source) + " - " + BoundLogMessage(message) + "\r\n";
   AppendWithLimit(path, line, line);
 }
 
-void LogMessage(Agent& agent, std::string_view message, std::string_view category) {
-  if (agent.Ended()) return;  // the process has ended: nothing more is written
-  WriteTraceLine(agent, message, category);
-  if (category != "Trace" || agent.settings.UseTrace == "True") {
-    if (FileExists(agent.AppPath("thinterminal.dat")) || FileExists(agent.AppPath("thinterminal.root")))
+void LogMessage(LogSink& sink, std::string_view message, std::string_view category) {
+  if (sink.Ended()) return;  // the process has ended: nothing more is written
+  WriteTraceLine(sink, message, category);
+  if (category != "Trace" || sink.TraceOn()) {
+    if (FileExists(sink.AppPath("thinterminal.dat")) || FileExists(sink.AppPath("thinterminal.root")))
       return;
     const std::string msg = BoundLogMessage(message);
     if (category == "Error") {
-      agent.event_log().Write(1, msg);
-      WriteErrorLog(agent, "TDACLI", message);
+      sink.event_log().Write(1, msg);
+      WriteErrorLog(sink, "TDACLI", message);
     } else if (category == "Warning" || category == "Trace") {
-      agent.event_log().Write(2, msg);  // a trace line reaches the event log as a warning
+      sink.event_log().Write(2, msg);  // a trace line reaches the event log as a warning
     } else if (category == "Information") {
-      agent.event_log().Write(4, msg);
+      sink.event_log().Write(4, msg);
     }
   }
 }

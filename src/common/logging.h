@@ -5,9 +5,37 @@
 #include <string>
 #include <string_view>
 
+#include "platform/clock.h"
+#include "platform/service_host.h"
+
 namespace tdacli {
 
-class Agent;
+// What logging needs of its owner and nothing more: the folder the files go to, the program and user
+// they name, the trace switch, the clock and the event log. The agent is one; tests may bring others.
+class LogSink {
+ public:
+  std::string app_folder;  // with a trailing separator
+  std::string local_ip;    // names the log files; empty until determined
+  bool startup_banner_written = false;
+
+  std::string AppPath(std::string_view name) const { return app_folder + std::string(name); }
+  // User-session mode: "thinterminal.dat" beside the executable, tested afresh each time.
+  bool UserSessionMode() const;
+  // The EXE part of the log names: the base name in capitals.
+  std::string ExeUpper() const;
+
+  virtual const std::string& ProgramName() const = 0;  // the base name as the system reports it
+  virtual bool TraceOn() const = 0;                    // the UseTrace setting
+  virtual const std::string& CurrentUserName() const = 0;
+  virtual platform::LocalTime Now() const = 0;
+  virtual platform::EventLog& event_log() = 0;
+  virtual bool Ended() const = 0;  // once the process has ended nothing more is written
+  // Fills `local_ip` when it is still empty.
+  virtual void EnsureLocalIP() = 0;
+
+ protected:
+  ~LogSink() = default;
+};
 
 inline constexpr long long kLogSizeLimit = 5'120'000;
 // A longer message (a peer's text quoted in full) is cut here, so that one line cannot push a log
@@ -18,18 +46,18 @@ inline constexpr size_t kMaxLogMessage = 65536;
 std::string BoundLogMessage(std::string_view message);
 
 // Categories: "Trace", "Error", "Warning", "Information", and the trace-only "Trace!" and "Warning!".
-void LogMessage(Agent& agent, std::string_view message, std::string_view category);
-void WriteTraceLine(Agent& agent, std::string_view message, std::string_view category);
-void WriteProgramTrace(Agent& agent, std::string_view message, std::string_view category);
-void WriteErrorLog(Agent& agent, std::string_view source, std::string_view message);
+void LogMessage(LogSink& sink, std::string_view message, std::string_view category);
+void WriteTraceLine(LogSink& sink, std::string_view message, std::string_view category);
+void WriteProgramTrace(LogSink& sink, std::string_view message, std::string_view category);
+void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view message);
 
 // A value from outside that goes into a line-oriented file is cut at its first CR or LF (exactly what
 // a later read of that line keeps), with one Warning line naming it: no value can plant lines.
-void CutAtLineBreak(Agent& agent, std::string& value, std::string_view name);
+void CutAtLineBreak(LogSink& sink, std::string& value, std::string_view name);
 
 // File names, for the agent's current local IP.
-std::string ProgramTracePath(Agent& agent);
-std::string HostTracePath(Agent& agent);
-std::string ErrorLogPath(Agent& agent);
+std::string ProgramTracePath(LogSink& sink);
+std::string HostTracePath(LogSink& sink);
+std::string ErrorLogPath(LogSink& sink);
 
 }  // namespace tdacli

@@ -6,9 +6,8 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "listener/listener.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 
@@ -201,20 +200,7 @@ bool SavePopWinName(Agent& agent) { return SaveOneSetting(agent, &Settings::PopW
 bool SaveListeningPorts(Agent& agent) {
   if (!SaveOneSetting(agent, &Settings::ListeningPorts)) return false;
   // The listener moves to the port of the new list; accepted connections stay where they are.
-  auto& listener = agent.listener();
-  const bool was_listening = listener.Listener().State() == platform::TcpSocket::kListening;
-  const uint16_t old_port = listener.Listener().LocalPort();
-  listener.CloseListener();
-  const int16_t port = listener::GetListeningPort(agent);
-  if (platform::SocketError error = listener.Listen(static_cast<uint16_t>(port))) {
-    // The saved list stays in the file and takes effect at the next start. Until then the console
-    // must still reach the agent: the port it used a moment ago is opened again (and, should that
-    // fail too, tried again quietly).
-    LogMessage(agent, "Error saving settings: " + error.description + " (Port: " + std::to_string(port) + ")",
-               "Error");
-    if (was_listening && listener.Listen(old_port)) listener.KeepTryingToListen(old_port);
-    return false;
-  }
+  if (agent.hooks.ListenOnSavedPort && !agent.hooks.ListenOnSavedPort(agent)) return false;
   NotifyNewListeningPort(agent);
   return true;
 }

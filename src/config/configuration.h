@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "config/settings.h"
+#include "state/settings.h"
 
 namespace tdacli {
 

@@ -6,7 +6,7 @@
 
 #include "common/files.h"
 #include "common/logging.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli::listener {
 

@@ -12,7 +12,7 @@
 #include "listener/commands.h"
 #include "platform/file_times.h"
 #include "platform/version_info.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli::listener {
 

@@ -5,7 +5,7 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/commands.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli::listener {
 

@@ -1,6 +1,6 @@
 #include "common/text.h"
 #include "listener/commands.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli::listener {
 

@@ -5,7 +5,7 @@
 
 #include "common/errors.h"
 #include "common/logging.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli::listener {
 

@@ -7,8 +7,9 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/commands.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
+#include "triggers/logoff.h"
 #include "triggers/post_login.h"
 
 namespace tdacli::listener {

@@ -6,7 +6,7 @@
 #include "common/text.h"
 #include "listener/commands.h"
 #include "listener/listener.h"
-#include "service/agent.h"
+#include "state/agent.h"
 #include "triggers/capture_files.h"
 
 namespace tdacli::listener {

@@ -10,9 +10,8 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "config/result_files.h"
-#include "listener/listener.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 
@@ -92,32 +91,6 @@ void UpdateListeningPorts(Agent& agent, const std::string& data) {
     LogMessage(agent, "Error Updating Registry with new Listening Ports (" + now + ")", "Error");
 }
 
-// In user-session mode the Agent Explorer listener is opened only once a user has logged in.
-void ReopenListenerAfterLogin(Agent& agent) {
-  auto& listener = agent.listener();
-  int tries = 0;
-  for (;;) {
-    if (!agent.UserSessionMode()) return;
-    listener.CloseListener();
-    agent.DoEvents();
-    const platform::SocketError error =
-        listener.Listen(static_cast<uint16_t>(listener::GetListeningPort(agent)));
-    if (!error || tries >= 5) break;
-    ++tries;
-    LogMessage(agent,
-               "Error opening listening socket [Port=" + std::to_string(listener.Listener().LocalPort()) +
-                   "], attempting again [Tries=" + std::to_string(tries) + "], [Error=" + error.description + "]",
-               "Warning!");
-    agent.WaitSeconds(2);
-    if (agent.Ended()) return;
-  }
-  // Written after the last failed try as well: the siblings are told in any case.
-  LogMessage(agent, "Service is Now Listening on Port (" + std::to_string(listener.Listener().LocalPort()) + ")",
-             "Trace");
-  MakeRequestFile(agent, "TDACSC", "Code=135");
-  MakeRequestFile(agent, "TDACLM", "Code=135");
-}
-
 void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) {
   LoginState& l = agent.login;
   Settings& s = agent.settings;
@@ -139,7 +112,7 @@ void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) 
   send(kDisconnect);
 
   StoreLoginResults(agent);
-  ReopenListenerAfterLogin(agent);
+  if (agent.hooks.ReopenListenerAfterLogin) agent.hooks.ReopenListenerAfterLogin(agent);
 }
 
 // The rules in the order they are tested; the first that matches handles the reply. Rules 1 and 3 are

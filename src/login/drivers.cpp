@@ -7,7 +7,7 @@
 #include "common/text.h"
 #include "login/conversation.h"
 #include "login/web_service.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

@@ -12,8 +12,7 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "login/conversation.h"
-#include "service/agent.h"
-#include "triggers/capture_files.h"
+#include "state/agent.h"
 
 namespace tdacli {
 
@@ -316,7 +315,7 @@ void HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::strin
     std::string task = response.substr(at + keyword.size());
     task = ReplaceAll(ReplaceAll(task, "{CRLF}", ""), "</string>", "");
     // The task becomes one line of a file the frame sender reads.
-    SendFramesForGrabberTask(agent, WithoutLineBreaks(task));
+    if (agent.hooks.SendFramesForGrabberTask) agent.hooks.SendFramesForGrabberTask(agent, WithoutLineBreaks(task));
   }
   LogMessage(agent, "The Tyndrel Agent Client Received a Screen Grabber Task", "Trace");
   agent.DoEvents();

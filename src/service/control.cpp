@@ -5,8 +5,9 @@
 #include "common/errors.h"
 #include "common/logging.h"
 #include "config/configuration.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
+#include "triggers/logoff.h"
 #include "triggers/post_login.h"
 
 namespace tdacli {

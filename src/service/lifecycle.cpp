@@ -9,9 +9,9 @@
 #include "config/configuration.h"
 #include "listener/listener.h"
 #include "login/drivers.h"
-#include "service/agent.h"
 #include "service/control.h"
 #include "service/request_files.h"
+#include "state/agent.h"
 #include "triggers/poller.h"
 
 namespace tdacli {

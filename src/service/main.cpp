@@ -22,6 +22,7 @@ int main() {
     options.command_line = process.command_line;
     options.file_revision = process.file_revision;
     Agent agent({*sys.clock, *sys.host, *sys.event_log, *sys.service_control, *sys.dialogs, host, *sys.http, *sys.internet}, options);
+    WireAgent(agent);
     agent.on_end_process = [&host] {
       host.ReportStopped();
       std::fflush(nullptr);

@@ -6,8 +6,8 @@
 #include "common/files.h"
 #include "common/paths.h"
 #include "config/configuration.h"
-#include "config/settings.h"
 #include "listener/allowed_consoles.h"
+#include "state/settings.h"
 
 namespace tdacli {
 

@@ -15,7 +15,7 @@ struct QuietFacilities {
   std::unique_ptr<Agent> MakeAgent(platform::Clock& clock, const std::string& folder) {
     AgentOptions o;
     o.exe_folder = folder;
-    return std::make_unique<Agent>(
+    return NewAgent(
         AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
   }
 

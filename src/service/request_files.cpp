@@ -10,8 +10,8 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "service/agent.h"
 #include "service/control.h"
+#include "state/agent.h"
 
 namespace fs = std::filesystem;
 

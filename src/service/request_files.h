@@ -12,12 +12,6 @@ namespace tdacli {
 
 class Agent;
 
-struct RequestFiles {
-  // Names of the files that ticks still running (waiting inside a control code) are handling, in the
-  // order they were taken: a tick that starts inside another takes the next file instead.
-  std::vector<std::string> in_hand;
-};
-
 // Only this much of a request file is read: its one line is a short command.
 inline constexpr size_t kRequestLineLimit = 4096;
 // Ticks that start while this many requests are still in hand take nothing, so that a flood of

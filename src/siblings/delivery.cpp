@@ -3,8 +3,8 @@
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

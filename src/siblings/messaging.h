@@ -1,6 +1,7 @@
 #pragma once
 // Numbered messages to the sibling services of the suite, delivered as service control codes or as
 // request files dropped in the application folder.
+#include <cstdint>
 #include <string>
 
 namespace tdacli {
@@ -29,7 +30,8 @@ bool RequestServerTempCheck(Agent& agent);
 void RequestRemoteControlLoad(Agent& agent);
 // Tells TDACMT (131) that a login sequence has finished.
 void NotifyMediaTransferLogin(Agent& agent);
-// The logoff routine: the server, the screen-capture service, and the cleanup the schedule asks for.
-void DoUserLogOff(Agent& agent);
+// Checks that the agent can write to both temporary folders (the server one through TDACMT); sets and
+// returns `TempAccessStatus` (+1 local, +2 server) and appends its findings to `LastLoginResult`.
+int16_t CheckTempFolderAccess(Agent& agent);
 
 }  // namespace tdacli

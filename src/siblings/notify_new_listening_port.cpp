@@ -1,6 +1,6 @@
 #include "common/logging.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

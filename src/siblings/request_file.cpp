@@ -1,8 +1,8 @@
 #include "common/file_errors.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

@@ -5,7 +5,7 @@
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

@@ -11,7 +11,7 @@
 #include "common/paths.h"
 #include "common/text.h"
 #include "platform/file_times.h"
-#include "service/agent.h"
+#include "state/agent.h"
 
 namespace fs = std::filesystem;
 

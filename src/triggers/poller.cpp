@@ -10,8 +10,9 @@
 #include "login/drivers.h"
 #include "login/web_service.h"
 #include "platform/process_start.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
+#include "triggers/logoff.h"
 #include "triggers/post_login.h"
 
 namespace tdacli {

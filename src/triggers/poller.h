@@ -2,22 +2,10 @@
 // The trigger-file login poller: logins and logoffs asked for by files that other programs of the
 // suite drop into the application folder ("PerformLogin.TXT", "PerformLogoff.TXT"), the screen codec
 // install asked for by "TSCC.bat", and the phone-home schedule of the web-service login.
-#include <cstdint>
-#include <functional>
-#include <string>
 
 namespace tdacli {
 
 class Agent;
-
-struct LoginPoller {
-  // Failed attempts for the current "PerformLogin.TXT"; back to 0 after a success or after giving up.
-  int16_t retry_counter = 0;
-  // How programs are started and how the phone-home call is made; empty: the platform's hidden start
-  // and the web-service client. Tests put observers here.
-  std::function<unsigned long(const std::string& command_line)> start_process;
-  std::function<void(Agent&)> phone_home;
-};
 
 // One tick of `tmrPollForLogin`: the timer is off for the whole pass and on again at its end.
 void tmrPollForLogin_Timer(Agent& agent);

@@ -2,8 +2,8 @@
 
 #include "common/files.h"
 #include "login/drivers.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
 

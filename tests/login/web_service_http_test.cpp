@@ -50,7 +50,7 @@ struct RealClientAgent {
     AgentOptions o;
     o.exe_folder = t.dir.path();
     o.exe_base_name = "tdacli";
-    t.agent = std::make_unique<Agent>(AgentFacilities{t.clock, t.host, t.event_log, t.service_control, t.dialogs,
+    t.agent = NewAgent(AgentFacilities{t.clock, t.host, t.event_log, t.service_control, t.dialogs,
                                                       t.service_host, *client, t.internet},
                                       o);
     t.host.windows_dir = "C:\\WINDOWS\\";

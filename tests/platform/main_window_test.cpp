@@ -53,7 +53,7 @@ struct FormAgent {
     AgentOptions o;
     o.exe_folder = t.dir.path();
     o.exe_base_name = "tdacli";
-    agent = std::make_unique<Agent>(
+    agent = NewAgent(
         AgentFacilities{*clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host, t.http, t.internet}, o);
     agent->local_ip = "192.168.5.20";
     agent->startup_banner_written = true;

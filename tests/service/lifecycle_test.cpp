@@ -284,7 +284,7 @@ struct Installer : ::testing::Test {
     AgentOptions o;
     o.exe_folder = t.dir.path();
     o.command_line = cmd;
-    t.agent = std::make_unique<Agent>(
+    t.agent = NewAgent(
         AgentFacilities{t.clock, t.host, t.event_log, t.service_control, t.dialogs, t.service_host, t.http, t.internet}, o);
     Form_Load(*t);
   }

@@ -6,6 +6,7 @@
 #include "service/control.h"
 #include "siblings/messaging.h"
 #include "support/test_agent.h"
+#include "triggers/logoff.h"
 
 namespace tdacli {
 namespace {

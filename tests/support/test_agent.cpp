@@ -81,7 +81,7 @@ TestAgent::TestAgent(platform::LocalTime start) : clock(start) {
   o.exe_base_name = "tdacli";
   o.command_line = "";
   o.file_revision = 7;
-  agent = std::make_unique<Agent>(
+  agent = NewAgent(
       AgentFacilities{clock, host, event_log, service_control, dialogs, service_host, http, internet}, o);
 }
 

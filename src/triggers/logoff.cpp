@@ -1,7 +1,9 @@
+#include "triggers/logoff.h"
+
 #include "common/logging.h"
 #include "login/drivers.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
 

@@ -1,7 +1,7 @@
 #include "common/files.h"
 #include "common/logging.h"
-#include "service/agent.h"
 #include "siblings/messaging.h"
+#include "state/agent.h"
 
 namespace tdacli {
 

@@ -1,0 +1,107 @@
+#pragma once
+// The agent's state: what the hidden main form of the service holds. Its settings, the shared login
+// state, the reply flags, the controls (sockets and timers) and its own event loop. The handlers that
+// act on it live in the rooms above; the top builds an agent and wires them. Several agents can live
+// in one process (tests), each with its own application folder and clock.
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "common/workstation.h"
+#include "platform/event_loop.h"
+#include "platform/tcp_socket.h"
+#include "state/facilities.h"
+#include "state/settings.h"
+#include "state/shared_state.h"
+
+namespace tdacli {
+
+namespace listener {
+class CommandListener;  // the control wsckListen; built by the top, which knows its type
+}
+
+class Agent final : public Workstation {
+  // Declared first: the controls below are built on the loop.
+  AgentFacilities facilities_;
+  AgentOptions options_;
+  platform::EventLoop loop_;
+
+ public:
+  Agent(AgentFacilities facilities, AgentOptions options);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // --- facilities
+  platform::EventLoop& loop() { return loop_; }
+  platform::Clock& clock() { return facilities_.clock; }
+  platform::HostIdentity& host() override { return facilities_.host; }
+  platform::EventLog& event_log() override { return facilities_.event_log; }
+  platform::ServiceControlClient& service_control() { return facilities_.service_control; }
+  platform::Dialogs& dialogs() { return facilities_.dialogs; }
+  platform::ServiceHost& service_host() { return facilities_.service_host; }
+  platform::HttpClient& http() { return facilities_.http; }
+  platform::InternetConnection& internet() { return facilities_.internet; }
+  const AgentOptions& options() const { return options_; }
+
+  // --- process-wide values (the application folder, local IP and computer names are the Workstation's)
+  std::string date_format = "YYYY-MM-DD";
+  std::string language_label = "English";
+  std::string command_line;
+  std::string windows_folder;  // with a trailing separator, or empty
+
+  // --- settings and the stored lines of the settings file
+  Settings settings;
+  std::array<std::string, 21> stored_lines;
+
+  // --- shared login state, FTP values, capture parameters
+  LoginState login;
+  FtpState ftp;
+  ScreenParams screen;
+  int16_t TempAccessStatus = 0;
+
+  // --- reply flags set by the control handler
+  int16_t MediaTransferReply = 0;
+  std::string TraceFileReply = "0";
+
+  // --- console command state, trigger-file poller, request files
+  std::string ComponentReportText;
+  LoginPoller poller;
+  RequestFiles requests;
+  AgentHooks hooks;
+
+  // --- controls
+  platform::TcpSocket Broadcast;
+  platform::Timer LoadTimer;
+  platform::Timer tmrMessage;
+  platform::Timer tmrPollForLogin;
+  listener::CommandListener& listener() { return *listener_; }
+  void SetListener(std::shared_ptr<listener::CommandListener> l) { listener_ = std::move(l); }
+
+  // --- waits: all let pending events run
+  void DoEvents() { loop_.DoEvents(); }
+  void WaitSeconds(double seconds) override;
+  void PauseTicks(int count);
+  // Runs events until done() or `seconds` have passed on the clock; returns done().
+  bool WaitUntil(double seconds, const std::function<bool()>& done);
+
+  // --- process end
+  void EndProcess();
+  bool Ended() const override { return ended_; }
+  std::function<void()> on_end_process;  // the real program exits here; tests observe
+
+  // --- what logging reads
+  platform::LocalTime Now() const override { return facilities_.clock.Local(); }
+  const std::string& ProgramName() const override { return options_.exe_base_name; }
+  bool TraceOn() const override { return settings.UseTrace == "True"; }
+  const std::string& CurrentUserName() const override { return settings.CurrentUser; }
+
+ private:
+  // Last: the listener's sockets go before the loop they live on.
+  std::shared_ptr<listener::CommandListener> listener_;
+  bool ended_ = false;
+};
+
+}  // namespace tdacli

@@ -1,0 +1,3 @@
+#pragma once
+#include "low/base.h"
+#include "mid/ring_b.h"

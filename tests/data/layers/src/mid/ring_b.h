@@ -1,0 +1,2 @@
+#pragma once
+#include "mid/ring_a.h"
