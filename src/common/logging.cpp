@@ -45,7 +45,9 @@ std::string BoundLogMessage(std::string_view message) {
 }
 
 void CutAtLineBreak(Agent& agent, std::string& value, std::string_view name) {
-  const size_t p = value.find_first_of("\r\n");
+  // NUL too: some readers of these files end a line there and others do not, so two programs would see
+  // two different values.
+  const size_t p = value.find_first_of(std::string_view("\r\n\0", 3));
   if (p == std::string::npos) return;
   value.erase(p);
   LogMessage(agent, "The value of (" + std::string(name) + ") held a line break and was cut at it.", "Warning");
@@ -95,12 +97,15 @@ void WriteErrorLog(Agent& agent, std::string_view source, std::string_view messa
   AppendWithLimit(path, line, line);
 }
 
+bool EventLogAllowed(Agent& agent) {
+  return !FileExists(agent.AppPath("thinterminal.dat")) && !FileExists(agent.AppPath("thinterminal.root"));
+}
+
 void LogMessage(Agent& agent, std::string_view message, std::string_view category) {
   if (agent.Ended()) return;  // the process has ended: nothing more is written
   WriteTraceLine(agent, message, category);
   if (category != "Trace" || agent.settings.UseTrace == "True") {
-    if (FileExists(agent.AppPath("thinterminal.dat")) || FileExists(agent.AppPath("thinterminal.root")))
-      return;
+    if (!EventLogAllowed(agent)) return;
     const std::string msg = BoundLogMessage(message);
     if (category == "Error") {
       agent.event_log().Write(1, msg);

@@ -23,8 +23,12 @@ void WriteTraceLine(Agent& agent, std::string_view message, std::string_view cat
 void WriteProgramTrace(Agent& agent, std::string_view message, std::string_view category);
 void WriteErrorLog(Agent& agent, std::string_view source, std::string_view message);
 
-// A value from outside that goes into a line-oriented file is cut at its first CR or LF (exactly what
-// a later read of that line keeps), with one Warning line naming it: no value can plant lines.
+// Whether the Windows event log may be written: not in user-session mode ("thinterminal.dat") and not
+// beside "thinterminal.root".
+bool EventLogAllowed(Agent& agent);
+
+// A value from outside that goes into a line-oriented file is cut at its first CR, LF or NUL (exactly
+// what a later read of that line keeps), with one Warning line naming it: no value can plant lines.
 void CutAtLineBreak(Agent& agent, std::string& value, std::string_view name);
 
 // File names, for the agent's current local IP.
