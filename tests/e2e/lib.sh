@@ -3,8 +3,9 @@
 
 step() { echo "== $*"; }
 program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-# The trace's messages, one per line, without the time stamps.
-messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+# The trace's messages, one per line, without the time stamps (a NUL quoted from a peer is left out:
+# the shell cannot hold one).
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r\000'; }
 # Ends the run: "FAIL: $1", then the last lines of each of the other arguments that is a file.
 fail_showing() {
   local f
