@@ -80,8 +80,14 @@ bool ReadUntil(int fd, std::string& got, const std::string& marker, double secon
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int connections = tdacli::bench::CountArg(argc, argv, 1, 5000, "[CONNECTIONS [SECONDS]]");
-  const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
+  const tdacli::bench::Usage usage(
+      argc, argv, "burst_bench", "[CONNECTIONS [SECONDS]]",
+      "A running tdacli under a burst of CONNECTIONS simultaneous connects (default 5000): connections\n"
+      "greeted per second, the agent's peak memory and descriptors afterwards, then \"|GETINFO|\" round\n"
+      "trips per second on one connection for SECONDS (default 3).\n",
+      2);
+  const int connections = usage.Count(1, 5000);
+  const double seconds = usage.Seconds(2, 3.0);
   rlimit r{};
   getrlimit(RLIMIT_NOFILE, &r);
   r.rlim_cur = r.rlim_max;

@@ -15,7 +15,12 @@
 
 int main(int argc, char** argv) {
   using namespace tdacli;
-  const int runs = bench::CountArg(argc, argv, 1, 200, "[RUNS]");
+  const bench::Usage usage(
+      argc, argv, "control_bench", "[RUNS]",
+      "The time from service message 128 reaching the agent to code 131 reaching TDACMT, the whole login\n"
+      "chain against the login server simulator: median and 99th percentile of RUNS logins (default 200).\n",
+      1);
+  const int runs = usage.Count(1, 200);
   bench::BenchFolder folder("tdacli-control-bench");
   bench::BenchAgent b(folder.path());
   Agent& agent = *b.agent;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_args.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/host_identity.h"
@@ -46,10 +47,16 @@ std::string Lower(std::string s) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
+  const bench::Usage usage(
+      argc, argv, "getver_bench", "[SECONDS [IMAGE]]",
+      "\"|GETVER|\" round trips per second against a running tdacli whose folder holds 15 of the suite's\n"
+      "component files, for SECONDS each (default 3), with the names as the report spells them and in\n"
+      "lower case. IMAGE: a PE file to use for every component instead of the images of tests/data/pe.\n",
+      2);
+  const double seconds = usage.Seconds(1, 3.0);
   std::vector<std::string> images;
   if (argc > 2) {
-    images.push_back(argv[2]);
+    images.push_back(usage.Word(2, ""));
   } else {
     const std::string pe = std::string(TDACLI_SOURCE_DIR) + "/tests/data/pe/";
     images = {pe + "prog64.exe", pe + "full64.dll", pe + "full32.dll", pe + "german64.dll"};

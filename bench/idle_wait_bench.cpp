@@ -43,10 +43,15 @@ double CpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 
 int main(int argc, char** argv) {
   using namespace tdacli;
-  const char* usage = "[WAIT_SECONDS [LOG_CALLS [TIMERS_SECONDS]]]";
-  const int wait_seconds = bench::CountArg(argc, argv, 1, 5, usage);
-  const int log_calls = bench::CountArg(argc, argv, 2, 20000, usage);
-  const int timers_seconds = bench::CountArg(argc, argv, 3, 60, usage);
+  const bench::Usage usage(
+      argc, argv, "idle_wait_bench", "[WAIT_SECONDS [LOG_CALLS [TIMERS_SECONDS]]]",
+      "What waiting and logging cost the agent: CPU time per second of an idle wait (WAIT_SECONDS,\n"
+      "default 5), the median cost of one logged line (LOG_CALLS, default 20000), and the idle agent\n"
+      "with both polling timers at work for TIMERS_SECONDS (default 60): CPU share and wake-ups.\n",
+      3);
+  const int wait_seconds = usage.Count(1, 5);
+  const int log_calls = usage.Count(2, 20000);
+  const int timers_seconds = usage.Count(3, 60);
   bench::BenchFolder dir("tdacli-idle-bench");
   bench::BenchAgent b(dir.path());
   Agent& agent = *b.agent;

@@ -29,8 +29,14 @@ using bench::Client;
 using bench::FreePort;
 
 int main(int argc, char** argv) {
-  const int cycles = tdacli::bench::CountArg(argc, argv, 1, 30000, "[CYCLES [SECONDS]]");
-  const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
+  const tdacli::bench::Usage usage(
+      argc, argv, "listener_bench", "[CYCLES [SECONDS]]",
+      "The command listener of a running tdacli: \"|GETINFO|\" round trips per second on one connection\n"
+      "for SECONDS (default 3), and the process's memory and descriptors before and after CYCLES\n"
+      "connect-and-close cycles (default 30000).\n",
+      2);
+  const int cycles = usage.Count(1, 30000);
+  const double seconds = usage.Seconds(2, 3.0);
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
 

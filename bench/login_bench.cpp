@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_args.h"
 #include "login/drivers.h"
 #include "login_server.h"
 #ifdef TDACLI_SIM_WEB
@@ -134,7 +135,11 @@ int RunWeb(const std::filesystem::path& folder, bool https) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  const bench::Usage usage(argc, argv, "login_bench", "",
+                           "Login, logoff and status latency of the real agent code against the login server\n"
+                           "simulator on the loopback, 1,000 of each: median and 99th percentile.\n",
+                           0);
   namespace fs = std::filesystem;
   std::random_device seed;
   const fs::path folder = fs::temp_directory_path() / ("tdacli-login-bench-" + std::to_string(seed()));

@@ -2,7 +2,8 @@
 // byte chooses the circumstances (which exchange runs, an empty local address, user-session mode, a
 // valid IP mask left from before, the Windows version); the rest is the reply.
 //
-// The handler really writes its files (in a temporary application folder, emptied after every input)
+// The handler really writes its files (in a temporary application folder, emptied after every input;
+// none but the logs may hold a NUL)
 // and really moves the Agent Explorer listener when a reply asks for it, on 127.0.0.1 only. Ports come
 // from the input, so on a shared machine run it in a network namespace of its own:
 //   unshare -rn sh -c 'ip link set lo up && exec ./build/fuzz/bin/conversation_fuzz -runs=1000000 -max_len=4096'
@@ -10,6 +11,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +58,18 @@ struct Harness : fuzzing::FuzzAgent {
   }
 };
 
+bool NulInAFileBesideTheLogs(const fs::path& folder) {
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (!entry.is_regular_file()) continue;
+    const std::string name = entry.path().filename().string();
+    if (name.ends_with("-TraceFile.TXT") || name.ends_with("-Error.LOG")) continue;
+    std::ifstream f(entry.path(), std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    if (text.find('\0') != std::string::npos) return true;
+  }
+  return false;
+}
+
 bool EndsTheExchange(std::string_view rule) {
   return rule == "2" || rule == "8'" || rule == "13" || rule == "14" || rule == "15";
 }
@@ -75,6 +90,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // One reply, at most one request; the exchange ends exactly on the rules that end it.
   if (sent.size() != (SendsNothing(rule) ? 0u : 1u)) std::abort();
   if (h.agent->login.ProtocolDone != EndsTheExchange(rule)) std::abort();
+  // No NUL reaches a file the siblings read (settings, result and capture files, request files); the
+  // logs quote the reply as it came.
+  if (NulInAFileBesideTheLogs(h.app)) std::abort();
   h.Clean();
   return 0;
 }

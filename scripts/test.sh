@@ -15,6 +15,8 @@ ctest --preset linux-test -j"$jobs"
 echo "== Linux: release build"
 cmake --preset linux
 cmake --build build/linux -j"$jobs"
+echo "== Linux: every program of build/linux/bin answers --help and refuses a bogus option"
+tests/e2e/programs_help.sh --bin build/linux/bin
 
 if [ -x scripts/windows-tests.sh ]; then
   echo "== Windows: cross build and tests under Wine"

@@ -52,7 +52,9 @@ std::string BoundLogMessage(std::string_view message) {
 }
 
 void CutAtLineBreak(LogSink& sink, std::string& value, std::string_view name) {
-  const size_t p = value.find_first_of("\r\n");
+  // NUL too: some readers of these files end a line there and others do not, so two programs would see
+  // two different values.
+  const size_t p = value.find_first_of(std::string_view("\r\n\0", 3));
   if (p == std::string::npos) return;
   value.erase(p);
   LogMessage(sink, "The value of (" + std::string(name) + ") held a line break and was cut at it.", "Warning");
@@ -102,12 +104,15 @@ void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view mess
   AppendWithLimit(path, line, line);
 }
 
+bool EventLogAllowed(const LogSink& sink) {
+  return !FileExists(sink.AppPath("thinterminal.dat")) && !FileExists(sink.AppPath("thinterminal.root"));
+}
+
 void LogMessage(LogSink& sink, std::string_view message, std::string_view category) {
   if (sink.Ended()) return;  // the process has ended: nothing more is written
   WriteTraceLine(sink, message, category);
   if (category != "Trace" || sink.TraceOn()) {
-    if (FileExists(sink.AppPath("thinterminal.dat")) || FileExists(sink.AppPath("thinterminal.root")))
-      return;
+    if (!EventLogAllowed(sink)) return;
     const std::string msg = BoundLogMessage(message);
     if (category == "Error") {
       sink.event_log().Write(1, msg);

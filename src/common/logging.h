@@ -51,8 +51,12 @@ void WriteTraceLine(LogSink& sink, std::string_view message, std::string_view ca
 void WriteProgramTrace(LogSink& sink, std::string_view message, std::string_view category);
 void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view message);
 
-// A value from outside that goes into a line-oriented file is cut at its first CR or LF (exactly what
-// a later read of that line keeps), with one Warning line naming it: no value can plant lines.
+// Whether the Windows event log may be written: not in user-session mode ("thinterminal.dat") and not
+// beside "thinterminal.root".
+bool EventLogAllowed(const LogSink& sink);
+
+// A value from outside that goes into a line-oriented file is cut at its first CR, LF or NUL (exactly
+// what a later read of that line keeps), with one Warning line naming it: no value can plant lines.
 void CutAtLineBreak(LogSink& sink, std::string& value, std::string_view name);
 
 // File names, for the agent's current local IP.

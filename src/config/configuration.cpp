@@ -1,5 +1,6 @@
 #include "config/configuration.h"
 
+#include <algorithm>
 #include <array>
 
 #include "common/file_errors.h"
@@ -118,7 +119,11 @@ void ApplySettingsLine(Settings& s, std::string_view line) {
   const size_t p = line.find('=');
   if (p == std::string_view::npos || p + 1 >= line.size()) return;
   const std::string_view key = line.substr(0, p);
-  const std::string value(line.substr(p + 1));
+  // A NUL ends the value as a line break would: a value is never used as a host name or path with
+  // a part behind it that other readers of the file do not see.
+  std::string value(line.substr(p + 1));
+  value.erase(std::min(value.find('\0'), value.size()));
+  if (value.empty()) return;  // as a line that ends behind its "="
   if (key == "Server") s.Server = value;
   else if (key == "Ext") s.Ext = value;
   else if (key == "LocalTemp") s.LocalTemp = value;

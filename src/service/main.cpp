@@ -1,16 +1,22 @@
 // tdacli: the Agent Client Login Service.
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
+#include "common/logging.h"
 #include "platform/main_window.h"
 #include "platform/platform.h"
 #include "service/agent.h"
 #include "service/lifecycle.h"
 #include "service/preset_files.h"
 
-int main() {
+int main(int argc, char** argv) {
   using namespace tdacli;
   platform::ProcessInfo process = platform::CurrentProcess();
+  if (auto rc = platform::AnswerHelpRequest(std::vector<std::string>(argv + 1, argv + argc),
+                                            platform::ServiceIdentity{}, process.exe_folder))
+    return *rc;
   // Run by the installer package to write a pre-configured roll-out's files, then done.
   if (auto rc = RunPresetSwitch(process.command_line, process.exe_folder)) return *rc;
   platform::ServiceIdentity identity;
@@ -29,7 +35,9 @@ int main() {
       std::_Exit(0);
     };
     // Without a writable folder nothing the agent does leaves a trace: say so once, then start anyway.
-    if (!platform::FolderIsWritable(process.exe_folder)) platform::ReportUnwritableFolder(*sys.event_log, process.exe_folder);
+    // The run mode is known from here on (the marker files beside the executable).
+    if (!platform::FolderIsWritable(process.exe_folder))
+      platform::ReportUnwritableFolder(*sys.event_log, process.exe_folder, EventLogAllowed(agent));
     const bool session = agent.UserSessionMode();
     Form_Load(agent);
     if (agent.Ended()) return 0;

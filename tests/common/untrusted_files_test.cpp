@@ -183,6 +183,76 @@ TEST(LineInjection, SettingsValuesStoredByTheServerAreCutBeforeTheyAreWritten) {
   EXPECT_EQ(t->settings.CurrentUser, "jsmith");
 }
 
+using namespace std::string_literals;
+
+TEST(LineInjection, ResultAndCaptureFilesCutServerValuesAtTheirFirstNul) {
+  TestAgent t;
+  t->local_ip = "192.168.5.20";
+  std::string mask = "127.0.0.\0IPMask=0.0.0."s;
+  SaveValidIPMask(*t, mask);
+  EXPECT_EQ(ReadFile(t.dir.File("TDIPMASK.INI")),
+            "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=127.0.0.\r\n");
+  t->login.TDLiveID = "48213\0\r\nRepeaterIP=6.6.6.6"s;
+  t->login.RepeaterIP = "10.1.2.3\0evil"s;
+  t->login.RepeaterPort = "5020";
+  SaveLiveID(*t);
+  EXPECT_EQ(ReadFile(t.dir.File("TDLiveID.INI")),
+            "[LiveID]\r\nTDLiveID=48213\r\nRepeaterIP=10.1.2.3\r\nRepeaterPort=5020\r\nPeerToPeerCapable=False\r\n");
+  t->settings.SvrTemp = "\\\\fs\\t\\:FTP@ftp.example\0evil:user:9F8E"s;
+  SaveFtpCredentials(*t);
+  EXPECT_EQ(Lines(t.dir.File("TDACFTP.INI"))[4], "FTPServer=ftp.example");
+  t->login.KekInfo = "KEK-1\0planted"s;
+  t->login.HundredScreensParam = "SCR:010\0planted"s;
+  Make100ScreensParamFile(*t);
+  EXPECT_EQ(ReadFile(t.dir.File("100Screen.KEK")), "KEK-1\r\n");
+  EXPECT_EQ(ReadFile(t.dir.File("100ScreenParam.TXT")), "SCR:010\r\n");
+  SendFramesForGrabberTask(*t, "10.1.1.1@x@Job7@y\0planted"s);
+  EXPECT_EQ(ReadFile(t.dir.File("SendFrames-Job7.TSF")), "10.1.1.1@x@Job7@y\r\n");
+  std::vector<std::string> warnings;
+  for (const auto& m : t.Messages())
+    if (m.rfind("Warning in TDACLI: The value of (", 0) == 0) warnings.push_back(m);
+  std::vector<std::string> expected;
+  for (const char* name : {"IPMask", "TDLiveID", "RepeaterIP", "FTPServer", "KekInfo", "HundredScreensParam",
+                           "SendFrames"})
+    expected.push_back("Warning in TDACLI: The value of ("s + name + ") held a line break and was cut at it.");
+  EXPECT_EQ(warnings, expected);
+  for (const auto& entry : std::filesystem::directory_iterator(t.dir.path())) {
+    const std::string name = entry.path().filename().string();
+    if (name.find("-TraceFile.TXT") == std::string::npos) {
+      EXPECT_EQ(ReadFile(entry.path().string()).find('\0'), std::string::npos) << name;
+    }
+  }
+}
+
+TEST(LineInjection, SettingsValuesWithANulAreCutBeforeTheyAreWrittenAndWhenTheyAreRead) {
+  TestAgent t;
+  t->local_ip = "192.168.5.20";
+  t->startup_banner_written = true;
+  t->settings.Server = "10.0.0.1\0evil"s;
+  t->settings.CurrentUser = "jsmith\0\r\nUseTrace=True"s;
+  ASSERT_TRUE(SaveConfiguration(*t));
+  const std::string written = ReadFile(t.dir.File("TDRegInfo.TXT"));
+  EXPECT_EQ(written.find('\0'), std::string::npos);
+  const auto lines = Lines(t.dir.File("TDRegInfo.TXT"));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Server=10.0.0.1"), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "CurrentUser=jsmith"), 1);
+  EXPECT_EQ(t->settings.Server, "10.0.0.1");
+  EXPECT_EQ(t.Messages(), (std::vector<std::string>{
+                              "Warning in TDACLI: The value of (Server) held a line break and was cut at it.",
+                              "Warning in TDACLI: The value of (CurrentUser) held a line break and was cut at it.",
+                              "Trace in TDACLI: Wrote Login Settings to config file"}));
+
+  // A file written by someone else: the value ends at its NUL as at a line end, and a value that is
+  // nothing but a NUL counts as an empty one (the default stays).
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "[Config]\r\nServer=10.0.0.7\0evil\r\nExt=\0\r\nSvrTemp=\\\\fs\\t\0\\..\r\n"s);
+  LoadConfiguration(*t);
+  EXPECT_EQ(t->settings.Server, "10.0.0.7");
+  EXPECT_EQ(t->settings.Ext, "1234");
+  EXPECT_EQ(t->settings.SvrTemp, "\\\\fs\\t");
+  EXPECT_EQ(ParseSettings("Server=a\0b\r\nPopEx=\0true"s).Server, "a");
+  EXPECT_EQ(ParseSettings("Server=a\0b\r\nPopEx=\0true"s).PopEx, "false");
+}
+
 TEST(StartupChecks, FolderIsWritableOnlyForAFolderThatTakesAFile) {
   testing::TempDir dir;
   EXPECT_TRUE(platform::FolderIsWritable(dir.path()));

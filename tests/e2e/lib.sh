@@ -3,8 +3,9 @@
 
 step() { echo "== $*"; }
 program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-# The trace's messages, one per line, without the time stamps.
-messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r'; }
+# The trace's messages, one per line, without the time stamps (a NUL quoted from a peer is left out:
+# the shell cannot hold one).
+messages() { local f; f=$(program_trace); [ -n "$f" ] && sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' "$f" | tr -d '\r\000'; }
 # Ends the run: "FAIL: $1", then the last lines of each of the other arguments that is a file.
 fail_showing() {
   local f
@@ -109,6 +110,10 @@ Trace=False
 WebCam=true
 100Screen=SCR:010|ATLOGO:2|010|001
 EOF
+  # A second agent whose server answers hold a NUL inside values (the agent cuts each value there).
+  printf '%s\n' '[nuluser]' 'ServerTemp=\\fs01\tdtemp\' 'LocalTemp=c:\%appdir%\Capture' \
+    'LiveID=48214:10.1.2.3:5020:T' 'Trace=False' 'WebCam=true' >>"$WORK/users.txt"
+  printf 'KekInfo=KEK-9\0planted\nValidIPMask=10.9.\0x\n100Screen=SCR:010\0planted\n' >>"$WORK/users.txt"
   # The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
   SERVER=
   for x in $(shuf -i 2-254 -n 20); do

@@ -4,7 +4,9 @@
 #   TDACSC, tdacli running in a fresh application folder -> `agent-explorer control TDACLI 128` logs
 #   the user in: the chain's trace lines, the login result and capture files, 130 and 131 at TDACMT,
 #   the login and the status report at the server -> code 133 logs the user off: the logoff at the
-#   server, 130 at TDACSC, old frames removed -> every program is stopped (also when a check fails).
+#   server, 130 at TDACSC, old frames removed -> code 128 for a user whose server answers hold a NUL:
+#   the mask, key and capture parameter files hold the values cut there, with one Warning each -> every
+#   program is stopped (also when a check fails).
 #
 #   login_linux.sh --tdacli F --standin F --login-server F --explorer F
 set -u
@@ -127,6 +129,27 @@ done
 has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
 has_line "$WORK/transcript.txt" '^\[[0-9]+\] S> LOGOFF=OKAY$' || fail "the server did not accept the logoff"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+
+step "code 128 for a user whose server answers hold a NUL: each stored value is cut there"
+sed -i "s/^CurrentUser=.*\r\$/CurrentUser=nuluser\r/" "$APP/TDRegInfo.TXT"
+out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
+# The web-cam trigger is the last file of the post-login work; the first login wrote one line already.
+second_post_login() { [ "$(messages | grep -cF 'Trace in TDACLI: WebCam Enabled, Making Trigger File')" -eq 2 ]; }
+wait_for 60 second_post_login || fail "the login of nuluser did not run its post-login work"
+same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n130\r\n131\r\n'
+has_message "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (nuluser) to Server ($SERVER)" ||
+  fail "nuluser was not logged in"
+same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=10.9."
+same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-9"
+same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010"
+for name in IPMask KekInfo HundredScreensParam; do
+  [ "$(messages | grep -cxF "Warning in TDACLI: The value of ($name) held a line break and was cut at it.")" -eq 1 ] ||
+    fail "not one Warning line for $name"
+done
+while IFS= read -r -d '' f; do
+  [ "$(tr -cd '\000' <"$f" | wc -c)" -eq 0 ] || fail "a NUL reached $f"
+done < <(find "$APP" -type f ! -name '*-TraceFile.TXT' ! -name '*-Error.LOG' ! -name tdacli -print0)
+! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
 
 step "stop: SIGTERM ends the agent with its STOP banner"
 kill -TERM "$AGENT"

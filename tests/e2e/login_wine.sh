@@ -6,6 +6,7 @@
 #   -> code 128 to TDACLI through the service manager: the login chain runs, TDACMT hears 130 and 131,
 #      the server hears the login and the status report
 #   -> code 133: the logoff reaches the server; Windows 10 gets the TDACSC message as a request file
+#   -> code 128 for a user whose server answers hold a NUL: the stored values are cut there
 #   -> TDACMT stopped and removed, code 128 again: the message to the missing sibling logs 1060
 #   -> both services stopped and removed (also when a check fails).
 # Runs in a private Wine prefix with its own service manager.
@@ -167,6 +168,27 @@ request=$(ls "$APP"/*.TDACSC 2>/dev/null | head -n 1)
 same_bytes "$request" '%s\r\n' "Code=130"
 # TDACMT heard nothing more.
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
+
+step "code 128 for a user whose server answers hold a NUL: each stored value is cut there"
+sed -i "s/^CurrentUser=.*\r\$/CurrentUser=nuluser\r/" "$APP/TDRegInfo.TXT"
+out=$(control TDACLI 128); [ "$out" = "code 128 sent to TDACLI" ] || fail "code 128 not delivered: $out"
+# The web-cam trigger is the last file of the post-login work; the first login wrote one line already.
+second_post_login() { [ "$(messages | grep -cF 'Trace in TDACLI: WebCam Enabled, Making Trigger File')" -eq 2 ]; }
+wait_for 90 second_post_login || fail "the login of nuluser did not run its post-login work"
+has_message "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (nuluser) to Server ($SERVER)" ||
+  fail "nuluser was not logged in"
+same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=10.9."
+same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-9"
+same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010"
+for name in IPMask KekInfo HundredScreensParam; do
+  [ "$(messages | grep -cxF "Warning in TDACLI: The value of ($name) held a line break and was cut at it.")" -eq 1 ] ||
+    fail "not one Warning line for $name"
+done
+while IFS= read -r -d '' f; do
+  [ "$(tr -cd '\000' <"$f" | wc -c)" -eq 0 ] || fail "a NUL reached $f"
+done < <(find "$APP" -type f ! -name '*-TraceFile.TXT' ! -name '*-Error.LOG' ! -name '*.exe' -print0)
+! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
+sed -i "s/^CurrentUser=.*\r\$/CurrentUser=$USER_NAME\r/" "$APP/TDRegInfo.TXT"
 
 step "TDACMT stopped and removed: a message to it fails with 1060"
 out=$(svctool stop TDACMT) || fail "stop TDACMT: $out"

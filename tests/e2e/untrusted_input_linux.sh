@@ -105,12 +105,16 @@ out=$(reply '|SETEXT|12\r\nCurrentUser=evil;')
 out=$(reply '|SETALL||EXT|34\n[Config];|SERVER|10.0.0.9\rUseTrace=True;')
 [ "$out" = '|SETALL|<Extension>34;|SETSERVER|<TD Server>10.0.0.9;' ] || fail "SETALL answered: $out"
 out=$(reply '|SETPOP4WIN|yes\0no;')
-[ "$out" = '|SETPOP4WIN|<Pop4Win>yes\0no;' ] || fail "SETPOP4WIN with NUL answered: $out"
-same_bytes "$APP/TDRegInfo.TXT" '%b\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=34" "Server=10.0.0.9" \
+[ "$out" = '|SETPOP4WIN|<Pop4Win>yes;' ] || fail "SETPOP4WIN with NUL answered: $out"
+out=$(reply '|SETSERVER|10.0.0.1\0evil;')
+[ "$out" = '|SETSERVER|<TD Server>10.0.0.1;' ] || fail "SETSERVER with NUL answered: $out"
+same_bytes "$APP/TDRegInfo.TXT" '%b\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=34" "Server=10.0.0.1" \
   "UseTrace=False" "LocalTemp=unknown" "CurrentUser=jsmith" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-  "NotificationMethod=ServiceMessage" "PopEx=false" 'PopWinName=yes\0no' "ListeningPorts=5001,$PORT,6001,6002"
+  "NotificationMethod=ServiceMessage" "PopEx=false" 'PopWinName=yes' "ListeningPorts=5001,$PORT,6001,6002"
 in_order "Warning in TDACLI: The value of (Ext) held a line break and was cut at it." \
   "Warning in TDACLI: The value of (Ext) held a line break and was cut at it." \
+  "Warning in TDACLI: The value of (Server) held a line break and was cut at it." \
+  "Warning in TDACLI: The value of (PopWinName) held a line break and was cut at it." \
   "Warning in TDACLI: The value of (Server) held a line break and was cut at it."
 alive "$AGENT" || fail "the agent died"
 

@@ -293,6 +293,27 @@ TEST_F(ConsoleCommands, GetTraceFileEndsAsSoonAsTdacmtAnswers) {
   EXPECT_EQ(m.back(), Tr("TDACMT Replied With: 2"));
 }
 
+// The answer ends the one-second wait step it arrives in at once, not at the step's end.
+TEST_F(ConsoleCommands, GetTraceFileAnswerEndsItsWaitStepAtOnce) {
+  platform::Timer answer(t->loop());
+  answer.SetInterval(2500);
+  answer.on_tick = [&] {
+    answer.SetEnabled(false);
+    Service_Control(*t, 141);
+  };
+  t.service_control.on_send = [&](const std::string& service, int code) {
+    if (service == "TDACMT" && code == 140) answer.SetEnabled(true);
+  };
+  Console console(*t);
+  ASSERT_EQ(console.Connect(Port()), "|READY|");
+  const int64_t start = t.clock.NowMs();
+  console.Send("|GETTRACEFILE|");
+  EXPECT_EQ(console.Reply(30), "|GETTRACEFILE|<Status>1");
+  const int64_t took = t.clock.NowMs() - start;
+  EXPECT_GE(took, 2500);
+  EXPECT_LT(took, 3000);
+}
+
 TEST_F(ConsoleCommands, GetTraceFileInUserSessionModeWritesARequestFile) {
   testing::WriteFile(t.dir.File("thinterminal.dat"), "");
   Console console(*t);

@@ -3,6 +3,7 @@
 // lines in the settings file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -203,6 +204,34 @@ TEST_F(Hostile, LineBreaksInSetValuesAreCutWithAWarning) {
   a.Send("|SETPOP4WIN|x\ry;");
   EXPECT_EQ(a.Reply(), "|SETPOP4WIN|<Pop4Win>x;");
   EXPECT_EQ(testing::Lines(ConfigFile()).size(), 13u);
+}
+
+TEST_F(Hostile, NulInSetValuesIsCutLikeALineBreak) {
+  Console a(*t);
+  ASSERT_EQ(a.Connect(Port()), "|READY|");
+  a.Send(std::string("|SETSERVER|10.0.0.1\0evil;", 25));
+  EXPECT_EQ(a.Reply(), "|SETSERVER|<TD Server>10.0.0.1;");
+  EXPECT_EQ(testing::ReadFile(ConfigFile()), SettingsFile("1234", "10.0.0.1"));
+  EXPECT_EQ(NewMessages(),
+            (std::vector<std::string>{"Trace in TDACLI: Received SETSERVER command from Agent Explorer.",
+                                      "Warning in TDACLI: The value of (Server) held a line break and was cut at it.",
+                                      "Trace in TDACLI: Wrote Login Settings to config file"}));
+  // One Warning for a value that holds a NUL and line breaks behind it: the cut is at the first.
+  a.Send(std::string("|SETALL||EXT|77\0\r\n[Config];|SERVER|10.0.0.2\r\0x;", 47));
+  EXPECT_EQ(a.Reply(), "|SETALL|<Extension>77;|SETSERVER|<TD Server>10.0.0.2;");
+  EXPECT_EQ(testing::ReadFile(ConfigFile()), SettingsFile("77", "10.0.0.2"));
+  const auto messages = NewMessages();
+  EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                       "Warning in TDACLI: The value of (Ext) held a line break and was cut at it."),
+            1);
+  EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                       "Warning in TDACLI: The value of (Server) held a line break and was cut at it."),
+            1);
+  // A value that is nothing but a NUL is cut to nothing and saved so: the file keeps its 13 lines.
+  a.Send(std::string("|SETPOP4EXT|\0;", 14));
+  EXPECT_EQ(a.Reply(), "|SETPOP4EXT|<Pop4Ext>;");
+  EXPECT_EQ(testing::Lines(ConfigFile()).size(), 13u);
+  EXPECT_EQ(testing::ReadFile(ConfigFile()).find('\0'), std::string::npos);
 }
 
 TEST_F(Hostile, ASaveThatCannotReplaceTheFileAnswersWithTheOldValue) {

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "common/files.h"
+#include "config/result_files.h"
 #include "login/conversation.h"
 #include "login/drivers.h"
 #include "login/login_fixture.h"
@@ -422,6 +423,38 @@ TEST(LoginConversation, EndOfLoginWritesTheResultFilesAndSavesTheSettings) {
   // Not in user-session mode: no request files.
   for (const auto& e : std::filesystem::directory_iterator(f.t.dir.path()))
     EXPECT_EQ(e.path().string().find(".TDACSC"), std::string::npos);
+}
+
+TEST(LoginConversation, ANulInARepliedValueIsCutBeforeItIsStored) {
+  using namespace std::string_literals;
+  ConversationFixture f;
+  f.Reply("TDLIVEID=4711\0x:10.1.2.3:5020:T"s);
+  f.Reply("SERVERTEMP\\\\fs\\t\0\\..\\x"s);
+  f.Reply("LOCALTEMPd:\\temp\0\\.."s);
+  f.Reply("KEKINFOKEK-1\0planted"s);
+  f.Reply("VALIDIPMASK10.1.\0,0."s);
+  const auto lines = f.Reply("AGENTTRACETrue\0evil"s);
+  SaveLiveID(*f.t);
+  EXPECT_EQ(f.t->settings.SvrTemp, "\\\\fs\\t");
+  EXPECT_EQ(f.t->settings.LocalTemp, "d:\\temp");
+  EXPECT_EQ(f.t->settings.UseTrace, "True");
+  EXPECT_EQ(testing::ReadFile(f.App("TDIPMASK.INI")),
+            "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=10.1.\r\n");
+  EXPECT_EQ(testing::ReadFile(f.App("TDLiveID.INI")),
+            "[LiveID]\r\nTDLiveID=4711\r\nRepeaterIP=10.1.2.3\r\nRepeaterPort=5020\r\nPeerToPeerCapable=True\r\n");
+  for (const auto& e : std::filesystem::directory_iterator(f.t.dir.path()))
+    if (e.path().filename().string().find("-TraceFile.TXT") == std::string::npos) {
+      EXPECT_EQ(testing::ReadFile(e.path().string()).find('\0'), std::string::npos) << e.path();
+    }
+  std::vector<std::string> warnings;
+  for (const auto& m : f.t.Messages())
+    if (m.rfind("Warning in TDACLI: ", 0) == 0) warnings.push_back(m);
+  EXPECT_THAT(warnings, ElementsAre("Warning in TDACLI: The value of (IPMask) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (LocalTemp) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (SvrTemp) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (UseTrace) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (TDLiveID) held a line break and was cut at it."));
+  EXPECT_EQ(lines.back(), "Trace in TDACLI: Wrote Login Settings to config file");
 }
 
 TEST(LoginConversation, EmptyMaskAtTheEndOfALoginRemovesTheMaskFile) {

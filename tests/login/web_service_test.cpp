@@ -191,6 +191,70 @@ TEST(WebServiceLogin, NotFoundStatusWithAnyBodyIsNoResponse) {
   ExpectNoResponse(f, {"Trace in TDACLI: WebService_LoginUser - The web service answered with HTTP status 404"});
 }
 
+// ---- the deliberate differences from the literal texts (README, "The login web service"): one test
+// per row of that table, so that none changes by accident.
+
+TEST(WebClientDifference, ABlankInAValueGoesOutAsPercent20) {
+  WebFixture f;
+  f.t->settings.CurrentUser = "j smith";
+  f.t.http.Always(Xml("SUCCESS|"));
+  WebService_LoginUser(*f.t);
+  // Logged as built, sent with the blank escaped (a raw blank is no valid request line).
+  EXPECT_THAT(f.Since(0), ::testing::Contains(std::string("Trace in TDACLI: WebService_LoginUser - Performing an "
+                                                          "OpenURL() on: ") +
+                                              kUrlBase + "LoginMethod?WinName=j smith&LocalIP=192.168.5.20&Extension=4711"));
+  EXPECT_THAT(f.t.http.urls,
+              ElementsAre(std::string(kUrlBase) + "LoginMethod?WinName=j%20smith&LocalIP=192.168.5.20&Extension=4711"));
+}
+
+TEST(WebClientDifference, Status404IsNoResponseWhateverTheBody) {
+  WebFixture f;
+  f.t.http.Always(Xml("SUCCESS|USETRACE=True"), 404);
+  WebService_LoginUser(*f.t);
+  ExpectNoResponse(f, {"Trace in TDACLI: WebService_LoginUser - The web service answered with HTTP status 404"});
+  EXPECT_FALSE(Exists(f.App("TDRegInfo.TXT")));
+
+  WebFixture g;
+  g.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB9", 404);
+  WebService_PhoneHomeForScreenGrabberTasks(*g.t);
+  EXPECT_THAT(g.Since(0),
+              ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
+                                      "OpenURL() on: ") +
+                              kGrabberUrl,
+                          "Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - The web service answered with "
+                          "HTTP status 404",
+                          "Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Received: SUCCESS|SENDFRAMES|a@b@JOB9",
+                          "Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Received the following Response: "
+                          "NO RESPONSE or 404 PAGE NOT FOUND!"));
+  EXPECT_FALSE(Exists(g.App("SendFrames-JOB9.TSF")));
+}
+
+TEST(WebClientDifference, HostHttpsPortMeansHostAndThatPort) {
+  EXPECT_EQ(ParseWebServer("td.example.com:https:8443").Base(), "https://td.example.com:8443");
+  WebFixture f;
+  f.t->settings.Server = "td.example.com:https:8443";
+  WebService_LoginUser(*f.t);
+  EXPECT_THAT(f.t.http.urls, ElementsAre("https://td.example.com:8443/TDLoginWebService/TDLoginWebService.asmx/"
+                                         "LoginMethod?WinName=jsmith&LocalIP=192.168.5.20&Extension=4711"));
+}
+
+TEST(WebClientDifference, AFailedRequestAndAnotherStatusThan200EachAddOneTraceLine) {
+  WebFixture f;  // the recording client refuses by default
+  WebService_LoginUser(*f.t);
+  ExpectNoResponse(f, {"Trace in TDACLI: WebService_LoginUser - The request failed: Connection refused"});
+
+  // Any other status is traced and its body taken as the answer.
+  WebFixture g;
+  g.t.http.Always(Xml("SUCCESS|"), 500);
+  WebService_LoginUser(*g.t);
+  const auto lines = g.Since(0);
+  ASSERT_GE(lines.size(), 5u);
+  EXPECT_EQ(lines[3], "Trace in TDACLI: WebService_LoginUser - The web service answered with HTTP status 500");
+  EXPECT_EQ(lines[4], "Trace in TDACLI: WebService_LoginUser - Received the following Response: " +
+                          ReplaceAll(Xml("SUCCESS|"), "\r\n", "{CRLF}"));
+  EXPECT_TRUE(g.t->login.LoginSucceeded);
+}
+
 TEST(WebServiceLogin, NotFoundInTheTextIsNoResponse) {
   WebFixture f;
   f.t.http.Always("HTTP 404 Not Found");
@@ -307,6 +371,37 @@ TEST(WebServiceLogin, LineBreaksNeverReachStoredValues) {
   EXPECT_EQ(f.t->login.KekInfo, "ab");
   for (const auto& line : Lines(f.App("TDRegInfo.TXT"))) EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos);
   EXPECT_THAT(Lines(f.App("TDRegInfo.TXT")), ::testing::Not(::testing::Contains("Server=evil")));
+}
+
+TEST(WebServiceLogin, ANulInAFieldCutsTheStoredValueWithAWarning) {
+  using namespace std::string_literals;
+  WebFixture f;
+  f.t.http.Always(Xml("SUCCESS|USETRACE=True\0evil|LOCALTEMP=c:\\temp\0\\..|IPMASK=10.\0\r\n0.|SERVERTEMP=\\\\fs\\t\0x"s));
+  WebService_LoginUser(*f.t);
+  EXPECT_EQ(f.t->settings.UseTrace, "True");
+  EXPECT_EQ(f.t->settings.LocalTemp, "c:\\temp");
+  EXPECT_EQ(f.t->settings.SvrTemp, "\\\\fs\\t");
+  EXPECT_EQ(f.t->login.ValidIPMask, "10.");
+  EXPECT_EQ(ReadFile(f.App("TDRegInfo.TXT")).find('\0'), std::string::npos);
+  EXPECT_EQ(ReadFile(f.App("TDIPMASK.INI")),
+            "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=10.\r\n");
+  std::vector<std::string> warnings;
+  for (const auto& m : f.t.Messages())
+    if (m.rfind("Warning in TDACLI: ", 0) == 0) warnings.push_back(m);
+  EXPECT_THAT(warnings, ElementsAre("Warning in TDACLI: The value of (IPMask) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (LocalTemp) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (SvrTemp) held a line break and was cut at it.",
+                                    "Warning in TDACLI: The value of (UseTrace) held a line break and was cut at it."));
+}
+
+TEST(WebServicePhoneHome, ANulInATaskCutsTheJobFileLine) {
+  using namespace std::string_literals;
+  WebFixture f;
+  f.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB8@c\0planted"s);
+  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  EXPECT_EQ(ReadFile(f.App("SendFrames-JOB8.TSF")), "a@b@JOB8@c\r\n");
+  EXPECT_THAT(f.t.Messages(),
+              ::testing::Contains("Warning in TDACLI: The value of (SendFrames) held a line break and was cut at it."));
 }
 
 // Every key of the table against every field: a reply of one field sets exactly what its key names.

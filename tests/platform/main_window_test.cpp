@@ -108,6 +108,22 @@ TEST(MainForm, AsAServiceCloseAndSessionEndAreRefusedAndLogged) {
                                                        "Trace in TDACLI: Form_QueryUnload Invoked"}));
 }
 
+TEST(MainForm, AsAServiceOneEndOfTheSessionIsLoggedOnce) {
+  FormAgent a;
+  // The question, refused, then the end that comes all the same (a forced sign-out or shutdown).
+  EXPECT_EQ(a.Send(WM_QUERYENDSESSION), FALSE);
+  EXPECT_EQ(a.Send(WM_ENDSESSION, TRUE), 0);
+  EXPECT_EQ(a.t.Messages(), (std::vector<std::string>{"Trace in TDACLI: Form_QueryUnload Invoked"}));
+  // An end that was called off asks nothing; an end without the question asks once.
+  EXPECT_EQ(a.Send(WM_QUERYENDSESSION), FALSE);
+  EXPECT_EQ(a.Send(WM_ENDSESSION, FALSE), 0);
+  EXPECT_EQ(a.Send(WM_ENDSESSION, TRUE), 0);
+  EXPECT_EQ(a.t.Messages(), (std::vector<std::string>{"Trace in TDACLI: Form_QueryUnload Invoked",
+                                                       "Trace in TDACLI: Form_QueryUnload Invoked",
+                                                       "Trace in TDACLI: Form_QueryUnload Invoked"}));
+  EXPECT_FALSE(a.agent->Ended());
+}
+
 TEST(MainForm, InUserSessionModeTheEndOfTheSessionRunsTheStopHandler) {
   FormAgent a;
   testing::WriteFile(a.t.dir.File("thinterminal.dat"), "");

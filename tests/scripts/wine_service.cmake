@@ -23,3 +23,17 @@ if(WIN32)
       --work ${CMAKE_CURRENT_BINARY_DIR}/wine-user-session)
   set_tests_properties(WineService.UserSessionEnd PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: user session")
 endif()
+
+# An application folder the agent cannot write: the event-log entry that says so is written in
+# installer and service mode only, never in user-session mode or beside "thinterminal.root". Its own
+# prefix, since the end of the user's session ends every program of the prefix.
+if(WIN32)
+  add_test(NAME WineService.ReadOnlyFolder
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/wine/readonly_folder.sh
+      --wine-run ${CMAKE_SOURCE_DIR}/cmake/wine-run.sh
+      --prefix ${CMAKE_CURRENT_BINARY_DIR}/wine-readonly-prefix
+      --tdacli $<TARGET_FILE:tdacli>
+      --svctool $<TARGET_FILE:svctool>
+      --work ${CMAKE_CURRENT_BINARY_DIR}/wine-readonly)
+  set_tests_properties(WineService.ReadOnlyFolder PROPERTIES TIMEOUT 300 PASS_REGULAR_EXPRESSION "PASS: read-only folder")
+endif()

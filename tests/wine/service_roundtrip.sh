@@ -1,8 +1,9 @@
 #!/bin/bash
 # tdacli.exe as a real Windows service under Wine, end to end:
 #   install with "/s" -> start through the service manager -> start-up banner "Running As: WinService"
-#   -> user-defined control code 200 and pause/continue reach the agent -> stop through the service
-#   manager -> STOP banner -> "/u /s" removes the service and its event source.
+#   -> user-defined control code 200 and pause/continue reach the agent -> a NUL in a SET value is cut
+#   -> closing the hidden form and the end of a session are refused, each logged once -> stop through
+#   the service manager -> STOP banner -> "/u /s" removes the service and its event source.
 # Runs in a private Wine prefix whose service manager is started by this script with
 # WINEDEBUG=+eventlog, so that the service's event-log entries (Wine writes them to its "eventlog"
 # debug channel) land in wine-stderr.log and can be checked too.
@@ -121,6 +122,23 @@ out=$(svctool control TDACLI 200); grep -qx 'result=0' <<<"$out" || fail "Contro
 wait_trace "Warning in TDACLI: The message (200) was recevied and discarded. The service does not recognize that request" 30 ||
   fail "code 200 not logged"
 
+step "a NUL inside a SET value is cut like a line break"
+port=$(sed -n 's/.*Listening Port: \([0-9]*\).*/\1/p' "$trace" | head -n 1)
+[ -n "$port" ] || fail "no listening port in the banner"
+exec 3<>"/dev/tcp/127.0.0.1/$port" || fail "no connection to port $port"
+[ "$(timeout 10 head -c 7 <&3)" = "|READY|" ] || fail "no |READY| on port $port"
+printf '|SETSERVER|10.0.0.1\0evil;' >&3
+expected='|SETSERVER|<TD Server>10.0.0.1;'
+timeout 10 head -c ${#expected} <&3 >"$WORK/reply.bin"
+exec 3<&-
+printf '%s' "$expected" | cmp -s - "$WORK/reply.bin" || fail "SETSERVER with a NUL answered: $(od -c "$WORK/reply.bin")"
+printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=1234" "Server=10.0.0.1" "UseTrace=False" \
+  "LocalTemp=unknown" "CurrentUser=N/A" "CurrentEvent=N/A" "SvrTemp=Unknown" "NotificationMethod=FileMessage" \
+  "PopEx=false" "PopWinName=false" "ListeningPorts=0,0,0,0" >"$WORK/settings.expected"
+cmp -s "$WORK/settings.expected" "$APP/TDRegInfo.TXT" || fail "TDRegInfo.TXT: $(od -c "$APP/TDRegInfo.TXT" | head -n 20)"
+wait_trace "Warning in TDACLI: The value of (Server) held a line break and was cut at it." 30 ||
+  fail "no Warning line for the cut server"
+
 step "pause and continue are logged and refused"
 out=$(svctool pause TDACLI) || fail "pause: $out"
 wait_trace "Warning in TDACLI: The service received, and discarded, a 'Pause' request. This service does not accept pause/continue requests." 30 ||
@@ -138,6 +156,20 @@ out=$(svctool close-form service end-session) || fail "close-form end-session: $
 grep -qx 'answer=0' <<<"$out" || fail "the end of the session was not refused: $out"
 out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after the close: $out"
 [ "$(grep -cF "Form_QueryUnload Invoked" "$(program_trace)")" -eq 2 ] || fail "expected two Form_QueryUnload lines"
+
+step "a session end that comes all the same is one close request: one Form_QueryUnload line"
+# What Windows sends at a forced sign-out or shutdown: the question, refused, then WM_ENDSESSION with
+# TRUE. Both messages are answered before svctool returns.
+out=$(svctool close-form service session-ended) || fail "close-form session-ended: $out"
+grep -qx 'answer=0' <<<"$out" || fail "the end of the session was not refused: $out"
+n=$(grep -cF "Form_QueryUnload Invoked" "$(program_trace)")
+[ "$n" -eq 3 ] || fail "the end of the session logged $((n - 2)) Form_QueryUnload lines, expected one"
+out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after the session end: $out"
+
+step "wineboot --end-session does not reach the service's form, which lives in the service window station"
+WINEDEBUG=-all "$WINE" wineboot --end-session >>"$LOG" 2>&1 || fail "wineboot --end-session"
+[ "$(grep -cF "Form_QueryUnload Invoked" "$(program_trace)")" -eq 3 ] || fail "wineboot --end-session reached the form"
+out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after wineboot --end-session: $out"
 
 step "stop through the service manager"
 out=$(svctool stop TDACLI) || fail "stop: $out"

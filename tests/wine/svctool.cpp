@@ -125,9 +125,11 @@ int Version(const char* file) {
 
 }  // namespace
 
-// Sends WM_CLOSE (or, with "end-session", WM_QUERYENDSESSION) to the agent's hidden main form, as the
-// system would, and prints the form's answer. A service's windows live in the service window station
-// (Wine's "__wineservice_winstation"); with "service" as the place the tool joins it first.
+// Sends WM_CLOSE (or, with "end-session", WM_QUERYENDSESSION; with "session-ended", WM_QUERYENDSESSION
+// and then WM_ENDSESSION with TRUE whatever the answer, as Windows does when the user forces the
+// sign-out or shutdown; with "find", nothing) to the agent's hidden main form, as the system would,
+// and prints the form's answer. A service's windows live in the service window station (Wine's
+// "__wineservice_winstation"); with "service" as the place the tool joins it first.
 int CloseForm(const std::string& place, const std::string& how) {
   if (place == "service") {
     HWINSTA station = OpenWindowStationA("__wineservice_winstation", FALSE, WINSTA_ALL_ACCESS);
@@ -137,9 +139,18 @@ int CloseForm(const std::string& place, const std::string& how) {
   }
   HWND form = FindWindowA("TDACLI.frmMain", "frmMain");
   if (!form) return Fail("FindWindow");
-  const UINT msg = how == "end-session" ? WM_QUERYENDSESSION : WM_CLOSE;
+  if (how == "find") {
+    std::printf("result=0\nwindow=yes\n");
+    return 0;
+  }
+  const UINT msg = how == "end-session" || how == "session-ended" ? WM_QUERYENDSESSION : WM_CLOSE;
   DWORD_PTR answer = 0;
   if (!SendMessageTimeoutA(form, msg, 0, 0, SMTO_NORMAL, 30000, &answer)) return Fail("SendMessageTimeout");
+  if (how == "session-ended") {
+    DWORD_PTR ignored = 0;
+    if (!SendMessageTimeoutA(form, WM_ENDSESSION, TRUE, 0, SMTO_NORMAL, 30000, &ignored))
+      return Fail("SendMessageTimeout(WM_ENDSESSION)");
+  }
   std::printf("result=0\nanswer=%lu\nwindow=%s\n", static_cast<unsigned long>(answer), IsWindow(form) ? "yes" : "no");
   return 0;
 }

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   ParseResult parsed = ParseArguments(args);
   if (!parsed.ok) {
-    std::cerr << "agent-explorer: " << parsed.error << "\n(agent-explorer --help lists the commands)\n";
+    std::cerr << "agent-explorer: " << parsed.error << "\n" << UsageText();
     return kExitUsage;
   }
   Options& o = parsed.options;

@@ -57,7 +57,7 @@ constexpr size_t kRequestLimit = 4096;
 constexpr const char* kAgentService = "TDACLI";
 
 int Fail(const std::string& text) {
-  std::fprintf(stderr, "sibling-standin: %s\n(--help shows the usage)\n", text.c_str());
+  std::fprintf(stderr, "sibling-standin: %s\n%s", text.c_str(), kUsage);
   return 2;
 }
 
@@ -226,7 +226,7 @@ int main(int argc, char** argv) {
     } else if (arg == "--log") {
       if (!value(options.log) || options.log.empty()) return Fail("--log needs a file");
     } else {
-      return Fail("unknown argument " + arg);
+      return Fail((arg.rfind("-", 0) == 0 ? "unknown option " : "unknown argument ") + arg);
     }
   }
   if (options.name.empty()) return Fail("--name is required");

@@ -24,7 +24,7 @@ using namespace tdacli;
 
 
 int Fail(const std::string& text) {
-  std::cerr << "td-login-server: " << text << "\n(--help shows the usage)\n";
+  std::cerr << "td-login-server: " << text << "\n" << loginsim::kUsage;
   return 2;
 }
 
@@ -147,7 +147,7 @@ int main(int argc, char** argv) {
     } else if (arg == "--quiet") {
       quiet = true;
     } else {
-      return Fail("unknown argument " + arg);
+      return Fail((arg.rfind("-", 0) == 0 ? "unknown option " : "unknown argument ") + arg);
     }
   }
   if (!pki.empty()) {

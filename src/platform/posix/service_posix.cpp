@@ -129,7 +129,7 @@ std::unique_ptr<ServiceControlClient> MakeServiceControlClient(const std::string
   return std::make_unique<DatagramServiceControl>(app_folder);
 }
 
-void ReportUnwritableFolder(EventLog& /*event_log*/, const std::string& folder) {
+void ReportUnwritableFolder(EventLog& /*event_log*/, const std::string& folder, bool /*event_log_allowed*/) {
   std::fprintf(stderr, "tdacli: the application folder %s is not writable: settings, logs and files for the other "
                "services cannot be written there\n", folder.c_str());
 }
@@ -164,6 +164,49 @@ SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   f.http = MakeHttpClient();
   f.internet = MakeInternetConnection();
   return f;
+}
+
+std::optional<int> AnswerHelpRequest(const std::vector<std::string>& args, const ServiceIdentity& identity,
+                                     const std::string& app_folder) {
+  std::string folder = app_folder;
+  if (!folder.empty() && folder.back() != '/') folder += '/';
+  const std::string& n = identity.name;
+  const std::string usage =
+      "Usage: tdacli [--help]\n"
+      "\n"
+      "The " + identity.description + " (service \"" + n + "\") for Linux. There is no\n"
+      "service manager: started, tdacli is the service and runs in the foreground until SIGTERM or\n"
+      "Ctrl+C (SIGINT) stops it.\n"
+      "\n"
+      "Its application folder is the folder of the executable, here " + folder + "\n"
+      "It holds the settings file TDRegInfo.TXT, the trace and error logs and the files the agent\n"
+      "shares with the other programs of the suite: copy tdacli into that folder and start it there.\n"
+      "\n"
+      "Control codes reach the running service as decimal text on its control endpoint, the datagram\n"
+      "socket \"<application folder>/" + n + ".svc\" (here " + ControlEndpointPath(app_folder, n) + "), for example:\n"
+      "  agent-explorer control " + n + " 128 --app-dir " + app_folder + "\n"
+      "A second agent is not started in the folder of a running one.\n"
+      "\n"
+      "With the file thinterminal.dat in the application folder it runs in user-session mode instead\n"
+      "(one agent per user, as on a Terminal Server): the command listener opens after the user's\n"
+      "login and logons arrive as request files.\n"
+      "\n"
+      "Options:\n"
+      "  -h, --help   this text; nothing is started and no file is written\n"
+      "Other words on the command line are ignored.\n";
+  for (const std::string& a : args) {
+    if (a == "--help" || a == "-h") {
+      std::fputs(usage.c_str(), stdout);
+      return 0;
+    }
+  }
+  for (const std::string& a : args) {
+    if (!a.empty() && a[0] == '-') {
+      std::fprintf(stderr, "tdacli: unknown option %s\n%s", a.c_str(), usage.c_str());
+      return 2;
+    }
+  }
+  return std::nullopt;
 }
 
 int RunServiceProcess(const ServiceIdentity& identity, const std::string& app_folder,

@@ -46,10 +46,14 @@ class Win32MainWindow : public MainWindow {
       switch (msg) {
         case WM_QUERYENDSESSION:
           // Refusing answers FALSE; agreeing (user-session mode) has already ended the process.
+          self->asked_ = true;
           return self->QueryUnload() ? FALSE : TRUE;
         case WM_ENDSESSION:
-          // The session ends whatever the answers were: the process is ended after this returns.
-          if (wp) self->QueryUnload();
+          // The session ends whatever the answers were: the process is ended after this returns. The
+          // form was asked already unless the end came without the question (a forced one); only
+          // then is it asked here, so that one end of a session is one close request.
+          if (wp && !self->asked_) self->QueryUnload();
+          self->asked_ = false;
           return 0;
         case WM_CLOSE:
           if (!self->QueryUnload()) DestroyWindow(hwnd);
@@ -63,6 +67,7 @@ class Win32MainWindow : public MainWindow {
 
   std::function<bool()> query_unload_;
   HWND hwnd_ = nullptr;
+  bool asked_ = false;  // WM_QUERYENDSESSION came and its WM_ENDSESSION has not
 };
 
 }  // namespace

@@ -359,9 +359,18 @@ SystemFacilities MakeSystemFacilities(const std::string& app_folder) {
   return f;
 }
 
-void ReportUnwritableFolder(EventLog& event_log, const std::string& folder) {
+void ReportUnwritableFolder(EventLog& event_log, const std::string& folder, bool event_log_allowed) {
+  // In user-session mode, or beside "thinterminal.root", the agent writes nothing to the event log;
+  // with its folder unwritable it then has nowhere to say this.
+  if (!event_log_allowed) return;
   event_log.Write(1, "The application folder " + folder +
                          " is not writable: settings, logs and files for the other services cannot be written there");
+}
+
+std::optional<int> AnswerHelpRequest(const std::vector<std::string>& /*args*/, const ServiceIdentity& /*identity*/,
+                                     const std::string& /*app_folder*/) {
+  // A GUI-subsystem program has no standard output, and every start by hand is the installer.
+  return std::nullopt;
 }
 
 int RunServiceProcess(const ServiceIdentity& identity, const std::string& /*app_folder*/,
