@@ -171,12 +171,13 @@ Table BuildTable(const Options& o, const std::vector<HostResult>& results) {
 
 std::string FormatTable(const Table& t) {
   std::vector<std::vector<std::string>> cells;
-  cells.push_back(t.columns);
-  for (const auto& row : t.rows) {
+  auto add = [&](const std::vector<std::string>& row) {
     std::vector<std::string> r;
     for (const std::string& v : row) r.push_back(EscapeControls(v));
     cells.push_back(std::move(r));
-  }
+  };
+  add(t.columns);  // escaped as well: getver's column names come from the agents' reports
+  for (const auto& row : t.rows) add(row);
   std::vector<size_t> width(t.columns.size(), 0);
   for (const auto& row : cells)
     for (size_t i = 0; i < row.size() && i < width.size(); ++i) width[i] = std::max(width[i], Width(row[i]));
