@@ -109,6 +109,9 @@ TEST(FleetHosts, AMalformedEntryIsNamed) {
             "--hosts: a.txt line 3: bad entry \"pc2,pc3\" (not an IPv4 address or a host name)");
   EXPECT_EQ(SpecError("@a.txt", {{"a.txt", "pc1\r\n@b.txt\r\n"}, {"b.txt", "pc2"}}),
             "--hosts: a.txt line 2: bad entry \"@b.txt\" (a host file cannot name another host file)");
+  const std::string long_name = std::string(100, 'f') + "\x1b";
+  EXPECT_EQ(SpecError("@" + long_name, {{long_name, "bad host"}}),
+            "--hosts: " + std::string(80, 'f') + "... line 1: bad entry \"bad host\" (not an IPv4 address or a host name)");
   EXPECT_EQ(SpecError("@big.txt", {{"big.txt", std::string(kMaxHostFileBytes + 1, '#')}}),
             "--hosts: the host file \"big.txt\" is larger than 16777216 bytes");
 }

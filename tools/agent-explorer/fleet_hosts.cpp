@@ -9,13 +9,15 @@ namespace tdacli::explorer::fleet {
 
 namespace {
 
-// An entry as it may appear in an error message: control characters escaped, at most 80 characters.
-std::string Quote(std::string_view entry) {
+// An entry or file name as it may appear in an error message: control characters escaped, at most 80
+// characters.
+std::string Shown(std::string_view text) {
   constexpr size_t kMax = 80;
-  std::string shown = EscapeControls(entry.substr(0, kMax));
-  if (entry.size() > kMax) shown += "...";
-  return "\"" + shown + "\"";
+  std::string shown = EscapeControls(text.substr(0, kMax));
+  if (text.size() > kMax) shown += "...";
+  return shown;
 }
+std::string Quote(std::string_view entry) { return "\"" + Shown(entry) + "\""; }
 
 std::string_view Trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
@@ -141,7 +143,7 @@ class Collector {
       if (hash != std::string_view::npos) line = line.substr(0, hash);
       line = Trim(line);
       if (line.empty()) continue;
-      if (!Entry(line, EscapeControls(name) + " line " + std::to_string(line_number))) return false;
+      if (!Entry(line, Shown(name) + " line " + std::to_string(line_number))) return false;
     }
     return true;
   }
