@@ -385,8 +385,11 @@ TEST_F(FleetRun, GetInfoFromAnAgentAndEveryKindOfFailure) {
   trickler.greeting = "";
   trickler.trickle = true;
   trickler.trickle_text = "|READY|";
-  Peer garbled(loop);
+  Peer garbled(loop);  // a reply that stops short, or trickles, is cut at the time-out
   garbled.answer = [](const std::string&) { return std::string("|GETINFO|<PCName>half a reply"); };
+  Peer slow(loop);
+  slow.trickle = true;
+  slow.trickle_text = kInfoReply;
   Peer alien(loop);
   alien.answer = [](const std::string&) { return std::string("HTTP/1.0 400 Bad Request\r\n\r\n"); };
   const uint16_t nothing = ClosedPort(loop);
@@ -394,10 +397,10 @@ TEST_F(FleetRun, GetInfoFromAnAgentAndEveryKindOfFailure) {
   Options o;
   o.hosts = {AgentHost(),     {"127.0.0.1", nothing}, silent.host(),  wrong.host(), flood.host(),
              refusing.host(), trickler.host(),        garbled.host(), alien.host(),
-             junk.host()};
+             junk.host(),     slow.host()};
   const int64_t t0 = t.clock.NowMs();
   const auto rs = RunOn(o);
-  ASSERT_EQ(rs.size(), 10u);
+  ASSERT_EQ(rs.size(), 11u);
   EXPECT_EQ(rs[0].state, "ok");
   EXPECT_GE(rs[0].rtt_ms, 0);
   EXPECT_EQ(rs[0].info.computer, "WKS-0042");
@@ -413,9 +416,12 @@ TEST_F(FleetRun, GetInfoFromAnAgentAndEveryKindOfFailure) {
   EXPECT_EQ(rs[4].state, "error: reply too long");
   EXPECT_EQ(rs[5].state, "closed");
   EXPECT_EQ(rs[6].state, "timeout");  // cut at its time-out however it trickles
-  EXPECT_EQ(rs[7].state, "error: unexpected reply");
+  EXPECT_EQ(rs[7].state, "timeout");
   EXPECT_EQ(rs[8].state, "error: unexpected reply");
   EXPECT_EQ(rs[9].state, "error: unexpected reply");
+  EXPECT_EQ(rs[10].state, "timeout");
+  EXPECT_GE(slow.trickled, 4u);
+  EXPECT_LE(slow.trickled, 5u);
   for (size_t i = 1; i < rs.size(); ++i) {
     EXPECT_FALSE(rs[i].has_info) << i;
     EXPECT_EQ(rs[i].rtt_ms, -1) << i;
@@ -436,7 +442,7 @@ TEST_F(FleetRun, GetInfoFromAnAgentAndEveryKindOfFailure) {
                                                      "127.0.0.1", "FileMessage", "1,0,2,3"}));
   EXPECT_EQ(table.rows[2], (std::vector<std::string>{"127.0.0.1", std::to_string(silent.host().port), "timeout", "", "",
                                                      "", "", "", "", ""}));
-  EXPECT_EQ(SummaryLine(o, rs), "10 hosts: 1 ok, 4 error, 2 timeout, 1 refused, 1 closed, 1 not-an-agent");
+  EXPECT_EQ(SummaryLine(o, rs), "11 hosts: 1 ok, 4 timeout, 3 error, 1 refused, 1 closed, 1 not-an-agent");
 }
 
 TEST_F(FleetRun, AtMostParallelConnectionsAtOnce) {
@@ -469,18 +475,26 @@ TEST_F(FleetRun, AtMostParallelConnectionsAtOnce) {
 
 TEST_F(FleetRun, GetVerAddsTheComponents) {
   Peer old_agent(t->loop());
-  // An agent whose report ends differently is read once it falls quiet.
   old_agent.answer = [](const std::string& c) -> std::string {
     if (c == "|GETINFO|") return kInfoReply;
     return "|GETVER|<Status>Agent Client Components Information:{CRLF}{CRLF}Component name                     "
            "Version       State                 Account{CRLF}{CRLF}Agent Login Service:              2, 9, 0, 1,"
-           "[date=2019-03-01],[time=10:00:00],[size=2,048]     RUNNING     LocalSystem{CRLF}";
+           "[date=2019-03-01],[time=10:00:00],[size=2,048]     RUNNING     LocalSystem{CRLF}TD Server: x{CRLF}"
+           "FTP PassiveUseHostAddr: N/A{CRLF}";
+  };
+  Peer short_report(t->loop());  // a report that stops before its end is cut at the time-out
+  short_report.answer = [](const std::string& c) -> std::string {
+    if (c == "|GETINFO|") return kInfoReply;
+    return "|GETVER|<Status>Agent Client Components Information:{CRLF}{CRLF}";
   };
   Options o;
   o.command = Command::kGetVer;
-  o.hosts = {AgentHost(), old_agent.host()};
+  o.hosts = {AgentHost(), old_agent.host(), short_report.host()};
   const auto rs = RunOn(o);
-  ASSERT_EQ(rs.size(), 2u);
+  ASSERT_EQ(rs.size(), 3u);
+  EXPECT_EQ(rs[2].state, "timeout");
+  EXPECT_TRUE(rs[2].has_info);
+  EXPECT_TRUE(rs[2].components.empty());
   EXPECT_EQ(rs[0].state, "ok");
   ASSERT_FALSE(rs[0].components.empty());
   EXPECT_EQ(rs[0].components[0].name, "Agent Login Service");

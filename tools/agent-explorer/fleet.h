@@ -80,8 +80,6 @@ struct Options {
   bool apply = false;            // set: send the SET commands
   int parallel = 64;
   double timeout_seconds = 5;
-  // A reply that does not end as its command's replies end is taken as complete after this quiet time.
-  int settle_ms = 250;
 };
 
 inline constexpr int kMaxParallel = 1024;

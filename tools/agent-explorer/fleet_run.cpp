@@ -177,21 +177,13 @@ class Conversation {
   }
 
   bool done() const { return done_; }
-  int64_t Deadline() const { return done_ ? kNever : std::min(stage_deadline_, quiet_deadline_); }
+  int64_t Deadline() const { return done_ ? kNever : stage_deadline_; }
 
-  // The loop passed this conversation's deadline.
+  // The loop passed this conversation's deadline: whatever came so far, the stage did not finish.
   void Expire() {
-    if (done_) return;
-    const int64_t now = Now();
-    if (now >= stage_deadline_) {
-      if (step_ == Step::kSet) sets_failed_reason_ = "no reply";
-      Finish("timeout");
-      return;
-    }
-    if (now >= quiet_deadline_) {
-      quiet_deadline_ = kNever;
-      Settled();
-    }
+    if (done_ || Now() < stage_deadline_) return;
+    if (step_ == Step::kSet) sets_failed_reason_ = "no reply";
+    Finish("timeout");
   }
 
  private:
@@ -229,10 +221,6 @@ class Conversation {
 
   void PeerClosed() {
     if (step_ == Step::kGreeting) return Finish("closed");
-    if (!buffer_.empty()) {
-      Settled();  // what came before the close is all there is
-      if (done_) return;
-    }
     sets_failed_reason_ = "connection closed";
     Finish("error: connection closed before the reply");
   }
@@ -256,13 +244,14 @@ class Conversation {
   void Send(Step step, const std::string& command) {
     step_ = step;
     stage_deadline_ = Now() + timeout_ms_;
-    quiet_deadline_ = kNever;
     sent_at_ = Now();
     if (platform::SocketError e = socket_.SendData(command)) return Failed(e.number, e.description);
     if (!buffer_.empty()) Examine();
   }
 
-  // A reply has arrived in part or whole: go on when it is complete, give up when it cannot be one.
+  // A reply has arrived in part or whole: go on when it is complete, give up when it cannot be one;
+  // otherwise wait for more until the stage's deadline (a reply has no terminator, but each command's
+  // reply ends in a known way).
   void Examine() {
     if (buffer_.empty()) return;
     switch (step_) {
@@ -281,23 +270,6 @@ class Conversation {
         if (StartsWith(buffer_, head) && buffer_.find(';', head.size()) != std::string::npos) return GotSetAnswer();
         break;
       }
-      case Step::kGreeting:
-        return;
-    }
-    // Not complete yet: more may come; a reply that stops short is judged after a quiet moment.
-    quiet_deadline_ = Now() + o_.settle_ms;
-  }
-
-  // Nothing more came for a moment after an incomplete reply.
-  void Settled() {
-    switch (step_) {
-      case Step::kGetInfo:
-        return Finish("error: unexpected reply");
-      case Step::kGetVer:
-        // Whatever report layout an agent of another version sends, its rows are read.
-        return GotReport();
-      case Step::kSet:
-        return GotSetAnswer();
       case Step::kGreeting:
         return;
     }
@@ -357,7 +329,6 @@ class Conversation {
     const std::string expected = std::string(v.setting->keyword) + std::string(v.setting->tag) + v.value + ";";
     r.result = buffer_ == expected ? "changed" : "failed: " + Cell(buffer_);
     buffer_.clear();
-    quiet_deadline_ = kNever;
     NextSet();
   }
 
@@ -370,7 +341,7 @@ class Conversation {
   Step step_ = Step::kGreeting;
   bool connected_ = false, done_ = false;
   std::string buffer_;
-  int64_t stage_deadline_ = kNever, quiet_deadline_ = kNever, sent_at_ = 0;
+  int64_t stage_deadline_ = kNever, sent_at_ = 0;
   std::vector<size_t> pending_sets_;  // indexes into o_.values of the SETs to send
   size_t set_next_ = 0;               // pending_sets_[set_next_ - 1] is in hand
   std::string sets_failed_reason_;
