@@ -31,36 +31,9 @@ begin_run tdacli-fleet
 [ -n "${KEEP_WORK:-}" ] && trap "stop_all" EXIT
 fail() { fail_showing "$*" "$WORK"/err.* "$WORK"/peers.err "$WORK"/diff.txt; }
 fleet() { "$EXPLORER" fleet "$@"; }
-# Compares a file with the expected text; the difference goes to diff.txt for the failure report.
-same_text() {
-  diff <(printf '%s' "$2") "$1" >"$WORK/diff.txt" || fail "$3 differs from what was expected (diff.txt: expected < > got)"
-}
 
-COMPUTER=$(hostname)
-COMPUTER=${COMPUTER%%.*}
-COMPUTER=${COMPUTER:0:15}
-COMPUTER=${COMPUTER^^}
-ME=$(id -un)
-
-# Current users that test the output's guards: formula starts, a comma, a quote, an escape character.
-user_of() {
-  case "$1" in
-    1) printf '%s' "=cmd" ;;
-    2) printf '%s' "-jdoe" ;;
-    3) printf '%s' "@ops" ;;
-    4) printf '%s' "+44" ;;
-    5) printf '%s' "smith, j" ;;
-    6) printf 'esc\033[31m' ;;
-    7) printf '%s' 'say "hi"' ;;
-    *) printf 'user%s' "$1" ;;
-  esac
-}
-# The settings file exactly as the agent's save writes it.
-settings_of() {  # $1 agent, $2 port, $3 server
-  printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=$((4000 + $1))" "Server=$3" \
-    "UseTrace=False" "LocalTemp=unknown" "CurrentUser=$(user_of "$1")" "CurrentEvent=N/A" "SvrTemp=Unknown" \
-    "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$2,6001,6002"
-}
+# shellcheck source=tests/e2e/fleet_lib.sh
+source "$(dirname "$0")/fleet_lib.sh"
 
 step "$N agents and one that refuses the console, each in its own folder on its own port"
 cp "$TDACLI" "$WORK/tdacli"
@@ -116,27 +89,6 @@ OTHERS=("$DEAD1 refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: 
 TOTAL=$((N + 7))
 SUMMARY="$TOTAL hosts: $N ok, 2 timeout, 2 refused, 1 closed, 1 not-an-agent, 1 error"
 
-# The table cut at the header's column starts: "cell|cell|...", the round-trip times as RTT; a cell
-# that runs into the next column's gap is reported.
-table_cells() {
-  awk '
-    NR == 1 { for (i = 1; i <= length($0); i++) if (substr($0, i, 1) != " " && (i == 1 || substr($0, i - 1, 1) == " ")) at[++n] = i }
-    {
-      out = ""
-      for (k = 1; k <= n; k++) {
-        end = k < n ? at[k + 1] - 1 : length($0)
-        cell = substr($0, at[k], end - at[k] + 1)
-        if (k < n && length($0) >= at[k + 1] && substr($0, at[k + 1] - 2, 2) != "  ") print "MISALIGNED line " NR
-        if (k > 1 && at[k] <= length($0) && substr($0, at[k] - 1, 1) != " ") print "MISALIGNED line " NR
-        sub(/ +$/, "", cell)
-        if (k == 4 && NR > 1 && cell ~ /^[0-9]+$/) cell = "RTT"
-        out = out (k > 1 ? "|" : "") cell
-      }
-      print out
-    }' "$1"
-}
-esc_table() { sed 's/\x1b/\\x1B/g'; }
-
 step "getinfo as a table"
 t0=$(date +%s%N)
 fleet getinfo --hosts "$SPEC" --timeout 2 >"$WORK/out.table" 2>"$WORK/err.table"
@@ -145,14 +97,9 @@ echo "getinfo over $TOTAL hosts: $(( ($(date +%s%N) - t0) / 1000000 )) ms"
 [ $rc -eq 1 ] || fail "getinfo with hosts that did not answer: exit code $rc"
 same_text "$WORK/err.table" "$SUMMARY
 " "standard error of getinfo"
-expected="host|port|state|rtt_ms|computer|current_user|ext|server|notification_method|listening_ports"
-for i in $(seq 1 "$N"); do
-  expected+=$'\n'"127.0.0.1|${PORT[i]}|ok|RTT|$COMPUTER|$(user_of "$i" | esc_table)|$((4000 + i))|10.1.1.5|ServiceMessage|5001,${PORT[i]},6001,6002"
-done
-for o in "${OTHERS[@]}"; do expected+=$'\n'"127.0.0.1|${o%% *}|${o#* }|||||||"; done
 table_cells "$WORK/out.table" >"$WORK/cells.txt"
-same_text "$WORK/cells.txt" "$expected
-" "the table"
+expected_cells >"$WORK/cells.expected"
+same_output "$WORK/cells.txt" "$WORK/cells.expected" "the table"
 
 step "getinfo as CSV"
 fleet getinfo --hosts "$SPEC" --timeout 2 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
@@ -160,56 +107,17 @@ rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format csv: exit code $rc"
 same_text "$WORK/err.csv" "$SUMMARY
 " "standard error of getinfo --format csv"
-csv_user() {
-  case "$1" in
-    1 | 2 | 3 | 4) printf "'%s" "$(user_of "$1")" ;;
-    5) printf '"smith, j"' ;;
-    6) printf 'esc\\x1B[31m' ;;
-    7) printf '"say ""hi"""' ;;
-    *) user_of "$1" ;;
-  esac
-}
-expected=$(printf '%s\r\n' "host,port,state,rtt_ms,computer,current_user,ext,server,notification_method,listening_ports"
-  for i in $(seq 1 "$N"); do
-    printf '%s\r\n' "127.0.0.1,${PORT[i]},ok,RTT,$COMPUTER,$(csv_user "$i"),$((4000 + i)),10.1.1.5,ServiceMessage,\"5001,${PORT[i]},6001,6002\""
-  done
-  for o in "${OTHERS[@]}"; do printf '%s\r\n' "127.0.0.1,${o%% *},${o#* },,,,,,,"; done
-  echo .)
-sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$WORK/out.csv" >"$WORK/csv.txt"
-same_text "$WORK/csv.txt" "${expected%.}" "the CSV"
+rtt_csv "$WORK/out.csv" >"$WORK/csv.txt"
+expected_csv >"$WORK/csv.expected"
+same_output "$WORK/csv.txt" "$WORK/csv.expected" "the CSV"
 
 step "getinfo as JSON"
 fleet getinfo --hosts "$SPEC" --timeout 2 --format json >"$WORK/out.json" 2>"$WORK/err.json"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format json: exit code $rc"
-json_user() {
-  case "$1" in
-    6) printf 'esc\\u001b[31m' ;;
-    7) printf 'say \\"hi\\"' ;;
-    *) user_of "$1" ;;
-  esac
-}
-expected=$(
-  printf '{\n  "command": "getinfo",\n  "time": "TIME",\n  "summary": {\n    "hosts": %d,\n    "ok": %d,\n' "$TOTAL" "$N"
-  printf '    "timeout": 2,\n    "refused": 2,\n    "closed": 1,\n    "not-an-agent": 1,\n    "error": 1\n  },\n'
-  printf '  "hosts": [\n'
-  for i in $(seq 1 "$N"); do
-    printf '    {\n      "host": "127.0.0.1",\n      "port": %d,\n      "state": "ok",\n      "rtt_ms": RTT,\n' "${PORT[i]}"
-    printf '      "computer": "%s",\n      "network_user": "%s",\n      "current_user": "%s",\n' "$COMPUTER" "$ME" "$(json_user "$i")"
-    printf '      "ext": "%d",\n      "server": "10.1.1.5",\n      "notification_method": "ServiceMessage",\n' $((4000 + i))
-    printf '      "listening_ports": "5001,%d,6001,6002",\n      "pop4ext": "false",\n      "pop4win": "false"\n    },\n' "${PORT[i]}"
-  done
-  k=0
-  for o in "${OTHERS[@]}"; do
-    k=$((k + 1))
-    printf '    {\n      "host": "127.0.0.1",\n      "port": %d,\n      "state": "%s",\n      "rtt_ms": null\n    }' "${o%% *}" "${o#* }"
-    [ $k -lt ${#OTHERS[@]} ] && printf ','
-    printf '\n'
-  done
-  printf '  ]\n}\n.')
-sed -E 's/^(      "rtt_ms": )[0-9]+,$/\1RTT,/; s/^(  "time": )"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}",$/\1"TIME",/' \
-  "$WORK/out.json" >"$WORK/json.txt"
-same_text "$WORK/json.txt" "${expected%.}" "the JSON"
+rtt_json "$WORK/out.json" >"$WORK/json.txt"
+expected_json '"timeout": 2' '"refused": 2' '"closed": 1' '"not-an-agent": 1' '"error": 1' >"$WORK/json.expected"
+same_output "$WORK/json.txt" "$WORK/json.expected" "the JSON"
 
 step "getver: the component report's rows as columns"
 fleet getver --hosts "127.0.0.1:${PORT[8]},127.0.0.1:${PORT[9]},127.0.0.1:$DEAD1" --format csv >"$WORK/out.getver" \
@@ -230,8 +138,9 @@ expected=$(printf '%s\r\n' "$columns" \
   "127.0.0.1,${PORT[9]},ok,RTT,$COMPUTER,user9,4009,10.1.1.5,ServiceMessage,\"5001,${PORT[9]},6001,6002\",\"2, 1, 0, 15\",RUNNING$rest" \
   "127.0.0.1,$DEAD1,refused$(printf ',%.0s' $(seq 25))"
   echo .)
-sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$WORK/out.getver" >"$WORK/getver.txt"
-same_text "$WORK/getver.txt" "${expected%.}" "getver's CSV"
+rtt_csv "$WORK/out.getver" >"$WORK/getver.txt"
+printf '%s' "${expected%.}" >"$WORK/getver.expected"
+same_output "$WORK/getver.txt" "$WORK/getver.expected" "getver's CSV"
 
 checksums() { md5sum "$WORK"/a*/TDRegInfo.TXT; }
 step "set without --apply: the change is shown, nothing is sent"
@@ -242,12 +151,9 @@ rc=$?
 same_text "$WORK/err.dry" "$SUMMARY; $N would change
 " "standard error of set without --apply"
 [ "$(checksums)" = "$before" ] || fail "a settings file changed without --apply"
-expected=$(printf '%s\r\n' "host,port,state,rtt_ms,setting,current,new,result"
-  for i in $(seq 1 "$N"); do printf '%s\r\n' "127.0.0.1,${PORT[i]},ok,RTT,server,10.1.1.5,10.2.2.2,would change"; done
-  for o in "${OTHERS[@]}"; do printf '%s\r\n' "127.0.0.1,${o%% *},${o#* },,server,,10.2.2.2,"; done
-  echo .)
-sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$WORK/out.dry" >"$WORK/dry.txt"
-same_text "$WORK/dry.txt" "${expected%.}" "set without --apply"
+rtt_csv "$WORK/out.dry" >"$WORK/dry.txt"
+expected_set_csv "would change" >"$WORK/dry.expected"
+same_output "$WORK/dry.txt" "$WORK/dry.expected" "set without --apply"
 
 step "set --apply: every agent stores the new server and says so"
 fleet set server=10.2.2.2 --apply --hosts "$SPEC" --timeout 2 --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
@@ -255,12 +161,9 @@ rc=$?
 [ $rc -eq 1 ] || fail "set --apply: exit code $rc"
 same_text "$WORK/err.apply" "$SUMMARY; $N changed
 " "standard error of set --apply"
-expected=$(printf '%s\r\n' "host,port,state,rtt_ms,setting,current,new,result"
-  for i in $(seq 1 "$N"); do printf '%s\r\n' "127.0.0.1,${PORT[i]},ok,RTT,server,10.1.1.5,10.2.2.2,changed"; done
-  for o in "${OTHERS[@]}"; do printf '%s\r\n' "127.0.0.1,${o%% *},${o#* },,server,,10.2.2.2,"; done
-  echo .)
-sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$WORK/out.apply" >"$WORK/apply.txt"
-same_text "$WORK/apply.txt" "${expected%.}" "set --apply"
+rtt_csv "$WORK/out.apply" >"$WORK/apply.txt"
+expected_set_csv changed >"$WORK/apply.expected"
+same_output "$WORK/apply.txt" "$WORK/apply.expected" "set --apply"
 for i in $(seq 1 "$N"); do
   same_bytes "$WORK/a$i/TDRegInfo.TXT" '%s\n' "$(settings_of "$i" "${PORT[i]}" 10.2.2.2)"
 done
