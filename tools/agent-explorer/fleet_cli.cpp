@@ -7,6 +7,7 @@
 #include "explorer.h"
 #include "fleet.h"
 #include "platform/clock.h"
+#include "platform/terminal.h"
 
 namespace tdacli::explorer::fleet {
 
@@ -198,6 +199,7 @@ int FleetMain(const std::vector<std::string>& args, std::string& out, const std:
     out = FleetUsageText();
     return kExitOk;
   }
+  platform::AllowOpenSockets(static_cast<size_t>(p.options.parallel));
   auto clock = platform::MakeSystemClock();
   platform::EventLoop loop(*clock);
   const std::string time = TimeText(clock->Local());

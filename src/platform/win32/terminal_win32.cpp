@@ -16,4 +16,8 @@ bool StandardErrorIsTerminal() {
 
 void SetStandardOutputBinary() { _setmode(_fileno(stdout), _O_BINARY); }
 
+// Winsock sockets are not counted against a descriptor limit (the select() sets are sized for the
+// whole build by FD_SETSIZE).
+void AllowOpenSockets(size_t) {}
+
 }  // namespace tdacli::platform
