@@ -211,15 +211,21 @@ int FleetMain(const std::vector<std::string>& args, std::string& out, const std:
     progress = [&](const Progress& pr) {
       if (pr.elapsed_ms - last_shown < 100 && pr.done != pr.total) return;
       last_shown = pr.elapsed_ms;
-      std::string line = ProgressLine(pr);
-      const size_t width = line.size();
-      if (line.size() < shown) line.append(shown - line.size(), ' ');
-      shown = width;
-      err("\r" + line);
+      // Rewritten in place: a carriage return, the line, and blanks over what a longer one left.
+      const std::string text = ProgressLine(pr);
+      std::string line(1, '\r');
+      line += text;
+      if (text.size() < shown) line.append(shown - text.size(), ' ');
+      shown = text.size();
+      err(line);
     };
   }
   const std::vector<HostResult> results = Run(loop, p.options, progress);
-  if (shown > 0) err("\r" + std::string(shown, ' ') + "\r");
+  if (shown > 0) {
+    std::string clear(shown + 2, ' ');
+    clear.front() = clear.back() = '\r';
+    err(clear);
+  }
 
   switch (p.format) {
     case Format::kTable: out = FormatTable(BuildTable(p.options, results)); break;

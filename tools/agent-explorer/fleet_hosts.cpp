@@ -17,7 +17,12 @@ std::string Shown(std::string_view text) {
   if (text.size() > kMax) shown += "...";
   return shown;
 }
-std::string Quote(std::string_view entry) { return "\"" + Shown(entry) + "\""; }
+std::string Quote(std::string_view entry) {
+  std::string q(1, '"');
+  q += Shown(entry);
+  q += '"';
+  return q;
+}
 
 std::string_view Trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
