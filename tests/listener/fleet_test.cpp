@@ -101,6 +101,10 @@ TEST(FleetHosts, AMalformedEntryIsNamed) {
             "--hosts: bad entry \"pc\\x01\\x7F\\0\" (not an IPv4 address or a host name)");
   EXPECT_EQ(SpecError(std::string(300, 'a')),
             "--hosts: bad entry \"" + std::string(80, 'a') + "...\" (not an IPv4 address or a host name)");
+  // Escapes count towards the 80 characters shown.
+  EXPECT_EQ(SpecError(std::string(30, '\x1b')),
+            "--hosts: bad entry \"" + [] { std::string e; for (int i = 0; i < 20; ++i) e += "\\x1B"; return e; }() +
+                "...\" (not an IPv4 address or a host name)");
   EXPECT_EQ(SpecError(""), "--hosts: no host named");
   EXPECT_EQ(SpecError(" , ,"), "--hosts: no host named");
   EXPECT_EQ(SpecError("@"), "--hosts: bad entry \"@\" (no file name after @)");

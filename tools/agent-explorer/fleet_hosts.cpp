@@ -10,11 +10,15 @@ namespace tdacli::explorer::fleet {
 namespace {
 
 // An entry or file name as it may appear in an error message: control characters escaped, at most 80
-// characters.
+// characters shown (an escape counts with its length).
 std::string Shown(std::string_view text) {
   constexpr size_t kMax = 80;
-  std::string shown = EscapeControls(text.substr(0, kMax));
-  if (text.size() > kMax) shown += "...";
+  std::string shown;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const std::string piece = EscapeControls(text.substr(i, 1));
+    if (shown.size() + piece.size() > kMax) return shown + "...";
+    shown += piece;
+  }
   return shown;
 }
 std::string Quote(std::string_view entry) {
