@@ -516,6 +516,11 @@ TEST_F(FleetRun, GetVerAddsTheComponents) {
   EXPECT_EQ(table.rows[0][10], "Unavailable!");
   EXPECT_EQ(table.rows[1][10], "2, 9, 0, 1");
   EXPECT_EQ(table.rows[1][11], "RUNNING");
+  const auto doc = nlohmann::json::parse(FormatJson(o, rs, "2026-11-14T23:15:02"));
+  EXPECT_EQ(doc["hosts"][1]["components"],
+            nlohmann::json::parse(R"([{"name": "Agent Login Service", "version": "2, 9, 0, 1", "state": "RUNNING"}])"));
+  EXPECT_EQ(doc["hosts"][0]["components"][0],
+            nlohmann::json::parse(R"({"name": "Agent Login Service", "version": "Unavailable!", "state": null})"));
 }
 
 TEST(FleetReport, ComponentRows) {
@@ -573,6 +578,14 @@ TEST_F(FleetRun, SetShowsTheChangeAndAppliesItOnlyWhenAsked) {
   ASSERT_EQ(table.rows.size(), 3u);
   EXPECT_EQ(table.rows[0][4] + "|" + table.rows[0][5] + "|" + table.rows[0][6] + "|" + table.rows[0][7],
             "server|127.0.0.1|10.9.8.7|changed");
+  const auto doc = nlohmann::json::parse(FormatJson(o, rs, "2026-11-14T23:15:02"));
+  EXPECT_EQ(doc["command"], "set");
+  EXPECT_EQ(doc["apply"], true);
+  EXPECT_EQ(doc["summary"], nlohmann::json::parse(R"({"hosts": 1, "ok": 1, "changed": 2, "unchanged": 1})"));
+  EXPECT_EQ(doc["hosts"][0]["settings"], nlohmann::json::parse(R"([
+      {"setting": "server", "current": "127.0.0.1", "new": "10.9.8.7", "result": "changed"},
+      {"setting": "notify", "current": "FileMessage", "new": "FileMessage", "result": "unchanged"},
+      {"setting": "ext", "current": "1234", "new": "4711", "result": "changed"}])"));
 
   // Asked again, nothing is left to change and nothing is sent.
   rs = RunOn(o);
