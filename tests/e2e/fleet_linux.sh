@@ -28,6 +28,7 @@ export LC_ALL=C
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
 begin_run tdacli-fleet
+# KEEP_WORK=1 keeps the scratch folder for a look after the run (the programs are stopped all the same).
 [ -n "${KEEP_WORK:-}" ] && trap "stop_all" EXIT
 fail() { fail_showing "$*" "$WORK"/err.* "$WORK"/peers.err "$WORK"/diff.txt; }
 fleet() { "$EXPLORER" fleet "$@"; }
