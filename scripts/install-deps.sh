@@ -3,7 +3,7 @@
 #   scripts/install-deps.sh [linux|windows|fuzz|all]   (default: all)
 set -euo pipefail
 what="${1:-all}"
-linux=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev
+linux=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev nlohmann-json3-dev
   libcpp-httplib-dev libssl-dev openssl)
 windows=(g++-mingw-w64-x86-64 wine64 msitools wixl)
 fuzz=(clang libclang-rt-dev)

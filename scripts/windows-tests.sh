@@ -12,7 +12,11 @@ JOBS=${JOBS:-2}
 scripts/install-deps.sh windows
 
 # --- build
-cmake --preset windows
+# The Wine fleet run asks agents built for the host: the Linux release build's when it is there (the
+# whole test run builds it first), otherwise the build tree makes one.
+HOST_AGENT=
+[ -x build/linux/bin/tdacli ] && HOST_AGENT=$PWD/build/linux/bin/tdacli
+cmake --preset windows -DTDACLI_HOST_AGENT="$HOST_AGENT"
 cmake --build --preset windows -j "$JOBS"
 
 # --- Wine: the build tree's private prefix, one server for the whole run

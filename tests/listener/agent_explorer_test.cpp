@@ -120,7 +120,8 @@ TEST(AgentExplorerCommandLine, HelpDocumentsEverySubCommandAndOption) {
   const std::string help = explorer::UsageText();
   for (const char* word : {"getinfo", "set ext", "set server", "set notify", "set listen", "set pop4ext", "set pop4win",
                            "setall", "login", "getver", "gettracefile", "sendframes FILE", "raw TEXT",
-                           "control SERVICE CODE", "--raw", "--timeout SEC", "--app-dir DIR", "--help"})
+                           "control SERVICE CODE", "--raw", "--timeout SEC", "--app-dir DIR", "--help",
+                           "fleet COMMAND --hosts SPEC"})
     EXPECT_NE(help.find(word), std::string::npos) << word;
 }
 

@@ -44,6 +44,8 @@ std::string UsageText() {
   return R"(Usage:
   agent-explorer [OPTIONS] HOST[:PORT] COMMAND [ARGUMENTS]
   agent-explorer [OPTIONS] control SERVICE CODE
+  agent-explorer fleet COMMAND --hosts SPEC [OPTIONS]   (many agents at once:
+                          agent-explorer fleet --help)
 
 Talks to the command listener of an agent (port 5002 unless given): waits for the
 greeting "|READY|", sends one command and prints the reply.

@@ -7,14 +7,30 @@
 #include <vector>
 
 #include "explorer.h"
+#include "fleet.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/platform.h"
+#include "platform/terminal.h"
 
 int main(int argc, char** argv) {
   using namespace tdacli;
   using namespace tdacli::explorer;
   std::vector<std::string> args(argv + 1, argv + argc);
+  if (!args.empty() && args[0] == "fleet") {
+    platform::SetStandardOutputBinary();
+    std::string out;
+    const int code = fleet::FleetMain(
+        std::vector<std::string>(args.begin() + 1, args.end()), out,
+        [](const std::string& text) {
+          std::fwrite(text.data(), 1, text.size(), stderr);
+          std::fflush(stderr);
+        },
+        platform::StandardErrorIsTerminal());
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    std::fflush(stdout);
+    return code;
+  }
   ParseResult parsed = ParseArguments(args);
   if (!parsed.ok) {
     std::cerr << "agent-explorer: " << parsed.error << "\n" << UsageText();

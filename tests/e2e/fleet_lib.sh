@@ -1,0 +1,129 @@
+# What the fleet console's end-to-end runs share (sourced after lib.sh): the agents' settings and
+# users, and the expected rows of the table, the CSV and the JSON. PORT[i] is agent i's port (agent 0 is
+# the one whose allow-list refuses the console), N the number of agents that answer, OTHERS the hosts
+# that do not ("<port> <state>"), in the order the spec names them after the agents.
+
+COMPUTER=$(hostname)
+COMPUTER=${COMPUTER%%.*}
+COMPUTER=${COMPUTER:0:15}
+COMPUTER=${COMPUTER^^}
+ME=$(id -un)
+
+# Compares an output with the expected text (a file each); the difference goes to diff.txt.
+same_output() {
+  diff "$2" "$1" >"$WORK/diff.txt" || fail "$3 differs from what was expected (diff.txt: expected < > got)"
+}
+# The same with the expected text given as an argument.
+same_text() {
+  printf '%s' "$2" >"$WORK/expected.txt"
+  same_output "$1" "$WORK/expected.txt" "$3"
+}
+
+# Current users that test the output's guards: formula starts, a comma, a quote, an escape character.
+user_of() {
+  case "$1" in
+    1) printf '%s' "=cmd" ;;
+    2) printf '%s' "-jdoe" ;;
+    3) printf '%s' "@ops" ;;
+    4) printf '%s' "+44" ;;
+    5) printf '%s' "smith, j" ;;
+    6) printf 'esc\033[31m' ;;
+    7) printf '%s' 'say "hi"' ;;
+    *) printf 'user%s' "$1" ;;
+  esac
+}
+# The settings file exactly as the agent's save writes it.
+settings_of() {  # $1 agent, $2 port, $3 server
+  printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=$((4000 + $1))" "Server=$3" \
+    "UseTrace=False" "LocalTemp=unknown" "CurrentUser=$(user_of "$1")" "CurrentEvent=N/A" "SvrTemp=Unknown" \
+    "NotificationMethod=ServiceMessage" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$2,6001,6002"
+}
+
+csv_user() {
+  case "$1" in
+    1 | 2 | 3 | 4) printf "'%s" "$(user_of "$1")" ;;
+    5) printf '"smith, j"' ;;
+    6) printf 'esc\\x1B[31m' ;;
+    7) printf '"say ""hi"""' ;;
+    *) user_of "$1" ;;
+  esac
+}
+json_user() {
+  case "$1" in
+    6) printf 'esc\\u001b[31m' ;;
+    7) printf 'say \\"hi\\"' ;;
+    *) user_of "$1" ;;
+  esac
+}
+# The table cut at the header's column starts: "cell|cell|...", the round-trip times as RTT; a cell
+# that runs into the next column's gap is reported.
+table_cells() {
+  awk '
+    NR == 1 { for (i = 1; i <= length($0); i++) if (substr($0, i, 1) != " " && (i == 1 || substr($0, i - 1, 1) == " ")) at[++n] = i }
+    {
+      out = ""
+      for (k = 1; k <= n; k++) {
+        end = k < n ? at[k + 1] - 1 : length($0)
+        cell = substr($0, at[k], end - at[k] + 1)
+        if (k < n && length($0) >= at[k + 1] && substr($0, at[k + 1] - 2, 2) != "  ") print "MISALIGNED line " NR
+        if (k > 1 && at[k] <= length($0) && substr($0, at[k] - 1, 1) != " ") print "MISALIGNED line " NR
+        sub(/ +$/, "", cell)
+        if (k == 4 && NR > 1 && cell ~ /^[0-9]+$/) cell = "RTT"
+        out = out (k > 1 ? "|" : "") cell
+      }
+      print out
+    }' "$1"
+}
+esc_table() { sed 's/\x1b/\\x1B/g'; }
+
+# The expected table cells (table_cells' form), CSV and JSON of getinfo over agents 1..N and OTHERS.
+expected_cells() {
+  local i o
+  echo "host|port|state|rtt_ms|computer|current_user|ext|server|notification_method|listening_ports"
+  for i in $(seq 1 "$N"); do
+    echo "127.0.0.1|${PORT[i]}|ok|RTT|$COMPUTER|$(user_of "$i" | esc_table)|$((4000 + i))|10.1.1.5|ServiceMessage|5001,${PORT[i]},6001,6002"
+  done
+  for o in "${OTHERS[@]}"; do echo "127.0.0.1|${o%% *}|${o#* }|||||||"; done
+}
+expected_csv() {
+  local i o
+  printf '%s\r\n' "host,port,state,rtt_ms,computer,current_user,ext,server,notification_method,listening_ports"
+  for i in $(seq 1 "$N"); do
+    printf '%s\r\n' "127.0.0.1,${PORT[i]},ok,RTT,$COMPUTER,$(csv_user "$i"),$((4000 + i)),10.1.1.5,ServiceMessage,\"5001,${PORT[i]},6001,6002\""
+  done
+  for o in "${OTHERS[@]}"; do printf '%s\r\n' "127.0.0.1,${o%% *},${o#* },,,,,,,"; done
+}
+# $1: the summary's counts after "ok" as JSON lines ('"timeout": 2' ...), one argument each.
+expected_json() {
+  local i o k=0 c
+  printf '{\n  "command": "getinfo",\n  "time": "TIME",\n  "summary": {\n    "hosts": %d,\n    "ok": %d' $((N + ${#OTHERS[@]})) "$N"
+  for c in "$@"; do printf ',\n    %s' "$c"; done
+  printf '\n  },\n  "hosts": [\n'
+  for i in $(seq 1 "$N"); do
+    printf '    {\n      "host": "127.0.0.1",\n      "port": %d,\n      "state": "ok",\n      "rtt_ms": RTT,\n' "${PORT[i]}"
+    printf '      "computer": "%s",\n      "network_user": "%s",\n      "current_user": "%s",\n' "$COMPUTER" "$ME" "$(json_user "$i")"
+    printf '      "ext": "%d",\n      "server": "10.1.1.5",\n      "notification_method": "ServiceMessage",\n' $((4000 + i))
+    printf '      "listening_ports": "5001,%d,6001,6002",\n      "pop4ext": "false",\n      "pop4win": "false"\n    }' "${PORT[i]}"
+    [ "$i" -lt "$N" ] || [ ${#OTHERS[@]} -gt 0 ] && printf ','
+    printf '\n'
+  done
+  for o in "${OTHERS[@]}"; do
+    k=$((k + 1))
+    printf '    {\n      "host": "127.0.0.1",\n      "port": %d,\n      "state": "%s",\n      "rtt_ms": null\n    }' "${o%% *}" "${o#* }"
+    [ $k -lt ${#OTHERS[@]} ] && printf ','
+    printf '\n'
+  done
+  printf '  ]\n}\n'
+}
+# set's CSV rows: $1 the result of the agents' rows.
+expected_set_csv() {
+  local i o
+  printf '%s\r\n' "host,port,state,rtt_ms,setting,current,new,result"
+  for i in $(seq 1 "$N"); do printf '%s\r\n' "127.0.0.1,${PORT[i]},ok,RTT,server,10.1.1.5,10.2.2.2,$1"; done
+  for o in "${OTHERS[@]}"; do printf '%s\r\n' "127.0.0.1,${o%% *},${o#* },,server,,10.2.2.2,"; done
+}
+# The round-trip times and the time stamp of an output made comparable.
+rtt_csv() { sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$1"; }
+rtt_json() {
+  sed -E 's/^(      "rtt_ms": )[0-9]+,$/\1RTT,/; s/^(  "time": )"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}",$/\1"TIME",/' "$1"
+}
