@@ -523,6 +523,34 @@ TEST_F(FleetRun, GetVerAddsTheComponents) {
             nlohmann::json::parse(R"({"name": "Agent Login Service", "version": "Unavailable!", "state": null})"));
 }
 
+// Hosts that each make up component names of their own cannot multiply the table: the first
+// kMaxComponentColumns names get columns, the rest are counted (and stay in every host's JSON).
+TEST(FleetOutput, ComponentColumnsAreBoundedHoweverManyNamesTheHostsMakeUp) {
+  Options o;
+  o.command = Command::kGetVer;
+  std::vector<HostResult> results(50);
+  for (size_t h = 0; h < results.size(); ++h) {
+    results[h].host = {"10.0.0." + std::to_string(h + 1), 5002};
+    results[h].state = "ok";
+    for (size_t c = 0; c < kMaxComponents; ++c)
+      results[h].components.push_back({"h" + std::to_string(h) + "-c" + std::to_string(c), "1", ""});
+  }
+  Options info = o;
+  info.command = Command::kGetInfo;
+  const size_t fixed = BuildTable(info, results).columns.size();
+  const Table t = BuildTable(o, results);
+  ASSERT_EQ(t.columns.size(), fixed + kMaxComponentColumns);
+  EXPECT_EQ(t.columns[fixed], "h0-c0");
+  EXPECT_EQ(t.columns.back(), "h1-c35");
+  EXPECT_EQ(t.names_left_out, 50 * kMaxComponents - kMaxComponentColumns);
+  ASSERT_EQ(t.rows.size(), 50u);
+  EXPECT_EQ(t.rows[0][fixed], "1");
+  EXPECT_EQ(t.rows[2][fixed], "");
+  for (const auto& row : t.rows) EXPECT_EQ(row.size(), t.columns.size());
+  const nlohmann::json j = nlohmann::json::parse(FormatJson(o, results, "2026-11-25T08:00:00"));
+  EXPECT_EQ(j.dump().find("h49-c63") != std::string::npos, true);
+}
+
 TEST(FleetReport, ComponentRows) {
   const std::string report =
       "|GETVER|<Status>Agent Client Components Information:{CRLF}{CRLF}Component name                     Version    "

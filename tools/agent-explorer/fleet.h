@@ -89,6 +89,10 @@ inline constexpr size_t kMaxReplyBytes = 65536;
 inline constexpr size_t kMaxCellBytes = 256;
 // Components kept from one component report.
 inline constexpr size_t kMaxComponents = 64;
+// Component columns of a getver table or CSV. Columns are the names all hosts reported together, so
+// hosts that each made up names of their own would otherwise multiply rows by columns; the suite
+// has a few dozen components. JSON lists every host's own components and needs no such bound.
+inline constexpr size_t kMaxComponentColumns = 100;
 
 // The settings of a GETINFO reply, each with the NUL that ends the two names removed.
 struct Info {
@@ -145,6 +149,7 @@ enum class Format { kTable, kCsv, kJson };
 struct Table {
   std::vector<std::string> columns;
   std::vector<std::vector<std::string>> rows;  // raw values; each format escapes them its own way
+  size_t names_left_out = 0;  // component names beyond kMaxComponentColumns
 };
 Table BuildTable(const Options& o, const std::vector<HostResult>& results);
 

@@ -227,10 +227,14 @@ int FleetMain(const std::vector<std::string>& args, std::string& out, const std:
     err(clear);
   }
 
-  switch (p.format) {
-    case Format::kTable: out = FormatTable(BuildTable(p.options, results)); break;
-    case Format::kCsv: out = FormatCsv(BuildTable(p.options, results)); break;
-    case Format::kJson: out = FormatJson(p.options, results, time); break;
+  if (p.format == Format::kJson) {
+    out = FormatJson(p.options, results, time);
+  } else {
+    const Table table = BuildTable(p.options, results);
+    out = p.format == Format::kTable ? FormatTable(table) : FormatCsv(table);
+    if (table.names_left_out)
+      err("agent-explorer fleet: " + std::to_string(table.names_left_out) + " component names beyond the first " +
+          std::to_string(kMaxComponentColumns) + " have no column (--format json lists them all)\n");
   }
   err(SummaryLine(p.options, results) + "\n");
   return AllAnswered(results) ? kExitOk : kExitNoReply;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <nlohmann/json.hpp>
 
 #include "fleet.h"
@@ -142,15 +143,21 @@ Table BuildTable(const Options& o, const std::vector<HostResult>& results) {
   // components some agent reported a service state for.
   std::vector<std::string> names;
   std::map<std::string, bool> has_state;
+  std::set<std::string_view> left_out;  // views into `results`, which outlive this
   if (o.command == Command::kGetVer) {
     for (const HostResult& r : results)
       for (const Component& c : r.components) {
         if (!has_state.count(c.name)) {
+          if (names.size() >= kMaxComponentColumns) {
+            left_out.insert(c.name);
+            continue;
+          }
           names.push_back(c.name);
           has_state[c.name] = false;
         }
         if (!c.state.empty()) has_state[c.name] = true;
       }
+    t.names_left_out = left_out.size();
     for (const std::string& n : names) {
       t.columns.push_back(n);
       if (has_state[n]) t.columns.push_back(n + " state");
