@@ -127,3 +127,36 @@ rtt_csv() { sed -E 's/^(127\.0\.0\.1,[0-9]+,ok),[0-9]+,/\1,RTT,/' "$1"; }
 rtt_json() {
   sed -E 's/^(      "rtt_ms": )[0-9]+,$/\1RTT,/; s/^(  "time": )"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}",$/\1"TIME",/' "$1"
 }
+
+# The two set steps of a run: without --apply the change is shown and no settings file changes; with
+# it every answering agent stores the new server and the refusing one keeps its own. $1: the
+# time-out; $2: the function that compares standard error with a text (same_text's arguments).
+check_set_dry_and_apply() {
+  local timeout=$1 same_err=$2 rc before
+  checksums() { md5sum "$WORK"/a*/TDRegInfo.TXT; }
+  step "set without --apply: the change is shown, nothing is sent"
+  before=$(checksums)
+  fleet set server=10.2.2.2 --hosts "$SPEC" --timeout "$timeout" --format csv >"$WORK/out.dry" 2>"$WORK/err.dry"
+  rc=$?
+  [ $rc -eq 1 ] || fail "set without --apply: exit code $rc"
+  "$same_err" "$WORK/err.dry" "$SUMMARY; $N would change
+" "standard error of set without --apply"
+  [ "$(checksums)" = "$before" ] || fail "a settings file changed without --apply"
+  rtt_csv "$WORK/out.dry" >"$WORK/dry.txt"
+  expected_set_csv "would change" >"$WORK/dry.expected"
+  same_output "$WORK/dry.txt" "$WORK/dry.expected" "set without --apply"
+
+  step "set --apply: every agent stores the new server and says so"
+  fleet set server=10.2.2.2 --apply --hosts "$SPEC" --timeout "$timeout" --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
+  rc=$?
+  [ $rc -eq 1 ] || fail "set --apply: exit code $rc"
+  "$same_err" "$WORK/err.apply" "$SUMMARY; $N changed
+" "standard error of set --apply"
+  rtt_csv "$WORK/out.apply" >"$WORK/apply.txt"
+  expected_set_csv changed >"$WORK/apply.expected"
+  same_output "$WORK/apply.txt" "$WORK/apply.expected" "set --apply"
+  for i in $(seq 1 "$N"); do
+    same_bytes "$WORK/a$i/TDRegInfo.TXT" '%s\n' "$(settings_of "$i" "${PORT[i]}" 10.2.2.2)"
+  done
+  same_bytes "$WORK/a0/TDRegInfo.TXT" '%s\n' "$(settings_of 0 "${PORT[0]}" 10.1.1.5)"
+}

@@ -143,32 +143,7 @@ rtt_csv "$WORK/out.getver" >"$WORK/getver.txt"
 printf '%s' "${expected%.}" >"$WORK/getver.expected"
 same_output "$WORK/getver.txt" "$WORK/getver.expected" "getver's CSV"
 
-checksums() { md5sum "$WORK"/a*/TDRegInfo.TXT; }
-step "set without --apply: the change is shown, nothing is sent"
-before=$(checksums)
-fleet set server=10.2.2.2 --hosts "$SPEC" --timeout 2 --format csv >"$WORK/out.dry" 2>"$WORK/err.dry"
-rc=$?
-[ $rc -eq 1 ] || fail "set without --apply: exit code $rc"
-same_text "$WORK/err.dry" "$SUMMARY; $N would change
-" "standard error of set without --apply"
-[ "$(checksums)" = "$before" ] || fail "a settings file changed without --apply"
-rtt_csv "$WORK/out.dry" >"$WORK/dry.txt"
-expected_set_csv "would change" >"$WORK/dry.expected"
-same_output "$WORK/dry.txt" "$WORK/dry.expected" "set without --apply"
-
-step "set --apply: every agent stores the new server and says so"
-fleet set server=10.2.2.2 --apply --hosts "$SPEC" --timeout 2 --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
-rc=$?
-[ $rc -eq 1 ] || fail "set --apply: exit code $rc"
-same_text "$WORK/err.apply" "$SUMMARY; $N changed
-" "standard error of set --apply"
-rtt_csv "$WORK/out.apply" >"$WORK/apply.txt"
-expected_set_csv changed >"$WORK/apply.expected"
-same_output "$WORK/apply.txt" "$WORK/apply.expected" "set --apply"
-for i in $(seq 1 "$N"); do
-  same_bytes "$WORK/a$i/TDRegInfo.TXT" '%s\n' "$(settings_of "$i" "${PORT[i]}" 10.2.2.2)"
-done
-same_bytes "$WORK/a0/TDRegInfo.TXT" '%s\n' "$(settings_of 0 "${PORT[0]}" 10.1.1.5)"
+check_set_dry_and_apply 2 same_text
 
 step "set --apply again: nothing left to change"
 after=$(checksums)

@@ -115,32 +115,7 @@ rtt_json "$WORK/out.json" >"$WORK/json.txt"
 expected_json '"timeout": 2' '"refused": 1' '"closed": 1' '"not-an-agent": 1' '"error": 1' >"$WORK/json.expected"
 same_output "$WORK/json.txt" "$WORK/json.expected" "the JSON"
 
-checksums() { md5sum "$WORK"/a*/TDRegInfo.TXT; }
-step "set without --apply"
-before=$(checksums)
-fleet set server=10.2.2.2 --hosts "$SPEC" --timeout 3 --format csv >"$WORK/out.dry" 2>"$WORK/err.dry"
-rc=$?
-[ $rc -eq 1 ] || fail "set without --apply: exit code $rc"
-same_err "$WORK/err.dry" "$SUMMARY; $N would change
-" "standard error of set without --apply"
-[ "$(checksums)" = "$before" ] || fail "a settings file changed without --apply"
-rtt_csv "$WORK/out.dry" >"$WORK/dry.txt"
-expected_set_csv "would change" >"$WORK/dry.expected"
-same_output "$WORK/dry.txt" "$WORK/dry.expected" "set without --apply"
-
-step "set --apply"
-fleet set server=10.2.2.2 --apply --hosts "$SPEC" --timeout 3 --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
-rc=$?
-[ $rc -eq 1 ] || fail "set --apply: exit code $rc"
-same_err "$WORK/err.apply" "$SUMMARY; $N changed
-" "standard error of set --apply"
-rtt_csv "$WORK/out.apply" >"$WORK/apply.txt"
-expected_set_csv changed >"$WORK/apply.expected"
-same_output "$WORK/apply.txt" "$WORK/apply.expected" "set --apply"
-for i in $(seq 1 "$N"); do
-  same_bytes "$WORK/a$i/TDRegInfo.TXT" '%s\n' "$(settings_of "$i" "${PORT[i]}" 10.2.2.2)"
-done
-same_bytes "$WORK/a0/TDRegInfo.TXT" '%s\n' "$(settings_of 0 "${PORT[0]}" 10.1.1.5)"
+check_set_dry_and_apply 3 same_err
 
 step "a malformed entry: usage error"
 fleet getinfo --hosts "127.0.0.1:${PORT[1]},pc 7" >"$WORK/out.usage" 2>"$WORK/err.usage"
