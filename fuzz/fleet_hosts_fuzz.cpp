@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the fleet console's host-spec parser: the first line as the --hosts SPEC,
-// the rest as the content of every host file it names. An accepted spec gives each host once, within
+// Feeds arbitrary bytes to the fleet console's host-list parser: the first line as the --hosts argument,
+// the rest as the content of every host file it names. An accepted list gives each host once, within
 // the bounds, and every host written back as an entry parses to itself; a refused one says why in one
 // line without control characters.
 #include <cstddef>
@@ -15,7 +15,7 @@ using namespace tdacli::explorer::fleet;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   const size_t nl = bytes.find('\n');
-  const std::string_view spec = bytes.substr(0, nl);
+  const std::string_view hosts = bytes.substr(0, nl);
   const std::string file(nl == std::string_view::npos ? std::string_view() : bytes.substr(nl + 1));
   size_t reads = 0;
   const FileReader reader = [&](const std::string& path) -> std::optional<std::string> {
@@ -23,9 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (path == "missing") return std::nullopt;
     return file;
   };
-  const HostSpec r = ParseHostSpec(spec, reader);
-  // A file cannot name another, so no more files are read than the spec names.
-  if (reads > spec.size()) __builtin_trap();
+  const HostSpec r = ParseHostSpec(hosts, reader);
+  // A file cannot name another, so no more files are read than the host list names.
+  if (reads > hosts.size()) __builtin_trap();
   if (!r.ok) {
     if (!r.hosts.empty() || r.error.rfind("--hosts: ", 0) != 0) __builtin_trap();
     if (r.error.size() > 400) __builtin_trap();

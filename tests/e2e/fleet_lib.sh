@@ -1,7 +1,7 @@
 # What the fleet console's end-to-end runs share (sourced after lib.sh): the agents' settings and
 # users, and the expected rows of the table, the CSV and the JSON. PORT[i] is agent i's port (agent 0 is
 # the one whose allow-list refuses the console), N the number of agents that answer, OTHERS the hosts
-# that do not ("<port> <state>"), in the order the spec names them after the agents.
+# that do not ("<port> <state>"), in the order the host list names them after the agents.
 
 COMPUTER=$(hostname)
 COMPUTER=${COMPUTER%%.*}
@@ -136,7 +136,7 @@ check_set_dry_and_apply() {
   checksums() { md5sum "$WORK"/a*/TDRegInfo.TXT; }
   step "set without --apply: the change is shown, nothing is sent"
   before=$(checksums)
-  fleet set server=10.2.2.2 --hosts "$SPEC" --timeout "$timeout" --format csv >"$WORK/out.dry" 2>"$WORK/err.dry"
+  fleet set server=10.2.2.2 --hosts "$HOSTS" --timeout "$timeout" --format csv >"$WORK/out.dry" 2>"$WORK/err.dry"
   rc=$?
   [ $rc -eq 1 ] || fail "set without --apply: exit code $rc"
   "$same_err" "$WORK/err.dry" "$SUMMARY; $N would change
@@ -147,7 +147,7 @@ check_set_dry_and_apply() {
   same_output "$WORK/dry.txt" "$WORK/dry.expected" "set without --apply"
 
   step "set --apply: every agent stores the new server and says so"
-  fleet set server=10.2.2.2 --apply --hosts "$SPEC" --timeout "$timeout" --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
+  fleet set server=10.2.2.2 --apply --hosts "$HOSTS" --timeout "$timeout" --format csv >"$WORK/out.apply" 2>"$WORK/err.apply"
   rc=$?
   [ $rc -eq 1 ] || fail "set --apply: exit code $rc"
   "$same_err" "$WORK/err.apply" "$SUMMARY; $N changed
@@ -159,4 +159,39 @@ check_set_dry_and_apply() {
     same_bytes "$WORK/a$i/TDRegInfo.TXT" '%s\n' "$(settings_of "$i" "${PORT[i]}" 10.2.2.2)"
   done
   same_bytes "$WORK/a0/TDRegInfo.TXT" '%s\n' "$(settings_of 0 "${PORT[0]}" 10.1.1.5)"
+}
+
+# Agents 0..N, each in its own folder $WORK/a<i> with a copy of $TDACLI, its own free port (PORT[i],
+# all of them in TAKEN) and its settings file; agent 0 serves one console only, which is not this one.
+prepare_agents() {
+  local i p d
+  cp "$TDACLI" "$WORK/tdacli"
+  declare -gA TAKEN=()
+  PORT=()
+  for i in $(seq 0 "$N"); do
+    for _ in $(seq 20); do
+      p=$(free_port) || fail "no free port"
+      [ -z "${TAKEN[$p]:-}" ] && break
+    done
+    TAKEN[$p]=1
+    PORT[i]=$p
+    d=$WORK/a$i
+    mkdir -p "$d"
+    ln "$WORK/tdacli" "$d/tdacli" 2>/dev/null || cp "$WORK/tdacli" "$d/tdacli"
+    settings_of "$i" "$p" 10.1.1.5 >"$d/TDRegInfo.TXT"
+  done
+  printf '%s\r\n' "# the help desk" "10.255.255.1" >"$WORK/a0/TDACLI-AllowedConsoles.TXT"
+}
+
+# Starts the prepared agents and waits up to $1 seconds until every one reports its listening port.
+start_agents() {
+  local i
+  for i in $(seq 0 "$N"); do
+    (cd "$WORK/a$i" && exec ./tdacli) >/dev/null 2>&1 &
+    PIDS+=("$!")
+  done
+  listening() {
+    [ "$(grep -l "Listening Port: " "$WORK"/a*/*-TDACLI-TraceFile.TXT 2>/dev/null | wc -l)" -eq $((N + 1)) ]
+  }
+  wait_for "$1" listening || fail "not every agent listens"
 }

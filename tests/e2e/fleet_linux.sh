@@ -37,34 +37,11 @@ fleet() { "$EXPLORER" fleet "$@"; }
 source "$(dirname "$0")/fleet_lib.sh"
 
 step "$N agents and one that refuses the console, each in its own folder on its own port"
-cp "$TDACLI" "$WORK/tdacli"
-declare -A TAKEN=()
-PORT=()
-for i in $(seq 0 "$N"); do
-  for _ in $(seq 20); do
-    p=$(free_port) || fail "no free port"
-    [ -z "${TAKEN[$p]:-}" ] && break
-  done
-  TAKEN[$p]=1
-  PORT[i]=$p
-  d=$WORK/a$i
-  mkdir -p "$d"
-  ln "$WORK/tdacli" "$d/tdacli" 2>/dev/null || cp "$WORK/tdacli" "$d/tdacli"
-  settings_of "$i" "$p" 10.1.1.5 >"$d/TDRegInfo.TXT"
-done
+prepare_agents
 # Two agents of different versions (version resources of real PE images).
 cp "$FIXTURES/full64.dll" "$WORK/a8/TDACLI.EXE"
 cp "$FIXTURES/prog64.exe" "$WORK/a9/TDACLI.EXE"
-# Agent 0 serves one console only, which is not this one.
-printf '%s\r\n' "# the help desk" "10.255.255.1" >"$WORK/a0/TDACLI-AllowedConsoles.TXT"
-for i in $(seq 0 "$N"); do
-  (cd "$WORK/a$i" && exec ./tdacli) >/dev/null 2>&1 &
-  PIDS+=("$!")
-done
-listening() {
-  [ "$(grep -l "Listening Port: " "$WORK"/a*/*-TDACLI-TraceFile.TXT 2>/dev/null | wc -l)" -eq $((N + 1)) ]
-}
-wait_for 120 listening || fail "not every agent listens"
+start_agents 120
 echo "agents listening after $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
 
 step "peers that are no agents, and ports where nothing listens"
@@ -83,8 +60,8 @@ done
   echo "# third floor"
   for i in $(seq 1 "$N"); do echo "127.0.0.1:${PORT[i]}"; done
 } >"$WORK/hosts.txt"
-SPEC="@$WORK/hosts.txt,127.0.0.1:$DEAD1,127.0.0.1:${PORT[1]},127.0.0.1:$SILENT,127.0.0.1:$WRONG"
-SPEC+=",127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE,127.0.0.1:${PORT[0]},127.0.0.1:$DEAD2"
+HOSTS="@$WORK/hosts.txt,127.0.0.1:$DEAD1,127.0.0.1:${PORT[1]},127.0.0.1:$SILENT,127.0.0.1:$WRONG"
+HOSTS+=",127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE,127.0.0.1:${PORT[0]},127.0.0.1:$DEAD2"
 OTHERS=("$DEAD1 refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: reply too long" "$TRICKLE timeout"
   "${PORT[0]} closed" "$DEAD2 refused")
 TOTAL=$((N + 7))
@@ -92,7 +69,7 @@ SUMMARY="$TOTAL hosts: $N ok, 2 timeout, 2 refused, 1 closed, 1 not-an-agent, 1 
 
 step "getinfo as a table"
 t0=$(date +%s%N)
-fleet getinfo --hosts "$SPEC" --timeout 2 >"$WORK/out.table" 2>"$WORK/err.table"
+fleet getinfo --hosts "$HOSTS" --timeout 2 >"$WORK/out.table" 2>"$WORK/err.table"
 rc=$?
 echo "getinfo over $TOTAL hosts: $(( ($(date +%s%N) - t0) / 1000000 )) ms"
 [ $rc -eq 1 ] || fail "getinfo with hosts that did not answer: exit code $rc"
@@ -103,7 +80,7 @@ expected_cells >"$WORK/cells.expected"
 same_output "$WORK/cells.txt" "$WORK/cells.expected" "the table"
 
 step "getinfo as CSV"
-fleet getinfo --hosts "$SPEC" --timeout 2 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
+fleet getinfo --hosts "$HOSTS" --timeout 2 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format csv: exit code $rc"
 same_text "$WORK/err.csv" "$SUMMARY
@@ -113,7 +90,7 @@ expected_csv >"$WORK/csv.expected"
 same_output "$WORK/csv.txt" "$WORK/csv.expected" "the CSV"
 
 step "getinfo as JSON"
-fleet getinfo --hosts "$SPEC" --timeout 2 --format json >"$WORK/out.json" 2>"$WORK/err.json"
+fleet getinfo --hosts "$HOSTS" --timeout 2 --format json >"$WORK/out.json" 2>"$WORK/err.json"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format json: exit code $rc"
 rtt_json "$WORK/out.json" >"$WORK/json.txt"

@@ -42,29 +42,8 @@ same_err() {
 }
 
 step "$N agents built for the host and one that refuses the console"
-cp "$TDACLI" "$WORK/tdacli"
-declare -A TAKEN=()
-PORT=()
-for i in $(seq 0 "$N"); do
-  for _ in $(seq 20); do
-    p=$(free_port) || fail "no free port"
-    [ -z "${TAKEN[$p]:-}" ] && break
-  done
-  TAKEN[$p]=1
-  PORT[i]=$p
-  mkdir -p "$WORK/a$i"
-  ln "$WORK/tdacli" "$WORK/a$i/tdacli" 2>/dev/null || cp "$WORK/tdacli" "$WORK/a$i/tdacli"
-  settings_of "$i" "$p" 10.1.1.5 >"$WORK/a$i/TDRegInfo.TXT"
-done
-printf '%s\r\n' "10.255.255.1" >"$WORK/a0/TDACLI-AllowedConsoles.TXT"
-for i in $(seq 0 "$N"); do
-  (cd "$WORK/a$i" && exec ./tdacli) >/dev/null 2>&1 &
-  PIDS+=("$!")
-done
-listening() {
-  [ "$(grep -l "Listening Port: " "$WORK"/a*/*-TDACLI-TraceFile.TXT 2>/dev/null | wc -l)" -eq $((N + 1)) ]
-}
-wait_for 60 listening || fail "not every agent listens"
+prepare_agents
+start_agents 60
 
 step "fleet-peers.exe under Wine, and a port where nothing listens"
 PEERS_FILE=$(winpath "$WORK/peers.txt")
@@ -82,14 +61,14 @@ while [ -n "${TAKEN[$DEAD]:-}" ]; do DEAD=$(free_port); done
   for i in $(seq 1 "$N"); do echo "127.0.0.1:${PORT[i]}"; done
 } >"$WORK/hosts.txt"
 HOSTS_FILE=$(winpath "$WORK/hosts.txt")
-SPEC="@$HOSTS_FILE,127.0.0.1:$DEAD,127.0.0.1:$SILENT,127.0.0.1:$WRONG,127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE"
-SPEC+=",127.0.0.1:${PORT[0]},127.0.0.1:${PORT[1]}"
+HOSTS="@$HOSTS_FILE,127.0.0.1:$DEAD,127.0.0.1:$SILENT,127.0.0.1:$WRONG,127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE"
+HOSTS+=",127.0.0.1:${PORT[0]},127.0.0.1:${PORT[1]}"
 OTHERS=("$DEAD refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: reply too long" "$TRICKLE timeout"
   "${PORT[0]} closed")
 SUMMARY="$((N + 6)) hosts: $N ok, 2 timeout, 1 refused, 1 closed, 1 not-an-agent, 1 error"
 
 step "getinfo as a table"
-fleet getinfo --hosts "$SPEC" --timeout 3 >"$WORK/out.table" 2>"$WORK/err.table"
+fleet getinfo --hosts "$HOSTS" --timeout 3 >"$WORK/out.table" 2>"$WORK/err.table"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo: exit code $rc"
 same_err "$WORK/err.table" "$SUMMARY
@@ -100,7 +79,7 @@ expected_cells >"$WORK/cells.expected"
 same_output "$WORK/cells.txt" "$WORK/cells.expected" "the table"
 
 step "getinfo as CSV"
-fleet getinfo --hosts "$SPEC" --timeout 3 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
+fleet getinfo --hosts "$HOSTS" --timeout 3 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format csv: exit code $rc"
 rtt_csv "$WORK/out.csv" >"$WORK/csv.txt"
@@ -108,7 +87,7 @@ expected_csv >"$WORK/csv.expected"
 same_output "$WORK/csv.txt" "$WORK/csv.expected" "the CSV"
 
 step "getinfo as JSON"
-fleet getinfo --hosts "$SPEC" --timeout 3 --format json >"$WORK/out.json" 2>"$WORK/err.json"
+fleet getinfo --hosts "$HOSTS" --timeout 3 --format json >"$WORK/out.json" 2>"$WORK/err.json"
 rc=$?
 [ $rc -eq 1 ] || fail "getinfo --format json: exit code $rc"
 rtt_json "$WORK/out.json" >"$WORK/json.txt"
