@@ -17,8 +17,8 @@ namespace {
 using namespace explorer::fleet;
 using platform::TcpSocket;
 
-std::vector<Host> Hosts(std::string_view spec, std::map<std::string, std::string> files = {}) {
-  HostSpec r = ParseHostSpec(spec, [&](const std::string& path) -> std::optional<std::string> {
+std::vector<Host> Hosts(std::string_view list, std::map<std::string, std::string> files = {}) {
+  HostSpec r = ParseHostSpec(list, [&](const std::string& path) -> std::optional<std::string> {
     auto it = files.find(path);
     if (it == files.end()) return std::nullopt;
     return it->second;
@@ -27,8 +27,8 @@ std::vector<Host> Hosts(std::string_view spec, std::map<std::string, std::string
   return r.hosts;
 }
 
-std::string SpecError(std::string_view spec, std::map<std::string, std::string> files = {}) {
-  HostSpec r = ParseHostSpec(spec, [&](const std::string& path) -> std::optional<std::string> {
+std::string SpecError(std::string_view list, std::map<std::string, std::string> files = {}) {
+  HostSpec r = ParseHostSpec(list, [&](const std::string& path) -> std::optional<std::string> {
     auto it = files.find(path);
     if (it == files.end()) return std::nullopt;
     return it->second;
@@ -124,10 +124,10 @@ TEST(FleetHosts, TheNumberOfHostsIsBounded) {
   EXPECT_EQ(Hosts("10.0.0.0/16,10.1.0.0/31").size(), 65536u);
   EXPECT_EQ(SpecError("10.0.0.0/16,10.1.0.0/29"),
             "--hosts: bad entry \"10.1.0.0/29\" (more than 65536 hosts in all)");
-  // Repeats cost their expansion too, so a spec cannot make the parser loop for ever.
-  std::string spec;
-  for (int i = 0; i < 17; ++i) spec += "10.0.0.0/16,";
-  EXPECT_EQ(SpecError(spec), "--hosts: bad entry \"10.0.0.0/16\" (more than 1048576 addresses named in all)");
+  // Repeats cost their expansion too, so a host list cannot make the parser loop for ever.
+  std::string list;
+  for (int i = 0; i < 17; ++i) list += "10.0.0.0/16,";
+  EXPECT_EQ(SpecError(list), "--hosts: bad entry \"10.0.0.0/16\" (more than 1048576 addresses named in all)");
 }
 
 // --- output ----------------------------------------------------------------------------------------

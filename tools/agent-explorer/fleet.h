@@ -31,9 +31,9 @@ inline constexpr uint16_t kDefaultPort = 5002;
 // A block wider than this would be a whole site's address plan rather than a floor of workstations.
 inline constexpr int kWidestBlock = 16;
 // Hosts in one run (a /16 holds 65,534): enough for every seat of the largest call centre many times
-// over, and a bound on what one mistyped spec can make the console hold.
+// over, and a bound on what one mistyped host list can make the console hold.
 inline constexpr size_t kMaxHosts = 65536;
-// Addresses a spec may name before duplicates are removed (overlapping blocks, repeated files).
+// Addresses a host list may name before duplicates are removed (overlapping blocks, repeated files).
 inline constexpr size_t kMaxExpanded = 1 << 20;
 // A host file larger than this is refused (a line per host: 65,536 lines of a long name fit).
 inline constexpr size_t kMaxHostFileBytes = 16 << 20;
@@ -45,13 +45,13 @@ using FileReader = std::function<std::optional<std::string>(const std::string& p
 struct HostSpec {
   bool ok = false;
   std::vector<Host> hosts;  // in the order first named, each once
-  std::string error;        // why the spec was refused, naming the entry
+  std::string error;        // why the host list was refused, naming the entry
 };
 
 // SPEC: comma-separated HOST[:PORT], IPv4 blocks a.b.c.d/n[:PORT] (n from 16 to 32; the network and
 // broadcast addresses are skipped, except in /31 and /32) and @FILE (one entry per line, "#" starts a
 // comment; a file cannot name another file). Blanks around entries and empty entries are ignored.
-HostSpec ParseHostSpec(std::string_view spec, const FileReader& read_file, uint16_t default_port = kDefaultPort);
+HostSpec ParseHostSpec(std::string_view list, const FileReader& read_file, uint16_t default_port = kDefaultPort);
 
 // --- the run -------------------------------------------------------------------------------------
 

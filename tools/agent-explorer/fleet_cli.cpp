@@ -100,7 +100,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
   Parsed p;
   Options& o = p.options;
   std::vector<std::string> pos;
-  std::string spec;
+  std::string list;
   bool have_hosts = false;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
@@ -124,7 +124,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
       o.apply = true;
     } else if ((r = option("--hosts")) != 0) {
       if (r < 0) return Fail("--hosts needs a SPEC");
-      spec += (spec.empty() ? "" : ",") + value;
+      list += (list.empty() ? "" : ",") + value;
       have_hosts = true;
     } else if ((r = option("--parallel")) != 0) {
       char* end = nullptr;
@@ -181,7 +181,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
     }
   }
   if (!have_hosts) return Fail("fleet needs --hosts SPEC");
-  HostSpec hosts = ParseHostSpec(spec, read_file);
+  HostSpec hosts = ParseHostSpec(list, read_file);
   if (!hosts.ok) return Fail(hosts.error);
   o.hosts = std::move(hosts.hosts);
   p.ok = true;

@@ -87,7 +87,7 @@ class Collector {
  public:
   Collector(const FileReader& read_file, uint16_t default_port) : read_file_(read_file), default_port_(default_port) {}
 
-  // One entry of the spec (`in_file`: a line of a host file, named in errors as `where`).
+  // One entry of the host list (`in_file`: a line of a host file, named in errors as `where`).
   bool Entry(std::string_view entry, const std::string& where) {
     const bool in_file = !where.empty();
     auto bad = [&](const std::string& why) {
@@ -197,13 +197,13 @@ class Collector {
 
 }  // namespace
 
-HostSpec ParseHostSpec(std::string_view spec, const FileReader& read_file, uint16_t default_port) {
+HostSpec ParseHostSpec(std::string_view list, const FileReader& read_file, uint16_t default_port) {
   HostSpec r;
   Collector c(read_file, default_port);
-  while (!spec.empty()) {
-    const size_t comma = spec.find(',');
-    const std::string_view entry = Trim(spec.substr(0, comma));
-    spec.remove_prefix(comma == std::string_view::npos ? spec.size() : comma + 1);
+  while (!list.empty()) {
+    const size_t comma = list.find(',');
+    const std::string_view entry = Trim(list.substr(0, comma));
+    list.remove_prefix(comma == std::string_view::npos ? list.size() : comma + 1);
     if (entry.empty()) continue;
     if (!c.Entry(entry, "")) {
       r.error = c.error();
