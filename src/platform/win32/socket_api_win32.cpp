@@ -49,6 +49,13 @@ SocketHandle CreateTcp(int* error) {
 
 void CloseSocket(SocketHandle h) { closesocket(S(h)); }
 
+void SetAbortiveClose(SocketHandle h) {
+  linger l{};
+  l.l_onoff = 1;
+  l.l_linger = 0;
+  setsockopt(S(h), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&l), sizeof l);
+}
+
 int Bind(SocketHandle h, uint16_t port) {
   // No SO_REUSEADDR here: on Windows it lets a second listener take a port that is already in use
   // instead of failing with "address in use", which the start-up retries depend on.
