@@ -25,6 +25,17 @@ void Prepare(SOCKET s) {
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nodelay), sizeof nodelay);
 }
 
+// Whether the end of a connection was a reset rather than an orderly close. Windows' recv reports a
+// reset itself; under Wine the select() that found the socket readable has already taken the error out
+// of it, and recv then reads an orderly end. WSAPoll still tells them apart: a reset is POLLERR with
+// POLLHUP, an orderly close POLLHUP alone.
+bool ResetByPeer(SOCKET s) {
+  WSAPOLLFD p{};
+  p.fd = s;
+  p.events = POLLRDNORM;
+  return WSAPoll(&p, 1, 0) == 1 && (p.revents & POLLERR) != 0;
+}
+
 }  // namespace
 
 void Startup() {
@@ -116,6 +127,10 @@ long Recv(SocketHandle h, char* buf, long len, bool peek, int* error) {
   int n = recv(S(h), buf, static_cast<int>(len), peek ? MSG_PEEK : 0);
   if (n == SOCKET_ERROR) {
     *error = Last();
+    return -1;
+  }
+  if (n == 0 && len > 0 && ResetByPeer(S(h))) {
+    *error = WSAECONNRESET;
     return -1;
   }
   return n;
