@@ -122,9 +122,11 @@ settings_text() {
 }
 
 # Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
-# SERVER_PID. $1: seconds after which the simulator gives up by itself.
+# SERVER_PID. $1: seconds after which the simulator gives up by itself; further arguments go to the
+# simulator (a --fault).
 start_login_server() {
-  local x pid
+  local x pid exit_after=$1
+  shift
   cat >"$WORK/users.txt" <<'EOF'
 # The one agent of this workstation.
 [jsmith]
@@ -146,7 +148,7 @@ EOF
   for x in $(shuf -i 2-254 -n 20); do
     rm -f "$WORK/transcript.txt"
     "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
-      --exit-after "$1" 2>"$WORK/login-server.err" &
+      --exit-after "$exit_after" "$@" 2>"$WORK/login-server.err" &
     pid=$!
     if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
        alive $pid; then
