@@ -130,8 +130,10 @@ void CommandListener::Wire(int16_t index, platform::TcpSocket& socket) {
     wsckListen_Close(index);
     ReleaseUnusedOlder(index);
   };
-  socket.on_error = [this, index](int, const std::string&) {
+  socket.on_error = [this, index](int number, const std::string&) {
     HandlerScope scope(*this);
+    // A console that resets its connection has left as surely as one that closed it: the same Close.
+    if (number == platform::TcpSocket::kConnReset) wsckListen_Close(index);
     ReleaseUnusedOlder(index);
   };
 }

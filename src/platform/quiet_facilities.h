@@ -67,12 +67,14 @@ class LanConnection : public InternetConnection {
 class QuietServiceHost : public ServiceHost {
  public:
   bool StartedByServiceManager() const override { return true; }
+  bool ServiceManagerWaitsForStart() const override { return false; }
   bool IsInstalled() override { return true; }
   bool Install(const std::string&, const std::string&) override { return true; }
   bool Uninstall() override { return true; }
   void Attach(ServiceEvents) override {}
   void ReportRunning() override {}
   void ReportStopped() override {}
+  void ReportStartFailed(unsigned long) override {}
 };
 
 }  // namespace tdacli::platform

@@ -29,6 +29,9 @@ class ServiceHost {
  public:
   virtual ~ServiceHost() = default;
   virtual bool StartedByServiceManager() const = 0;
+  // A service manager started this process and waits for it to report the service running or
+  // stopped. False on POSIX, where a hand-started agent runs as the service and nobody waits for it.
+  virtual bool ServiceManagerWaitsForStart() const = 0;
   virtual bool IsInstalled() = 0;
   // Installs under the given account ("" = local system account); true on success.
   virtual bool Install(const std::string& account, const std::string& password) = 0;
@@ -39,6 +42,9 @@ class ServiceHost {
   virtual void ReportRunning() = 0;
   // The process ends now (the Stop banner has been written).
   virtual void ReportStopped() = 0;
+  // The start is refused: the service manager sees the service stopped with this service-specific
+  // exit code (its Win32 exit code says that the code is the service's own).
+  virtual void ReportStartFailed(unsigned long service_exit_code) = 0;
 };
 
 // Installer-mode message box; never shown with "/s".

@@ -219,6 +219,12 @@ void TcpSocket::ReleaseHandle() {
   Release(handle_);
 }
 
+void TcpSocket::Reset() {
+  // With a zero linger time the close below discards unsent data and sends a reset, not a FIN.
+  if (handle_ != kInvalidSocket && (state_ == kConnected || state_ == kClosing)) sockapi::SetAbortiveClose(handle_);
+  Close();
+}
+
 void TcpSocket::Close() {
   ReleaseHandle();
   if (backoff_timer_) backoff_timer_->SetEnabled(false);
@@ -270,6 +276,12 @@ void TcpSocket::AcceptPending() {
   }
 }
 
+void TcpSocket::PeerClosed() {
+  state_ = kClosing;
+  Unregister();
+  if (on_close) on_close();
+}
+
 void TcpSocket::Fail(int number) {
   state_ = kError;
   Unregister();
@@ -312,12 +324,10 @@ void TcpSocket::OnReady(bool read, bool write, bool error) {
         if (n > 0) {
           if (!held_taken_) held_.assign(buf, static_cast<size_t>(n));
           held_taken_ = true;
-        } else if (n == 0 || err == sockapi::kConnReset) {
-          state_ = kClosing;
-          Unregister();
-          if (on_close) on_close();
+        } else if (n == 0) {
+          PeerClosed();
         } else if (err != sockapi::kWouldBlock) {
-          Fail(err);
+          Fail(err);  // a reset too: the peer did not close, the connection broke
         }
         return;
       }
@@ -328,17 +338,10 @@ void TcpSocket::OnReady(bool read, bool write, bool error) {
         peeked_ = static_cast<size_t>(n);
         if (on_data_arrival) on_data_arrival(peeked_);
       } else if (n == 0) {
-        state_ = kClosing;
-        Unregister();
-        if (on_close) on_close();
+        PeerClosed();
       } else if (err != sockapi::kWouldBlock) {
-        if (err == sockapi::kConnReset) {
-          state_ = kClosing;
-          Unregister();
-          if (on_close) on_close();
-        } else {
-          Fail(err);
-        }
+        // A reset (10054) is an error, as the classic control reports it; only an orderly close is Close.
+        Fail(err);
       }
       return;
     }

@@ -1,7 +1,7 @@
 #pragma once
 // A TCP socket control with the behaviour of the classic Winsock control the agent was designed around:
 // DataArrival is raised once and not again until the data has been read with GetData(); Connect, Close
-// and Error once each; ConnectionRequest again only after the pending connection was accepted (or
+// and Error once each (Close for an orderly close by the peer, Error 10054 for a reset); ConnectionRequest again only after the pending connection was accepted (or
 // refused because the handler did not accept it). GetData() returns what one read of the socket
 // delivers, at most kMaxArrival bytes: a longer transfer arrives as several pieces, each announced.
 //
@@ -31,6 +31,7 @@ class TcpSocket : public SocketSink {
   static constexpr size_t kMaxArrival = 65536;
   static constexpr int kAcceptBackOffMs = 1000;
   static constexpr int kOutputFull = 10055;  // WSAENOBUFS: the unsent output would pass the cap
+  static constexpr int kConnReset = 10054;   // WSAECONNRESET: the peer reset the connection (Error)
 
   enum State {
     kClosed = 0,
@@ -73,6 +74,9 @@ class TcpSocket : public SocketSink {
   std::string GetData();
   size_t BytesReceived() const { return peeked_; }
   void Close();
+  // Ends the connection abortively: the peer sees a reset (10054) instead of an orderly close. A login
+  // server simulator uses it to play a server that breaks off the conversation.
+  void Reset();
 
   // Caps the output waiting to be sent (0: no cap); SendData() beyond it fails with kOutputFull.
   void SetSendLimit(size_t bytes) { send_limit_ = bytes; }
@@ -105,6 +109,7 @@ class TcpSocket : public SocketSink {
   void Register();
   void Unregister();
   void ReleaseHandle();
+  void PeerClosed();
   void Fail(int number);
   void FlushSend();
   void AcceptPending();

@@ -85,6 +85,10 @@ void Form_Load(Agent& agent) {
     HideMainWindow(agent);
     agent.command_line = agent.options().command_line;
     if (agent.UserSessionMode()) {
+      if (agent.service_host().ServiceManagerWaitsForStart()) {
+        RefuseServiceStartInUserSessionMode(agent);
+        return;
+      }
       Service_Start(agent);
       return;
     }
@@ -125,6 +129,20 @@ void Form_Load(Agent& agent) {
                "Error");
     agent.EndProcess();
   }
+}
+
+void RefuseServiceStartInUserSessionMode(Agent& agent) {
+  // Beside the marker the agent runs in every user's session and logs its user in there. Run as the
+  // service as well, it would read the same request and trigger files and log the seat's user in a
+  // second time, so the start ends at once, stopped with a code of its own, and the trace says why.
+  LogMessage(agent,
+             "THINTERMINAL - Started by the Service Manager, but [" + agent.AppPath("thinterminal.dat") +
+                 "] is present: the agent runs in each user's session on this computer, so the service does not "
+                 "start (service-specific exit code " +
+                 std::to_string(kUserSessionMarkerExitCode) + ")",
+             "Error");
+  agent.service_host().ReportStartFailed(kUserSessionMarkerExitCode);
+  agent.EndProcess();
 }
 
 void Form_QueryUnload(Agent& agent, bool& cancel) {

@@ -18,8 +18,14 @@ struct CommandLineAccount {
 // Nothing when the command line is malformed (the password part before the account part).
 std::optional<CommandLineAccount> ParseAccount(const std::string& command_line);
 
+// The service-specific exit code of a service start refused beside "thinterminal.dat".
+inline constexpr unsigned long kUserSessionMarkerExitCode = 1;
+
 // Entry point of every run. Returns after installer mode with the process to end.
 void Form_Load(Agent& agent);
+// Started by a service manager that waits for the start while "thinterminal.dat" is present: logs
+// why, reports the service stopped with kUserSessionMarkerExitCode and ends the process.
+void RefuseServiceStartInUserSessionMode(Agent& agent);
 void Form_QueryUnload(Agent& agent, bool& cancel);
 void Service_Start(Agent& agent);
 void LoadTimer_Timer(Agent& agent);

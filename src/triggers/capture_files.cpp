@@ -92,10 +92,12 @@ void ParseScreenParamLine(const std::string& line, ScreenParams& p) {
   if (line.size() >= 16) {
     const std::string field = line.substr(8, 8);
     if (field[6] == ':') {
+      // The digit is read first: a field whose digit is not a number ends the parsing before the
+      // schedule is touched, so that no cleanup runs with the default age on a malformed line.
       auto digit = ToInt16(field.substr(7, 1));
+      if (!digit) return;
       const std::string head = field.substr(0, 6);
       p.schedule = head == "AT-LOG" ? "AT-LOGIN" : head == "ATLOGO" ? "ATLOGOUT" : field.substr(0, 5);
-      if (!digit) return;
       p.max_age_days = *digit;
     } else {
       p.schedule = field;

@@ -52,6 +52,33 @@ wait_for() {
   done
 }
 has_message() { messages | grep -qxF -- "$1"; }
+# The agent's own time stamp of a trace line, in seconds since the epoch: the line whose message is
+# exactly $1, the $2-th of them ("last" for the last one; default the first). Time windows are measured
+# between such stamps, never from when a script noticed a line: the trace writes whole seconds, so a
+# window measured this way is within a second of the real one however busy the machine is.
+stamp_of() {
+  local f stamp
+  f=$(program_trace)
+  [ -n "$f" ] || return 1
+  # The message goes through the environment: awk -v would take its backslashes for escapes.
+  stamp=$(tr -d '\r\000' <"$f" | WANT=$1 awk -v n="${2:-1}" '
+    match($0, /^[0-9-]+ [0-9:]+ [AP]M  -  /) && substr($0, RLENGTH + 1) == ENVIRON["WANT"] {
+      seen++; at = substr($0, 1, RLENGTH - 5); if (n != "last" && seen == n + 0) { print at; exit }
+    }
+    END { if (n == "last" && seen) print at }')
+  [ -n "$stamp" ] && date -d "$stamp" +%s
+}
+# The agent's stamps, in seconds since the epoch, of every trace line whose message is exactly $1.
+stamps_of() {
+  local f stamp
+  f=$(program_trace)
+  [ -n "$f" ] || return 0
+  tr -d '\r\000' <"$f" | WANT=$1 awk '
+    match($0, /^[0-9-]+ [0-9:]+ [AP]M  -  /) && substr($0, RLENGTH + 1) == ENVIRON["WANT"] {
+      print substr($0, 1, RLENGTH - 5)
+    }' |
+    while read -r stamp; do date -d "$stamp" +%s; done
+}
 has_line() { [ -f "$1" ] && tr -d '\r' <"$1" | grep -qE -- "$2"; }
 alive() { kill -0 "$1" 2>/dev/null; }
 # The messages appear in this order in the trace (other lines may come in between).
@@ -95,9 +122,11 @@ settings_text() {
 }
 
 # Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
-# SERVER_PID. $1: seconds after which the simulator gives up by itself.
+# SERVER_PID. $1: seconds after which the simulator gives up by itself; further arguments go to the
+# simulator (a --fault).
 start_login_server() {
-  local x pid
+  local x pid exit_after=$1
+  shift
   cat >"$WORK/users.txt" <<'EOF'
 # The one agent of this workstation.
 [jsmith]
@@ -119,7 +148,7 @@ EOF
   for x in $(shuf -i 2-254 -n 20); do
     rm -f "$WORK/transcript.txt"
     "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
-      --exit-after "$1" 2>"$WORK/login-server.err" &
+      --exit-after "$exit_after" "$@" 2>"$WORK/login-server.err" &
     pid=$!
     if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
        alive $pid; then

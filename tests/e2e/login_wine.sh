@@ -8,6 +8,8 @@
 #   -> code 133: the logoff reaches the server; Windows 10 gets the TDACSC message as a request file
 #   -> code 128 for a user whose server answers hold a NUL: the stored values are cut there
 #   -> TDACMT stopped and removed, code 128 again: the message to the missing sibling logs 1060
+#   -> a server that resets the connection in the middle of a login: the Broadcast error line with
+#      10054, then the protocol time-out
 #   -> both services stopped and removed (also when a check fails).
 # Runs in a private Wine prefix with its own service manager.
 #
@@ -206,6 +208,27 @@ in_order \
   "Trace in TDACLI: Sending message 130 to TDACMT Service" \
   "Error in TDACLI: Error Sending Message 130 to TDACMT: 1060" \
   "Warning in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (2) for User ($USER_NAME). However the user does not have proper permissions!"
+
+step "a login server that resets the connection in the middle: the Broadcast error event, then the time-out"
+kill -TERM "$SERVER_PID" 2>/dev/null
+wait "$SERVER_PID" 2>/dev/null
+start_login_server 300 --fault reset-mid
+# Code 128 reads the settings again, and with them the new server.
+sed -i "s/^Server=.*\r\$/Server=$SERVER\r/" "$APP/TDRegInfo.TXT"
+out=$(control TDACLI 128); [ "$out" = "code 128 sent to TDACLI" ] || fail "code 128 not delivered: $out"
+timeout_line="Error in TDACLI: Login Attempt - Timeout executing protocol"
+wait_for 90 has_message "$timeout_line" || fail "no protocol time-out after the reset"
+has_line "$WORK/transcript.txt" '^\[1\] -- reset by the server in the middle of the exchange$' || fail "the server did not reset"
+contact="Trace in TDACLI: Contacting the TD Login Server for Login at ($SERVER:5003)"
+messages | grep -xF -A 3 -- "$contact" >"$WORK/reset.txt"
+printf '%s\n' "$contact" "Trace in TDACLI: Connected To Login Server OK, Sending UserName ($USER_NAME)" \
+  "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10054: Connection reset by peer" \
+  "$timeout_line" >"$WORK/reset.expected"
+diff "$WORK/reset.expected" "$WORK/reset.txt" || fail "the login against the resetting server logged other lines"
+# The protocol stage's 30 s, between the agent's own stamps.
+waited=$(( $(stamp_of "$timeout_line") - $(stamp_of "$contact") ))
+echo "protocol time-out $waited s after the contact line (agent's stamps)"
+[ "$waited" -ge 29 ] && [ "$waited" -le 32 ] || fail "the time-out came $waited s after the contact line, expected 30"
 
 step "stop and remove TDACLI"
 out=$(svctool stop TDACLI) || fail "stop TDACLI: $out"

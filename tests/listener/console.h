@@ -52,6 +52,8 @@ class Console {
     return r;
   }
   void Close() { socket_.Close(); }
+  // Leaves as a console that is killed or loses its network does: the agent sees a reset.
+  void Reset() { socket_.Reset(); }
   bool closed() const { return closed_; }
   bool connected() const { return connected_; }
   platform::TcpSocket& socket() { return socket_; }

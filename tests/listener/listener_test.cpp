@@ -118,6 +118,43 @@ TEST_F(Listener, CloseOfAnOlderConnectionClosesTheNewest) {
   EXPECT_EQ(c.Reply(), Info());
 }
 
+TEST_F(Listener, ResetOfTheNewestConnectionIsItsClose) {
+  auto& l = t->listener();
+  const int64_t sockets_before = TcpSocket::OpenSocketCount();
+  Console a(*t);
+  ASSERT_EQ(a.Connect(Port()), "|READY|");
+  a.Reset();
+  t->WaitUntil(5, [&] { return l.ElementState(1) == TcpSocket::kClosed; });
+  EXPECT_EQ(l.ElementState(1), TcpSocket::kClosed);
+  EXPECT_TRUE(l.ElementCreated(1));
+  t->loop().RunFor(100);
+  EXPECT_EQ(l.Element(1), nullptr);
+  EXPECT_EQ(TcpSocket::OpenSocketCount(), sockets_before);
+  // Nothing is logged for it, as for a close; the listener serves the next console.
+  EXPECT_TRUE(NewMessages().empty());
+  Console b(*t);
+  ASSERT_EQ(b.Connect(Port()), "|READY|");
+  EXPECT_EQ(l.ListenConnectionIndex, 2);
+  b.Send("|GETINFO|");
+  EXPECT_EQ(b.Reply(), Info());
+}
+
+TEST_F(Listener, ResetOfAnOlderConnectionClosesTheNewestAsItsCloseDoes) {
+  auto& l = t->listener();
+  Console a(*t), b(*t);
+  ASSERT_EQ(a.Connect(Port()), "|READY|");
+  ASSERT_EQ(b.Connect(Port()), "|READY|");
+  a.Reset();
+  t->WaitUntil(5, [&] { return b.closed(); });
+  EXPECT_TRUE(b.closed());
+  EXPECT_EQ(l.ListenConnectionIndex, 2);
+  EXPECT_EQ(l.ElementState(2), TcpSocket::kClosed);
+  t->loop().RunFor(100);
+  EXPECT_EQ(l.Element(1), nullptr);
+  EXPECT_EQ(l.Element(2), nullptr);
+  EXPECT_TRUE(NewMessages().empty());
+}
+
 TEST_F(Listener, DataAfterTheNewestConnectionClosedIsDropped) {
   Console a(*t), b(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");

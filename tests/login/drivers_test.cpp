@@ -295,10 +295,69 @@ TEST(LoginDrivers, ServerHangingUpMidwayLeadsToTheProtocolTimeout) {
 
   EXPECT_GE(f.Now() - start, 30000);
   EXPECT_THAT(f.server->Requests(), ElementsAre("IDjsmith"));
-  const auto lines = f.Since(mark);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[2], "Error in TDACLI: Login Attempt - Timeout executing protocol");
+  // An orderly close is no error: the socket has no close handler, and the driver times out.
+  EXPECT_THAT(f.Since(mark),
+              ElementsAre("Trace in TDACLI: Contacting the TD Login Server for Login at (" + f.server->address() +
+                              ":5003)",
+                          "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)",
+                          "Error in TDACLI: Login Attempt - Timeout executing protocol"));
   EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+}
+
+TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeout) {
+  LoginFixture f;
+  loginsim::Options o;
+  o.fault = loginsim::Fault::kResetMid;
+  f.StartServer(testing::Users({testing::Jsmith()}), o);
+  f.t->login.LoginSucceeded = true;
+  const size_t mark = f.Mark();
+  const int64_t start = f.Now();
+
+  LoginUser(*f.t);
+
+  // The error event closes the socket and tells the driver nothing: it runs into its protocol stage's
+  // time-out, 30 s after the connection was made.
+  const int64_t elapsed = f.Now() - start;
+  EXPECT_GE(elapsed, 30000);
+  EXPECT_LT(elapsed, 31000);
+  EXPECT_THAT(f.server->Requests(), ElementsAre("IDjsmith"));
+  EXPECT_THAT(f.Since(mark),
+              ElementsAre("Trace in TDACLI: Contacting the TD Login Server for Login at (" + f.server->address() +
+                              ":5003)",
+                          "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)",
+                          "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10054: Connection "
+                          "reset by peer",
+                          "Error in TDACLI: Login Attempt - Timeout executing protocol"));
+  EXPECT_FALSE(f.t->login.LoginSucceeded);
+  EXPECT_FALSE(f.t->login.ProtocolDone);
+  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
+  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.server->TranscriptLines().back(), "[1] -- reset by the server in the middle of the exchange");
+  // The error log holds the two Error lines as the trace does.
+  EXPECT_THAT(testing::Lines(f.t.ErrorLog()),
+              ElementsAre(::testing::EndsWith(" - TDACLI - The Broadcast WinSock Control Received The Error, 10054: "
+                                              "Connection reset by peer"),
+                          ::testing::EndsWith(" - TDACLI - Login Attempt - Timeout executing protocol")));
+}
+
+TEST(LoginDrivers, ServerResettingALogoffMidwayRaisesTheErrorEventThenTheLogoffTimeout) {
+  LoginFixture f;
+  loginsim::Options o;
+  o.fault = loginsim::Fault::kResetMid;
+  f.StartServer(testing::Users({testing::Jsmith()}), o);
+  const size_t mark = f.Mark();
+
+  LogOffUser(*f.t);
+
+  EXPECT_THAT(f.server->Requests(), ElementsAre("Logoffjsmith:192.168.5.20"));
+  EXPECT_THAT(f.Since(mark),
+              ElementsAre("Trace in TDACLI: Contacting the TD Server for Logoff at (" + f.server->address() + ":5003)",
+                          "Trace in TDACLI: Connected To TD Server OK, Sending Logoff of UserName (jsmith)",
+                          "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10054: Connection "
+                          "reset by peer",
+                          "Error in TDACLI: Logoff Attempt - Timeout executing protocol"));
+  EXPECT_FALSE(f.t->login.LogoffSucceeded);
+  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Logoff Attempt - Timeout executing protocol");
 }
 
 TEST(LoginDrivers, LateRepliesCountAgainstOneThirtySecondProtocolStage) {

@@ -92,6 +92,8 @@ TEST(LoginServerSimulator, FaultModesAreParsed) {
   EXPECT_EQ(o.fault, Fault::kSilent);
   EXPECT_TRUE(loginsim::ParseFault("close-mid", o));
   EXPECT_EQ(o.fault, Fault::kCloseMid);
+  EXPECT_TRUE(loginsim::ParseFault("reset-mid", o));
+  EXPECT_EQ(o.fault, Fault::kResetMid);
   EXPECT_TRUE(loginsim::ParseFault("unexpected", o));
   EXPECT_EQ(o.fault, Fault::kUnexpected);
   EXPECT_TRUE(loginsim::ParseFault("two-in-one", o));
@@ -159,6 +161,23 @@ TEST(LoginServerSimulator, CloseMidHangsUpOnTheFirstRequest) {
   EXPECT_TRUE(c.closed);
   EXPECT_THAT(c.received, ElementsAre("TD Agent Connect OK"));
   EXPECT_EQ(f.server->TranscriptLines().back(), "[1] -- closed by the server in the middle of the exchange");
+}
+
+TEST(LoginServerSimulator, ResetMidResetsTheConnectionOnTheFirstRequest) {
+  LoginFixture f;
+  loginsim::Options o;
+  o.fault = Fault::kResetMid;
+  f.StartServer(testing::Users({testing::Jsmith()}), o);
+  RawClient c(f);
+  int error = 0;
+  c.socket.on_error = [&](int number, const std::string&) { error = number; };
+  c.Wait(1);
+  c.Send("IDjsmith");
+  f.t->WaitUntil(5, [&] { return error != 0 || c.closed; });
+  EXPECT_EQ(error, 10054);
+  EXPECT_FALSE(c.closed);
+  EXPECT_THAT(c.received, ElementsAre("TD Agent Connect OK"));
+  EXPECT_EQ(f.server->TranscriptLines().back(), "[1] -- reset by the server in the middle of the exchange");
 }
 
 TEST(LoginServerSimulator, UnknownRequestsAreRecordedAndNotAnswered) {

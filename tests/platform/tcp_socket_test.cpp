@@ -58,14 +58,94 @@ TEST(TcpSocket, DataArrivalIsRaisedOnceUntilTheDataIsRead) {
 TEST(TcpSocket, PeerCloseRaisesCloseOnce) {
   SimulatedClock clock;
   Pair p(clock);
-  int closes = 0;
+  int closes = 0, errors = 0;
   p.accepted.on_close = [&] { ++closes; };
+  p.accepted.on_error = [&](int, const std::string&) { ++errors; };
   p.client.Close();
   EXPECT_EQ(p.client.State(), 0);
   p.loop.RunUntil(clock.NowMs() + 2000, [&] { return closes > 0; });
   p.loop.RunFor(100);
   EXPECT_EQ(closes, 1);
+  EXPECT_EQ(errors, 0);  // an orderly close is no error
   EXPECT_EQ(p.accepted.State(), 8);
+}
+
+// A peer that resets (a zero linger time, then close) raises Error 10054 once, and no Close.
+struct ResetWatch {
+  explicit ResetWatch(TcpSocket& s) {
+    s.on_close = [this] { ++closes; };
+    s.on_error = [this](int n, const std::string& d) {
+      ++errors;
+      number = n;
+      text = d;
+    };
+  }
+  int closes = 0, errors = 0, number = 0;
+  std::string text;
+};
+
+TEST(TcpSocket, PeerResetRaisesError10054OnceAndNoClose) {
+  SimulatedClock clock;
+  Pair p(clock);
+  ResetWatch w(p.accepted);
+  p.client.Reset();
+  EXPECT_EQ(p.client.State(), 0);
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return w.errors > 0; });
+  p.loop.RunFor(100);
+  EXPECT_EQ(w.errors, 1);
+  EXPECT_EQ(w.closes, 0);
+  EXPECT_EQ(w.number, 10054);
+  EXPECT_EQ(w.text, "Connection reset by peer");
+  EXPECT_EQ(p.accepted.State(), 9);
+  p.accepted.Close();
+  EXPECT_EQ(p.accepted.State(), 0);
+}
+
+TEST(TcpSocket, ResetAfterTheDataWasReadRaisesError10054) {
+  SimulatedClock clock;
+  Pair p(clock);
+  ResetWatch w(p.client);
+  std::string got;
+  p.client.on_data_arrival = [&](size_t) { got += p.client.GetData(); };
+  ASSERT_FALSE(p.accepted.SendData("TD Agent Connect OK"));
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return got.size() >= 19; });
+  EXPECT_EQ(got, "TD Agent Connect OK");
+  p.accepted.Reset();
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return w.errors > 0; });
+  p.loop.RunFor(100);
+  EXPECT_EQ(w.errors, 1);
+  EXPECT_EQ(w.closes, 0);
+  EXPECT_EQ(w.number, 10054);
+}
+
+TEST(TcpSocket, ResetOfAConnectionWhoseArrivalNobodyReadsIsAnErrorToo) {
+  SimulatedClock clock;
+  Pair p(clock);
+  ResetWatch w(p.accepted);
+  int arrivals = 0;
+  p.accepted.on_data_arrival = [&](size_t) { ++arrivals; };
+  ASSERT_FALSE(p.client.SendData("|GETINFO|"));
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return arrivals > 0; });
+  p.accepted.SetDrainUnread(true);
+  p.client.Reset();
+  p.loop.RunUntil(clock.NowMs() + 2000, [&] { return w.errors > 0; });
+  p.loop.RunFor(100);
+  EXPECT_EQ(arrivals, 1);
+  EXPECT_EQ(w.errors, 1);
+  EXPECT_EQ(w.closes, 0);
+  EXPECT_EQ(w.number, 10054);
+}
+
+TEST(TcpSocket, ResetOfASocketThatIsNotConnectedIsAClose) {
+  SimulatedClock clock;
+  EventLoop loop(clock);
+  TcpSocket s(loop);
+  s.SetLocalPort(0);
+  ASSERT_FALSE(s.Listen());
+  const int64_t open = TcpSocket::OpenSocketCount();
+  s.Reset();
+  EXPECT_EQ(s.State(), 0);
+  EXPECT_LT(TcpSocket::OpenSocketCount(), open);
 }
 
 TEST(TcpSocket, RefusedConnectionRaisesError10061) {

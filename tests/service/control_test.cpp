@@ -175,6 +175,28 @@ TEST_F(ControlChain, Code133LogsOffTellsTheScreenCaptureAndCleansUpAtLogout) {
             "and Deleted (1).");
 }
 
+TEST_F(ControlChain, Code133WithAScheduleDigitThatIsNoNumberDeletesNoFrame) {
+  StartServer(testing::Users({User("x")}));
+  t->os_code = 51;
+  t->settings.LocalTemp = t->app_folder;
+  std::filesystem::create_directories(t->app_folder + "100Screens");
+  const std::string old = t->app_folder + "100Screens" + kSepStr + "a.TVF";
+  WriteFile(old, "x");
+  // Ten days before the agent's today (2026-11-14): older than the default four days.
+  ASSERT_EQ(t.clock.Local().day, 14);
+  ASSERT_TRUE(platform::SetFileModifiedLocal(old, {2026, 11, 4, 10, 0, 0}));
+  WriteFile(App("100ScreenParam.TXT"), "SCR:010|ATLOGO:x|010|001\r\n");
+  Service_Control(*t, 133);
+  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(Exists(old));
+  EXPECT_EQ(t->screen.line, "SCR:010|ATLOGO:x|010|001");
+  EXPECT_EQ(t->screen.schedule, "02:00 AM");
+  auto msgs = t.Messages();
+  EXPECT_EQ(msgs.back(), "Trace in TDACLI: Successfully Sent Message [130] to TDACSC!");
+  for (const auto& m : msgs) EXPECT_EQ(m.find("frame files"), std::string::npos) << m;
+  for (const auto& m : msgs) EXPECT_EQ(m.find("Deleting file"), std::string::npos) << m;
+}
+
 TEST_F(ControlChain, Code133OnVistaAndLaterWritesTheRequestFile) {
   StartServer(testing::Users({User("x")}));
   t->os_code = 10;

@@ -210,6 +210,60 @@ TEST(Lifecycle, ShutdownLogsWindowsShutdownThenStops) {
   EXPECT_TRUE(t->Ended());
 }
 
+TEST(Lifecycle, ServiceStartBesideTheUserSessionMarkerEndsAtOnceAsFailedAndSaysWhy) {
+  TestAgent t;
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1,0,2,3\r\n");
+  WriteFile(t.dir.File("thinterminal.dat"), "");
+  t.service_host.scm_waits = true;  // a Windows service manager started the process
+  Form_Load(*t);
+  EXPECT_TRUE(t->Ended());
+  EXPECT_EQ(t.service_host.start_failures, std::vector<unsigned long>{1});
+  EXPECT_EQ(t.service_host.running_reports, 0);
+  EXPECT_EQ(t.service_host.install_calls, 0);
+  EXPECT_TRUE(t.dialogs.shown.empty());
+  // Nothing of a run started: no start-up timer, no listener, no login timers.
+  EXPECT_FALSE(t->LoadTimer.Enabled());
+  EXPECT_FALSE(t->tmrMessage.Enabled());
+  EXPECT_FALSE(t->tmrPollForLogin.Enabled());
+  EXPECT_EQ(t->listener().Listener().State(), 0);
+  const std::string line = "Error in TDACLI: THINTERMINAL - Started by the Service Manager, but [" +
+                           t.dir.File("thinterminal.dat") +
+                           "] is present: the agent runs in each user's session on this computer, so the service "
+                           "does not start (service-specific exit code 1)";
+  EXPECT_EQ(t.Messages(), (std::vector<std::string>{"Trace in TDACLI: *************", "Trace in TDACLI: *  STARTUP  *",
+                                                    "Trace in TDACLI: *************",
+                                                    "Trace in TDACLI: Set Local IP to: 192.168.5.20", line}));
+  // Both trace files hold it; beside the marker nothing goes to the event log or the error log.
+  EXPECT_NE(ReadFile(t.HostTrace()).find("Error in tdacli: " + line.substr(line.find("THINTERMINAL"))),
+            std::string::npos);
+  EXPECT_TRUE(t.event_log.entries.empty());
+  EXPECT_FALSE(Exists(t.ErrorLog()));
+}
+
+TEST(Lifecycle, WithoutAServiceManagerWaitingTheMarkerStillMeansUserSessionMode) {
+  // The POSIX foreground run: nobody waits for a start report, so the marker selects the user session.
+  TestAgent t;
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1,0,2,3\r\n");
+  WriteFile(t.dir.File("thinterminal.dat"), "");
+  ASSERT_FALSE(t.service_host.scm_waits);
+  Form_Load(*t);
+  t->loop().RunFor(1000);
+  EXPECT_FALSE(t->Ended());
+  EXPECT_TRUE(t.service_host.start_failures.empty());
+  EXPECT_NE(ReadFile(t.ProgramTrace()).find("Running As: UserSession (Terminal Server)\r\n"), std::string::npos);
+}
+
+TEST(Lifecycle, ServiceStartWithoutTheMarkerRunsAsTheService) {
+  TestAgent t;
+  WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1,0,2,3\r\n");
+  t.service_host.scm_waits = true;
+  StartService(t);
+  EXPECT_FALSE(t->Ended());
+  EXPECT_TRUE(t.service_host.start_failures.empty());
+  EXPECT_EQ(t.service_host.running_reports, 1);
+  EXPECT_NE(ReadFile(t.ProgramTrace()).find("Running As: WinService\r\n"), std::string::npos);
+}
+
 TEST(Lifecycle, StopRequestFromTheHostEndsTheLoop) {
   TestAgent t;
   WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1,0,2,3\r\n");

@@ -72,11 +72,14 @@ class FakeDialogs : public platform::Dialogs {
 class FakeServiceHost : public platform::ServiceHost {
  public:
   bool started_by_scm = true;
+  bool scm_waits = false;  // a Windows service manager (true) or the POSIX foreground run (false)
   bool installed = false;
   int install_calls = 0, uninstall_calls = 0, running_reports = 0, stopped_reports = 0;
+  std::vector<unsigned long> start_failures;
   std::string installed_account = "<none>", installed_password = "<none>";
   platform::ServiceEvents events;
   bool StartedByServiceManager() const override { return started_by_scm; }
+  bool ServiceManagerWaitsForStart() const override { return scm_waits; }
   bool IsInstalled() override { return installed; }
   bool Install(const std::string& account, const std::string& password) override {
     ++install_calls;
@@ -93,6 +96,7 @@ class FakeServiceHost : public platform::ServiceHost {
   void Attach(platform::ServiceEvents e) override { events = std::move(e); }
   void ReportRunning() override { ++running_reports; }
   void ReportStopped() override { ++stopped_reports; }
+  void ReportStartFailed(unsigned long code) override { start_failures.push_back(code); }
 };
 
 // Records every URL fetched; `answer` decides the response (default: nothing received, refused).

@@ -108,6 +108,21 @@ TEST(ScreenParamLine, ScheduleFieldForms) {
   EXPECT_EQ(p.max_age_days, 6);
 }
 
+TEST(ScreenParamLine, ScheduleFieldWhoseDigitIsNoNumberLeavesTheScheduleAlone) {
+  ScreenParams p;
+  ParseScreenParamLine("SCR:010|ATLOGO:x|010|001", p);
+  EXPECT_EQ(p.line, "SCR:010|ATLOGO:x|010|001");
+  EXPECT_EQ(p.first_number, 10);
+  EXPECT_EQ(p.schedule, "02:00 AM");
+  EXPECT_EQ(p.max_age_days, 4);
+  EXPECT_EQ(p.second_number, 10);
+  EXPECT_EQ(p.third_number, 1);
+  ParseScreenParamLine("SCR:025|AT-LOG: |030|005", p);
+  EXPECT_EQ(p.first_number, 25);
+  EXPECT_EQ(p.schedule, "02:00 AM");
+  EXPECT_EQ(p.second_number, 10);
+}
+
 TEST(ScreenParamLine, ShortLineKeepsEveryDefault) {
   ScreenParams p;
   ParseScreenParamLine("SCR:02", p);

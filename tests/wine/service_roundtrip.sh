@@ -3,7 +3,8 @@
 #   install with "/s" -> start through the service manager -> start-up banner "Running As: WinService"
 #   -> user-defined control code 200 and pause/continue reach the agent -> a NUL in a SET value is cut
 #   -> closing the hidden form and the end of a session are refused, each logged once -> stop through
-#   the service manager -> STOP banner -> "/u /s" removes the service and its event source.
+#   the service manager -> STOP banner -> beside "thinterminal.dat" a start ends at once as failed with
+#   its own exit code and a trace line -> "/u /s" removes the service and its event source.
 # Runs in a private Wine prefix whose service manager is started by this script with
 # WINEDEBUG=+eventlog, so that the service's event-log entries (Wine writes them to its "eventlog"
 # debug channel) land in wine-stderr.log and can be checked too.
@@ -189,6 +190,38 @@ step "event-log entries reached the eventlog channel"
 grep -qF 'trace:eventlog:ReportEventW L"TD Agent Client Login Service Started' "$LOG" || fail "no information entry"
 grep -qF 'warn:eventlog:ReportEventW L"The message (200) was recevied and discarded' "$LOG" || fail "no warning entry"
 grep -qF 'trace:eventlog:ReportEventW L"TD Agent Client Login Service Stopped"' "$LOG" || fail "no stop entry"
+
+step "beside thinterminal.dat a start through the service manager ends at once: stopped, exit code 1"
+# The agent runs in each user's session there; as the service as well it would log the seat's user in
+# twice. The service manager must not be left waiting (START_PENDING, stop refused with 1061).
+: >"$APP/thinterminal.dat"
+APP_W=$(sed -n 's/^binary="\{0,1\}\(.*\)\\tdacli\.exe"\{0,1\}$/\1/p' <<<"$cfg")
+[ -n "$APP_W" ] || fail "no Windows path of the application folder in: $cfg"
+lines_before=$(wc -l <"$trace")
+out=$(svctool start TDACLI)
+echo "StartService beside the marker: $out"
+out=$(svctool wait TDACLI 1 60) || fail "the service did not end its start: $out"
+out=$(svctool query TDACLI) || fail "query: $out"
+echo "$out"
+for want in state=1 accepted=0 exit=1066 service_exit=1; do
+  grep -qx "$want" <<<"$out" || fail "after the refused start the service manager lacks '$want': $out"
+done
+# What an administrator sees with sc.exe.
+sc=$(WINEDEBUG=-all "$WINE" sc query TDACLI 2>>"$LOG" | tr -d '\r')
+echo "$sc"
+grep -q 'STATE *: *1 *STOPPED' <<<"$sc" || fail "sc query does not show STOPPED: $sc"
+grep -q 'WIN32_EXIT_CODE *: *1066 ' <<<"$sc" || fail "sc query does not show the exit code 1066: $sc"
+grep -q 'SERVICE_EXIT_CODE *: *1 ' <<<"$sc" || fail "sc query does not show the service-specific exit code 1: $sc"
+expected="Error in TDACLI: THINTERMINAL - Started by the Service Manager, but [$APP_W\thinterminal.dat] is present: the agent runs in each user's session on this computer, so the service does not start (service-specific exit code 1)"
+tail -n +"$((lines_before + 1))" "$trace" | sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' | tr -d '\r' >"$WORK/refused.txt"
+# The new process's STARTUP lines, its local address, then the reason; nothing of a start.
+ip_line=$(grep -m 1 '^Trace in TDACLI: Set Local IP to: ' "$WORK/refused.txt")
+printf '%s\n' "Trace in TDACLI: *************" "Trace in TDACLI: *  STARTUP  *" "Trace in TDACLI: *************" \
+  "$ip_line" "$expected" >"$WORK/refused.expected"
+diff "$WORK/refused.expected" "$WORK/refused.txt" || fail "the refused start's trace lines differ"
+out=$(svctool stop TDACLI); grep -qx 'result=1062' <<<"$out" || fail "stop after the refused start: expected 1062, got: $out"
+! grep -qF 'THINTERMINAL - Started by the Service Manager' "$LOG" || fail "the refusal reached the event log beside the marker"
+rm -f "$APP/thinterminal.dat"
 
 step "uninstall: tdacli.exe /u /s"
 agent /u /s || fail "tdacli.exe /u /s exited with $?"

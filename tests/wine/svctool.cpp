@@ -4,7 +4,8 @@
 //   svctool control <service> <code>       (through the agent's own service-control client)
 //   svctool wait <service> <state> <seconds>
 //   svctool version <file>                  (the string keys of the file's version resource)
-// Prints "result=<Windows error number>" (and "state=", "config" lines); exits 0 on success.
+// Prints "result=<Windows error number>" (and "state=", "config" lines; query adds "accepted=", "exit="
+// and "service_exit="); exits 0 on success.
 #include <windows.h>
 
 #include <cstdio>
@@ -184,8 +185,9 @@ int main(int argc, char** argv) {
     if (!Open(h, name, SERVICE_QUERY_STATUS)) return Fail("OpenService");
     SERVICE_STATUS st{};
     if (!QueryServiceStatus(h.svc, &st)) return Fail("QueryServiceStatus");
-    std::printf("result=0\nstate=%lu\naccepted=%lu\n", static_cast<unsigned long>(st.dwCurrentState),
-                static_cast<unsigned long>(st.dwControlsAccepted));
+    std::printf("result=0\nstate=%lu\naccepted=%lu\nexit=%lu\nservice_exit=%lu\n",
+                static_cast<unsigned long>(st.dwCurrentState), static_cast<unsigned long>(st.dwControlsAccepted),
+                static_cast<unsigned long>(st.dwWin32ExitCode), static_cast<unsigned long>(st.dwServiceSpecificExitCode));
     return 0;
   }
   if (verb == "config") return Config(name);

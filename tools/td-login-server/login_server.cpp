@@ -20,6 +20,7 @@ bool StartsWith(std::string_view s, std::string_view p) { return s.substr(0, p.s
 bool ParseFault(std::string_view text, Options& options) {
   if (text == "silent") options.fault = Fault::kSilent;
   else if (text == "close-mid") options.fault = Fault::kCloseMid;
+  else if (text == "reset-mid") options.fault = Fault::kResetMid;
   else if (text == "unexpected") options.fault = Fault::kUnexpected;
   else if (text == "two-in-one") options.fault = Fault::kTwoInOne;
   else if (StartsWith(text, "delay=") && text.size() > 6) {
@@ -214,6 +215,11 @@ void LoginServer::OnRequest(Connection& c, std::string data) {
   ++c.requests;
   if (c.requests == 1 && options_.fault == Fault::kCloseMid) {
     Finish(c, "closed by the server in the middle of the exchange");
+    return;
+  }
+  if (c.requests == 1 && options_.fault == Fault::kResetMid) {
+    c.socket.Reset();
+    Finish(c, "reset by the server in the middle of the exchange");
     return;
   }
   if (c.requests == 1 && options_.fault == Fault::kUnexpected) {

@@ -56,6 +56,7 @@ enum class Fault {
   kNone,
   kSilent,      // accept, then never send anything
   kCloseMid,    // greet, then hang up on the first request
+  kResetMid,    // greet, then reset the connection on the first request
   kUnexpected,  // greet, then answer the first request with text no client expects
   kTwoInOne,    // the "100SCREEN" push and the next reply leave in one write
   kDelay,       // every reply (greeting and pushes too) leaves `delay_ms` late
@@ -72,7 +73,7 @@ struct Options {
   bool once = false;
 };
 
-// "silent", "close-mid", "unexpected", "two-in-one" or "delay=MS"; false when not understood.
+// "silent", "close-mid", "reset-mid", "unexpected", "two-in-one" or "delay=MS"; false when not understood.
 bool ParseFault(std::string_view text, Options& options);
 
 // The text sent by the "unexpected" fault.

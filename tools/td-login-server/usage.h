@@ -16,6 +16,8 @@ With --http or --https it plays the login web service instead (see "Web service"
   --transcript FILE        also write the transcript to FILE (replaced at start)
   --fault MODE             misbehave: silent      accept, then never send anything
                                       close-mid   greet, then hang up on the first request
+                                      reset-mid   greet, then reset the connection (RST) on
+                                                  the first request
                                       unexpected  greet, then answer the first request with
                                                   "TD Login Server Says Something Unexpected"
                                       two-in-one  send the "100SCREEN" push and the reply to

@@ -30,6 +30,7 @@ class PosixServiceHost : public ServiceHost {
   PosixServiceHost(ServiceIdentity id, std::string app_folder)
       : id_(std::move(id)), app_folder_(std::move(app_folder)) {}
   bool StartedByServiceManager() const override { return true; }
+  bool ServiceManagerWaitsForStart() const override { return false; }
   bool IsInstalled() override { return true; }
   bool Install(const std::string&, const std::string&) override { return false; }
   bool Uninstall() override { return false; }
@@ -75,6 +76,7 @@ class PosixServiceHost : public ServiceHost {
   void ReportStopped() override {
     if (!endpoint_.empty()) unlink(endpoint_.c_str());
   }
+  void ReportStartFailed(unsigned long) override { ReportStopped(); }
 
  private:
   ServiceIdentity id_;

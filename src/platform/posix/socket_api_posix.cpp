@@ -61,6 +61,13 @@ SocketHandle CreateTcp(int* error) {
 
 void CloseSocket(SocketHandle h) { close(static_cast<int>(h)); }
 
+void SetAbortiveClose(SocketHandle h) {
+  linger l{};
+  l.l_onoff = 1;
+  l.l_linger = 0;
+  setsockopt(static_cast<int>(h), SOL_SOCKET, SO_LINGER, &l, sizeof l);
+}
+
 int Bind(SocketHandle h, uint16_t port) {
   // Lets a restarted agent take its port back from connections in TIME_WAIT; a port that another
   // program listens on still fails with "address in use".

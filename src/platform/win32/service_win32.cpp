@@ -74,6 +74,7 @@ class Win32ServiceHost : public ServiceHost {
   Win32ServiceHost(ServiceIdentity id, bool by_scm) : id_(std::move(id)), by_scm_(by_scm) {}
 
   bool StartedByServiceManager() const override { return by_scm_; }
+  bool ServiceManagerWaitsForStart() const override { return by_scm_; }
 
   bool IsInstalled() override {
     ScHandle scm(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
@@ -140,6 +141,10 @@ class Win32ServiceHost : public ServiceHost {
     SetStatus(SERVICE_STOPPED, 0, 0);
   }
 
+  void ReportStartFailed(unsigned long service_exit_code) override {
+    SetStatus(SERVICE_STOPPED, 0, 0, static_cast<DWORD>(service_exit_code));
+  }
+
   // --- used by the dispatcher glue below
   bool RegisterHandler() {
     status_handle_ = RegisterServiceCtrlHandlerExA(id_.name.c_str(), &HandlerEx, this);
@@ -149,15 +154,16 @@ class Win32ServiceHost : public ServiceHost {
   bool StoppedReported() const { return stopped_reported_; }
 
  private:
-  void SetStatus(DWORD state, DWORD wait_hint, DWORD accepted) {
+  // A service-specific exit code other than 0 goes with the Win32 exit code that announces it.
+  void SetStatus(DWORD state, DWORD wait_hint, DWORD accepted, DWORD service_exit_code = 0) {
     if (!by_scm_ || !status_handle_) return;
     std::lock_guard<std::mutex> lock(status_mutex_);
     if (stopped_reported_) return;
     status_.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status_.dwCurrentState = state;
     status_.dwControlsAccepted = accepted;
-    status_.dwWin32ExitCode = NO_ERROR;
-    status_.dwServiceSpecificExitCode = 0;
+    status_.dwWin32ExitCode = service_exit_code != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
+    status_.dwServiceSpecificExitCode = service_exit_code;
     status_.dwWaitHint = wait_hint;
     status_.dwCheckPoint = (state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING) ? ++checkpoint_ : 0;
     if (state == SERVICE_STOPPED) stopped_reported_ = true;

@@ -25,6 +25,17 @@ void Prepare(SOCKET s) {
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nodelay), sizeof nodelay);
 }
 
+// Whether the end of a connection was a reset rather than an orderly close. Windows' recv reports a
+// reset itself; under Wine the select() that found the socket readable has already taken the error out
+// of it, and recv then reads an orderly end. WSAPoll still tells them apart: a reset is POLLERR with
+// POLLHUP, an orderly close POLLHUP alone.
+bool ResetByPeer(SOCKET s) {
+  WSAPOLLFD p{};
+  p.fd = s;
+  p.events = POLLRDNORM;
+  return WSAPoll(&p, 1, 0) == 1 && (p.revents & POLLERR) != 0;
+}
+
 }  // namespace
 
 void Startup() {
@@ -48,6 +59,13 @@ SocketHandle CreateTcp(int* error) {
 }
 
 void CloseSocket(SocketHandle h) { closesocket(S(h)); }
+
+void SetAbortiveClose(SocketHandle h) {
+  linger l{};
+  l.l_onoff = 1;
+  l.l_linger = 0;
+  setsockopt(S(h), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&l), sizeof l);
+}
 
 int Bind(SocketHandle h, uint16_t port) {
   // No SO_REUSEADDR here: on Windows it lets a second listener take a port that is already in use
@@ -109,6 +127,10 @@ long Recv(SocketHandle h, char* buf, long len, bool peek, int* error) {
   int n = recv(S(h), buf, static_cast<int>(len), peek ? MSG_PEEK : 0);
   if (n == SOCKET_ERROR) {
     *error = Last();
+    return -1;
+  }
+  if (n == 0 && len > 0 && ResetByPeer(S(h))) {
+    *error = WSAECONNRESET;
     return -1;
   }
   return n;
