@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
@@ -70,20 +69,17 @@ std::string WriteConfiguration(Agent& agent) {
       if (!written[k]) out.push_back(kRewrittenKeys[k].key + s.*kRewrittenKeys[k].field);
   }
 
-  std::string content;
-  for (const auto& line : out) content += line + "\r\n";
+  // Written whole beside the file under its temporary name, flushed to the disk, and renamed over the
+  // file in one step with the folder flushed after it: the target is no longer deleted first, so at
+  // every moment, also after a crash or a power cut, "TDRegInfo.TXT" is the old file or the new one.
+  // A file that already holds these bytes (every login saves the same settings again) is left as it
+  // is, which spares the flushes.
+  WholeFileSave how;
+  how.flush = true;
+  how.skip_equal = true;
+  how.temporary = temporary;
   TrappedError error;
-  // Opened for appending, as the writer always did: a leftover that could not be deleted is kept.
-  if (!WriteFileReporting(temporary, content, /*append=*/true, error)) return error.description;
-
-  if (FileExists(target)) DeleteFile(agent, target);
-  MoveFile(agent, temporary, target);
-  // The move fails silently (for example when a folder has the file's name): only a file that was
-  // really replaced counts as saved; the temporary file is not left behind.
-  if (FileExists(temporary) || !FileExists(target)) {
-    DeleteFile(agent, temporary);
-    return "Path/File access error";
-  }
+  if (!SaveWholeFile(agent, target, JoinLines(out), how, error)) return error.description;
   LogMessage(agent, "Wrote Login Settings to config file", "Trace");
   return "";
 }
@@ -106,6 +102,7 @@ bool SaveOneSetting(Agent& agent, std::string Settings::*field) {
 }  // namespace
 
 std::string ConfigurationPath(Agent& agent) { return agent.AppPath("TDRegInfo.TXT"); }
+
 
 std::string ExpandLocalTemp(Agent& agent, const std::string& value) {
   // Lower-cased first so that the placeholders match in any case; the folders put in keep their own.
