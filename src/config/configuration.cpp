@@ -84,6 +84,23 @@ std::string WriteConfiguration(Agent& agent) {
   return "";
 }
 
+// Versions before this one deleted the settings file before they moved the temporary file into its
+// place: one killed in between left only "TDRegInfo.tmp", and the next start came up on the defaults
+// (another server, another console port). A whole temporary file (the title line first, CR LF last)
+// is put in the settings file's place, with one Warning line; a part of one is never taken. Where it
+// cannot be moved (a folder that cannot be written), it is read where it is: `path` names it then.
+bool RecoverInterruptedSave(Agent& agent, std::string& path) {
+  const std::string temporary = TemporaryPath(path);
+  if (!IsWholeInterruptedSave(path)) return false;
+  const bool moved = static_cast<bool>(agent.file_system->Rename(temporary, path, /*replace=*/false, /*durable=*/true));
+  LogMessage(agent,
+             "Settings file [" + path + "] was missing; recovered it from [" + temporary +
+                 "], left whole by an interrupted save.",
+             "Warning");
+  if (!moved) path = temporary;
+  return true;
+}
+
 // The per-setting saves: reload everything else from the file, keep the one new value, and write the
 // fresh file (lines the program does not know are dropped).
 bool SaveOneSetting(Agent& agent, std::string Settings::*field) {
@@ -103,6 +120,10 @@ bool SaveOneSetting(Agent& agent, std::string Settings::*field) {
 
 std::string ConfigurationPath(Agent& agent) { return agent.AppPath("TDRegInfo.TXT"); }
 
+bool IsWholeInterruptedSave(const std::string& path) {
+  const std::string temporary = TemporaryPath(path);
+  return FileExists(temporary) && FileStartsAndEndsWith(temporary, std::string(kTitleLine) + "\r\n", "\r\n");
+}
 
 std::string ExpandLocalTemp(Agent& agent, const std::string& value) {
   // Lower-cased first so that the placeholders match in any case; the folders put in keep their own.
@@ -158,10 +179,10 @@ std::vector<std::string> FreshConfigurationLines(const Settings& s) {
 
 void LoadConfiguration(Agent& agent) {
   agent.settings = Settings{};
-  const std::string path = ConfigurationPath(agent);
+  std::string path = ConfigurationPath(agent);
   // A missing file leaves the defaults; neither the Windows folder nor the local temp expansion is
-  // touched then.
-  if (!FileExists(path)) return;
+  // touched then. Only a whole temporary file of an interrupted save is taken instead.
+  if (!FileExists(path) && !RecoverInterruptedSave(agent, path)) return;
   // Read line by line: a huge file written by someone else costs a bounded buffer, not its size.
   Settings parsed;
   if (!ForEachLine(path, [&parsed](std::string_view line) {

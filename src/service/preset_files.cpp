@@ -141,6 +141,9 @@ int WritePresetFiles(const std::string& app_folder, const PresetValues& values, 
     const std::string path = folder + "TDRegInfo.TXT";
     if (FileExists(path)) {
       log += "TDRegInfo.TXT exists and is left as it is\n";
+    } else if (IsWholeInterruptedSave(path)) {
+      // The settings of an older version's save cut short: the agent takes them at its start.
+      log += "TDRegInfo.tmp holds the settings of an interrupted save and is left for the agent\n";
     } else {
       Settings s;
       if (!values.server.empty()) s.Server = values.server;

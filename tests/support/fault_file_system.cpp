@@ -41,6 +41,11 @@ platform::FileResult FaultFileSystem::Append(const std::string& path, std::strin
 platform::FileResult FaultFileSystem::Rename(const std::string& source, const std::string& target, bool replace,
                                              bool durable) {
   Step("Rename " + source + " -> " + target + (durable ? " durable" : ""));
+  if (refuse_rename && refuse_rename(target)) {
+    platform::FileResult r;
+    r.fault = platform::FileFault::kAccessDenied;
+    return r;
+  }
   const platform::FileResult r = real_.Rename(source, target, replace, durable);
   if (r && durable) ++folder_flushes;
   return r;

@@ -22,6 +22,10 @@ class FaultFileSystem : public platform::FileSystem {
   void FullEverywhere() { full = [](const std::string&) { return true; }; }
   void SpaceBack() { full = nullptr; }
 
+  // Renames onto the targets this accepts are refused (kAccessDenied), as in a folder that cannot be
+  // written.
+  std::function<bool(const std::string& target)> refuse_rename;
+
   // Called before each step that changes the disk, with its description: "Write <path>" (with
   // " flushed" when the bytes are flushed), "Append <path>", "Rename <from> -> <to>" (with
   // " durable"), "Remove <path>".
