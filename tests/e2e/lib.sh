@@ -94,10 +94,8 @@ settings_text() {
     "NotificationMethod=$2" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
 }
 
-# Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
-# SERVER_PID. $1: seconds after which the simulator gives up by itself.
-start_login_server() {
-  local x pid
+# Writes the users file of the simulator: the agent jsmith, and nuluser whose answers hold a NUL.
+write_users() {
   cat >"$WORK/users.txt" <<'EOF'
 # The one agent of this workstation.
 [jsmith]
@@ -114,6 +112,14 @@ EOF
   printf '%s\n' '[nuluser]' 'ServerTemp=\\fs01\tdtemp\' 'LocalTemp=c:\%appdir%\Capture' \
     'LiveID=48214:10.1.2.3:5020:T' 'Trace=False' 'WebCam=true' >>"$WORK/users.txt"
   printf 'KekInfo=KEK-9\0planted\nValidIPMask=10.9.\0x\n100Screen=SCR:010\0planted\n' >>"$WORK/users.txt"
+}
+
+# Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
+# SERVER_PID. $1: seconds after which the simulator gives up by itself; $2 (optional): a users file
+# of the caller's instead of the one written here.
+start_login_server() {
+  local x pid
+  if [ -n "${2:-}" ]; then cp "$2" "$WORK/users.txt"; else write_users; fi
   # The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
   SERVER=
   for x in $(shuf -i 2-254 -n 20); do
