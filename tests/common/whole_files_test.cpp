@@ -158,6 +158,22 @@ TEST(SaveWholeFile, ALinkUnderTheTemporaryNameGoesItselfAndItsTargetIsUntouched)
   EXPECT_EQ(fs::status(victim).permissions(), fs::perms::owner_read);
   EXPECT_FALSE(fs::exists(fs::symlink_status(t.dir.File("~TDIPMASK_INI.tdtmp"))));
 }
+
+TEST(SaveWholeFile, ALinkUnderTheFilesNameIsReplacedByTheFileAndItsTargetIsUntouched) {
+  TestAgent t;
+  testing::TempDir outside;
+  const std::string victim = outside.File("victim.txt");
+  WriteFile(victim, "outside");
+  fs::permissions(victim, fs::perms::owner_read, fs::perm_options::replace);
+  const std::string path = t.dir.File("TDLiveID.INI");
+  fs::create_symlink(victim, path);
+  TrappedError error;
+  ASSERT_TRUE(SaveWholeFile(platform::SystemFileSystem(), path, "[LiveID]\r\n", {}, error));
+  EXPECT_FALSE(fs::is_symlink(path));
+  EXPECT_EQ(ReadFile(path), "[LiveID]\r\n");
+  EXPECT_EQ(ReadFile(victim), "outside");
+  EXPECT_EQ(fs::status(victim).permissions(), fs::perms::owner_read);
+}
 #endif
 
 // ---------------------------------------------------------------- the folder write test
