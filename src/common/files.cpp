@@ -230,7 +230,13 @@ bool SaveWholeFile(platform::FileSystem& files, const std::string& path, std::st
     if (files.Kind(temporary) == platform::EntryKind::kFile) files.Remove(temporary);
     return false;
   }
-  const platform::FileResult renamed = files.Rename(temporary, path, how.replace, how.flush);
+  platform::FileResult renamed = files.Rename(temporary, path, how.replace, how.flush);
+  if (!renamed && how.pause_before_retry && how.replace &&
+      (renamed.fault == platform::FileFault::kInUse || renamed.fault == platform::FileFault::kAccessDenied) &&
+      files.Kind(path) == platform::EntryKind::kFile) {
+    how.pause_before_retry();
+    renamed = files.Rename(temporary, path, how.replace, how.flush);
+  }
   if (!renamed) {
     error = FileRenameFault(renamed);
     files.Remove(temporary);

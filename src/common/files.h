@@ -57,6 +57,9 @@ struct WholeFileSave {
   bool skip_equal = false;
   // The name the bytes are written under first, beside the file; empty: TemporaryNameBeside(path).
   std::string temporary;
+  // When the file cannot be replaced because another program holds it (or the system refuses), this
+  // runs once and the rename is tried once more after it.
+  std::function<void()> pause_before_retry;
 };
 
 // Writes `content` as the whole file `path`: first into a temporary file beside it, then renamed over

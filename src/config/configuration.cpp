@@ -78,6 +78,10 @@ std::string WriteConfiguration(Agent& agent) {
   how.flush = true;
   how.skip_equal = true;
   how.temporary = temporary;
+  // A file that another program of the suite holds open cannot be replaced on Windows: it gets the
+  // second that the move always waited for a target it could not delete, events running, and one
+  // more try.
+  how.pause_before_retry = [&agent] { agent.WaitSeconds(1); };
   TrappedError error;
   if (!SaveWholeFile(agent, target, JoinLines(out), how, error)) return error.description;
   LogMessage(agent, "Wrote Login Settings to config file", "Trace");

@@ -18,6 +18,8 @@ std::wstring Wide(const std::string& s) {
   return w;
 }
 
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
 // ERROR_DISK_QUOTA_EXCEEDED, which mingw-w64's headers do not name.
 constexpr DWORD kDiskQuotaExceeded = 1295;
 
@@ -110,10 +112,10 @@ class Win32FileSystem final : public FileSystem {
 
   FileResult Append(const std::string& path, std::string_view bytes, long long& size_after) override {
     size_after = -1;
-    // Shared as the C runtime's streams share it: the other programs of the suite append to the same
-    // host-wide trace and may read or empty it at any time.
-    HANDLE h = CreateFileW(Wide(path).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    // The other programs of the suite append to the same host-wide trace and may read, empty or
+    // delete it at any time.
+    HANDLE h = CreateFileW(Wide(path).c_str(), FILE_APPEND_DATA, kShareAll, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
     if (h == INVALID_HANDLE_VALUE) return LastFault();
     FileResult r;
     if (!WriteAll(h, bytes)) r = LastFault();
@@ -149,8 +151,8 @@ class Win32FileSystem final : public FileSystem {
 
   FileResult Read(const std::string& path, size_t limit, std::string& bytes) override {
     bytes.clear();
-    HANDLE h = CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE h = CreateFileW(Wide(path).c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                           nullptr);
     if (h == INVALID_HANDLE_VALUE) return LastFault();
     FileResult r;
     char buf[65536];
@@ -169,9 +171,11 @@ class Win32FileSystem final : public FileSystem {
   }
 
  private:
+  // Another program may delete the file while it is written (as on POSIX): a delete that the open
+  // handle refused would leave a file behind that the other program believes gone.
   static HANDLE Create(const std::wstring& path) {
-    return CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_ALWAYS,
-                       FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileW(path.c_str(), GENERIC_WRITE, kShareAll, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
   }
 };
 
