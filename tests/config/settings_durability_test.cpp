@@ -266,6 +266,38 @@ TEST(SettingsSave, ALeftoverTemporaryFileIsDeletedFirstAsBefore) {
   EXPECT_EQ(testing::ReadFile(t.dir.File("TDRegInfo.TXT")), Fresh("4711", "10.0.0.1", "1,0,2,3"));
 }
 
+TEST(SettingsSave, AFileHeldByAnotherProgramGetsTheMovesSecondAndOneMoreTry) {
+  TestAgent t;
+  testing::WriteFile(t.dir.File("TDRegInfo.TXT"), Fresh("1111", "10.0.0.1", "1,0,2,3"));
+  LoadConfiguration(*t);
+  FaultFileSystem files;
+  int refused = 0;
+  files.refuse_rename = [&](const std::string&) { return refused++ == 0; };
+  t->file_system = &files;
+  const int64_t before = t.clock.NowMs();
+  t->settings.Ext = "4711";
+  ASSERT_TRUE(SaveExt(*t));
+  EXPECT_GE(t.clock.NowMs() - before, 1000);
+  EXPECT_EQ(refused, 2);
+  EXPECT_EQ(testing::ReadFile(t.dir.File("TDRegInfo.TXT")), Fresh("4711", "10.0.0.1", "1,0,2,3"));
+  EXPECT_FALSE(testing::Exists(t.dir.File("TDRegInfo.tmp")));
+}
+
+TEST(SettingsSave, AFileHeldForLongerKeepsItsBytesAndTheSaveFails) {
+  TestAgent t;
+  const std::string old_bytes = Fresh("1111", "10.0.0.1", "1,0,2,3");
+  testing::WriteFile(t.dir.File("TDRegInfo.TXT"), old_bytes);
+  LoadConfiguration(*t);
+  FaultFileSystem files;
+  files.refuse_rename = [](const std::string&) { return true; };
+  t->file_system = &files;
+  t->settings.Ext = "4711";
+  EXPECT_FALSE(SaveExt(*t));
+  EXPECT_EQ(t.Messages().back(), "Error in TDACLI: Error saving settings: Path/File access error");
+  EXPECT_EQ(testing::ReadFile(t.dir.File("TDRegInfo.TXT")), old_bytes);
+  EXPECT_FALSE(testing::Exists(t.dir.File("TDRegInfo.tmp")));
+}
+
 // ---------------------------------------------------------------- a full disk
 
 TEST(SettingsOnAFullDisk, APerSettingSaveKeepsTheOldFileAndLogsDiskFull) {
