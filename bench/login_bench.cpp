@@ -1,6 +1,10 @@
 // Login, logoff and status latency of the real agent code against the login server simulator on the
 // loopback, on the real clock: 1,000 of each, median and 99th percentile. The simulator runs on its own
-// thread (as a separate server would), and again on the agent's own loop for comparison.
+// thread (as a separate server would), and again on the agent's own loop for comparison. The agent's
+// folder lies in the system's temporary folder (TMPDIR chooses another): on a real disk, every flush
+// of the settings file costs what the disk takes for it. Each login also says how many flushes it
+// asked for: as it runs here (the server hands out the same settings, so the file is not written
+// again) and when every login brings a changed setting.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -19,6 +23,7 @@
 #include "web_server.h"
 #endif
 #include "platform/clock.h"
+#include "platform/file_system.h"
 #include "bench_agent.h"
 #include "service/agent.h"
 
@@ -43,6 +48,32 @@ loginsim::UserTable Users() {
   users.Add(u);
   return users;
 }
+
+// The system's files, counting the flushes asked of the disk: a file's bytes before its rename, and
+// the folder after a rename.
+class CountingFileSystem : public platform::FileSystem {
+ public:
+  long long file_flushes = 0, folder_flushes = 0;
+  platform::EntryKind Kind(const std::string& p) override { return real_.Kind(p); }
+  platform::FileResult Write(const std::string& p, std::string_view b, bool flush) override {
+    if (flush) ++file_flushes;
+    return real_.Write(p, b, flush);
+  }
+  platform::FileResult Append(const std::string& p, std::string_view b, long long& size) override {
+    return real_.Append(p, b, size);
+  }
+  platform::FileResult Rename(const std::string& s, const std::string& t, bool replace, bool durable) override {
+    if (durable) ++folder_flushes;
+    return real_.Rename(s, t, replace, durable);
+  }
+  platform::FileResult Remove(const std::string& p) override { return real_.Remove(p); }
+  platform::FileResult Read(const std::string& p, size_t limit, std::string& b) override {
+    return real_.Read(p, limit, b);
+  }
+
+ private:
+  platform::FileSystem& real_ = platform::SystemFileSystem();
+};
 
 struct Figures {
   double median_ms = 0, p99_ms = 0, max_ms = 0;
@@ -71,11 +102,32 @@ void Print(const char* what, const Figures& f) {
               f.max_ms, f.failed, kRuns);
 }
 
+// Flushes per login of one Measure() (its warm-up runs included).
+void PrintFlushes(const char* what, CountingFileSystem& files) {
+  const double runs = kRuns + kWarmUp;
+  std::printf("  %-14s flushes per login %.2f (file %.2f, folder %.2f)\n", what,
+              static_cast<double>(files.file_flushes + files.folder_flushes) / runs, files.file_flushes / runs,
+              files.folder_flushes / runs);
+  files.file_flushes = files.folder_flushes = 0;
+}
+
 void RunAll(Agent& a) {
-  Print("login", Measure([&] {
-          LoginUser(a);
-          return a.login.LoginSucceeded && a.login.LastLoginResult.rfind("The Tyndrel", 0) == 0;
+  CountingFileSystem files;
+  a.file_system = &files;
+  auto login = [&] {
+    LoginUser(a);
+    return a.login.LoginSucceeded && a.login.LastLoginResult.rfind("The Tyndrel", 0) == 0;
+  };
+  Print("login", Measure(login));
+  PrintFlushes("login", files);
+  // A setting the login's save writes from memory, changed before every login: each save writes and
+  // flushes the settings file.
+  bool pop = false;
+  Print("login, changed", Measure([&] {
+          a.settings.PopEx = (pop = !pop) ? "true" : "false";
+          return login();
         }));
+  PrintFlushes("login, changed", files);
   Print("logoff", Measure([&] {
           LogOffUser(a);
           return a.login.LogoffSucceeded;
@@ -86,6 +138,7 @@ void RunAll(Agent& a) {
           LoginStatus(a);
           return a.login.StatusSucceeded;
         }));
+  a.file_system = &platform::SystemFileSystem();
 }
 
 #ifdef TDACLI_SIM_WEB
@@ -147,6 +200,7 @@ int main(int argc, char** argv) {
 
   std::printf("login_bench: %d logins, logoffs and status reports each (after %d warm-up runs), real clock\n",
               kRuns, kWarmUp);
+  std::printf("folder: %s\n", folder.string().c_str());
   {
     fs::create_directories(folder / "thread");
     BenchAgent b((folder / "thread").string());

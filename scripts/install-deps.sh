@@ -4,7 +4,7 @@
 set -euo pipefail
 what="${1:-all}"
 linux=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev nlohmann-json3-dev
-  libcpp-httplib-dev libssl-dev openssl)
+  libcpp-httplib-dev libssl-dev openssl strace)
 windows=(g++-mingw-w64-x86-64 wine64 msitools wixl)
 fuzz=(clang libclang-rt-dev)
 case "$what" in

@@ -1,7 +1,6 @@
 #include "common/file_errors.h"
 
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -24,21 +23,23 @@ TrappedError FolderListError(const std::error_code& ec) {
   return {ec.value(), ec.message()};
 }
 
-TrappedError FileWriteError() { return {61, "Disk full"}; }
+TrappedError FileWriteFault(const platform::FileResult& result, const std::string& path) {
+  switch (result.fault) {
+    case platform::FileFault::kDiskFull: return {61, "Disk full"};
+    case platform::FileFault::kBadName: return {52, "Bad file name or number"};
+    case platform::FileFault::kIo: return {57, "Device I/O error"};
+    default: return FileOpenError(path);
+  }
+}
 
-bool WriteFileReporting(const std::string& path, const std::string& content, bool append, TrappedError& error) {
-  std::ofstream f(fs::u8path(path), std::ios::binary | (append ? std::ios::app : std::ios::trunc));
-  if (!f) {
-    error = FileOpenError(path);
-    return false;
+TrappedError FileRenameFault(const platform::FileResult& result) {
+  switch (result.fault) {
+    case platform::FileFault::kExists: return {58, "File already exists"};
+    case platform::FileFault::kDiskFull: return {61, "Disk full"};
+    case platform::FileFault::kBadName: return {52, "Bad file name or number"};
+    case platform::FileFault::kNotFound: return {76, "Path not found"};
+    default: return {75, "Path/File access error"};
   }
-  f.write(content.data(), static_cast<std::streamsize>(content.size()));
-  f.flush();
-  if (!f) {
-    error = FileWriteError();
-    return false;
-  }
-  return true;
 }
 
 }  // namespace tdacli

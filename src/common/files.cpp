@@ -10,6 +10,7 @@
 #include "common/paths.h"
 #include "common/text.h"
 #include "common/workstation.h"
+#include "platform/file_system.h"
 
 namespace fs = std::filesystem;
 
@@ -32,24 +33,19 @@ bool FileExists(const std::string& path) {
 
 void DeleteFile(const std::string& path) {
   if (path.empty()) return;
-  std::error_code ec;
-  auto p = fs::u8path(path);
-  fs::permissions(p, fs::perms::owner_write, fs::perm_options::add, ec);
-  fs::remove(p, ec);
+  platform::SystemFileSystem().Remove(path);
 }
 
 void DeleteFile(Workstation& agent, const std::string& path) {
-  if (agent.refuse_delete && agent.refuse_delete(path)) return;
-  DeleteFile(path);
+  if (path.empty() || (agent.refuse_delete && agent.refuse_delete(path))) return;
+  agent.file_system->Remove(path);
 }
 
 void MoveFile(Workstation& agent, const std::string& source, const std::string& destination) {
-  if (FileExists(destination)) {
-    DeleteFile(agent, destination);
-    agent.WaitSeconds(1);
-  }
-  std::error_code ec;
-  fs::rename(fs::u8path(source), fs::u8path(destination), ec);
+  // The pause is kept, but the destination is no longer deleted before it: it stays whole until the
+  // rename replaces it.
+  if (FileExists(destination)) agent.WaitSeconds(1);
+  agent.file_system->Rename(source, destination, /*replace=*/true, /*durable=*/false);
 }
 
 std::string TrimAtNull(std::string_view text) {
@@ -116,16 +112,17 @@ bool CanWriteToFolder(Workstation& agent, const std::string& folder) {
     LogMessage(agent, "Error during 'CanWriteToFolder' Routine(): 76-Path not found", "Error");
     return false;
   }
-  {
-    std::ofstream f(fs::u8path(test), std::ios::binary | std::ios::trunc);
-    if (!f) {
-      TrappedError error = FileOpenError(test);
-      LogMessage(agent,
-                 "Error during 'CanWriteToFolder' Routine(): " + std::to_string(error.number) + "-" + error.description,
-                 "Error");
-      return false;
-    }
-    f << "TEST FOR WRITE ACCESS\r\n";
+  // The write and the close are checked: on a full disk the file opens, but its line cannot be written.
+  const platform::FileResult written = agent.file_system->Write(test, "TEST FOR WRITE ACCESS\r\n", /*flush=*/false);
+  if (!written) {
+    const TrappedError error = FileWriteFault(written, test);
+    // What was created of the test file goes again; a folder or link of its name was never ours.
+    if (written.fault == platform::FileFault::kDiskFull || written.fault == platform::FileFault::kIo)
+      agent.file_system->Remove(test);
+    LogMessage(agent,
+               "Error during 'CanWriteToFolder' Routine(): " + std::to_string(error.number) + "-" + error.description,
+               "Error");
+    return false;
   }
   DeleteFile(agent, test);
   if (FileExists(test)) {
@@ -202,20 +199,86 @@ bool ForEachLine(const std::string& path, const std::function<bool(std::string_v
   return true;
 }
 
-bool WriteTextFile(const std::string& path, std::string_view content, bool append) {
-  std::ofstream f(fs::u8path(path), std::ios::binary | (append ? std::ios::app : std::ios::trunc));
-  if (!f) return false;
-  f.write(content.data(), static_cast<std::streamsize>(content.size()));
-  return static_cast<bool>(f);
+std::string TemporaryNameBeside(const std::string& path) {
+  const size_t cut = path.find_last_of(kSep == '\\' ? "/\\" : "/");
+  const size_t start = cut == std::string::npos ? 0 : cut + 1;
+  std::string name = path.substr(start);
+  std::replace(name.begin(), name.end(), '.', '_');
+  // Within the 255 characters a name may have: a cut name still belongs to this save alone, as
+  // saves never overlap inside the agent.
+  constexpr size_t kRoom = 255 - 7;
+  if (name.size() > kRoom) name.resize(kRoom);
+  return path.substr(0, start) + "~" + name + ".tdtmp";
 }
 
-bool WriteLines(const std::string& path, const std::vector<std::string>& lines, bool append) {
+bool SaveWholeFile(platform::FileSystem& files, const std::string& path, std::string_view content,
+                   const WholeFileSave& how, TrappedError& error) {
+  if (how.skip_equal && how.replace) {
+    std::string now;
+    // One byte more than the content: a longer file is not equal.
+    if (files.Kind(path) == platform::EntryKind::kFile && files.Read(path, content.size() + 1, now) &&
+        now == content)
+      return true;
+  }
+  const std::string temporary = how.temporary.empty() ? TemporaryNameBeside(path) : how.temporary;
+  // A link under the temporary name goes itself (the write would refuse to follow it); a leftover
+  // file of an earlier save cut short is simply written over.
+  if (files.Kind(temporary) == platform::EntryKind::kLink) files.Remove(temporary);
+  const platform::FileResult written = files.Write(temporary, content, how.flush);
+  if (!written) {
+    error = FileWriteFault(written, temporary);
+    if (files.Kind(temporary) == platform::EntryKind::kFile) files.Remove(temporary);
+    return false;
+  }
+  platform::FileResult renamed = files.Rename(temporary, path, how.replace, how.flush);
+  if (!renamed && how.pause_before_retry && how.replace &&
+      (renamed.fault == platform::FileFault::kInUse || renamed.fault == platform::FileFault::kAccessDenied) &&
+      files.Kind(path) == platform::EntryKind::kFile) {
+    how.pause_before_retry();
+    renamed = files.Rename(temporary, path, how.replace, how.flush);
+  }
+  if (!renamed) {
+    error = FileRenameFault(renamed);
+    files.Remove(temporary);
+    return false;
+  }
+  return true;
+}
+
+bool SaveWholeFile(LogSink& agent, const std::string& path, std::string_view content, const WholeFileSave& how,
+                   TrappedError& error) {
+  return SaveWholeFile(*agent.file_system, path, content, how, error);
+}
+
+bool FileStartsAndEndsWith(const std::string& path, std::string_view head, std::string_view tail) {
+  std::ifstream f(fs::u8path(path), std::ios::binary);
+  if (!f) return false;
+  std::string got(head.size(), '\0');
+  if (!f.read(got.data(), static_cast<std::streamsize>(got.size())) || got != head) return false;
+  f.seekg(0, std::ios::end);
+  const std::streamoff size = f.tellg();
+  if (size < static_cast<std::streamoff>(head.size() + tail.size())) return false;
+  f.seekg(size - static_cast<std::streamoff>(tail.size()));
+  got.assign(tail.size(), '\0');
+  return f.read(got.data(), static_cast<std::streamsize>(got.size())) && got == tail;
+}
+
+std::string JoinLines(const std::vector<std::string>& lines) {
   std::string all;
   for (const auto& l : lines) {
     all += l;
     all += "\r\n";
   }
-  return WriteTextFile(path, all, append);
+  return all;
+}
+
+bool WriteTextFile(const std::string& path, std::string_view content) {
+  TrappedError ignored;
+  return SaveWholeFile(platform::SystemFileSystem(), path, content, {}, ignored);
+}
+
+bool WriteLines(const std::string& path, const std::vector<std::string>& lines) {
+  return WriteTextFile(path, JoinLines(lines));
 }
 
 }  // namespace tdacli

@@ -1,8 +1,6 @@
 #include "common/logging.h"
 
 #include <cctype>
-#include <filesystem>
-#include <fstream>
 
 #include "common/files.h"
 #include "common/text.h"
@@ -17,23 +15,15 @@ std::string IpPart(LogSink& sink) {
 }
 
 // Appends one line; a file that grows past the limit is restarted with a notice and the line.
-// Failures are swallowed: the line is lost.
-void AppendWithLimit(const std::string& path, const std::string& block, const std::string& last_line) {
+// Failures are swallowed: the line is lost. On a full disk that is all that happens: nothing is
+// retried and nothing is logged about it, so logging can never spin or wedge the agent.
+void AppendWithLimit(LogSink& sink, const std::string& path, const std::string& block, const std::string& last_line) {
   long long size = -1;
-  {
-    std::ofstream f(std::filesystem::u8path(path), std::ios::binary | std::ios::app);
-    if (!f) return;
-    f.write(block.data(), static_cast<std::streamsize>(block.size()));
-    // Flushed first: with the Windows C runtime an appending stream only learns that it writes at the
-    // end of the file when the data goes out, so before that its position counts from 0.
-    if (!f.flush()) return;
-    size = static_cast<long long>(f.tellp());
-  }
-  if (size > kLogSizeLimit) {
-    std::ofstream f(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
-    if (!f) return;
-    f << "Log Initialized, It Was Greater than 5 MEG!\r\n" << last_line;
-  }
+  if (!sink.file_system->Append(path, block, size)) return;
+  // Restarted in place, not through a file beside it: the other programs of the suite append to the
+  // same host-wide trace and may hold it open.
+  if (size > kLogSizeLimit)
+    sink.file_system->Write(path, "Log Initialized, It Was Greater than 5 MEG!\r\n" + last_line, /*flush=*/false);
 }
 
 }  // namespace
@@ -83,7 +73,7 @@ void WriteProgramTrace(LogSink& sink, std::string_view message, std::string_view
   }
   std::string line = head + BoundLogMessage(message) + "\r\n";
   block += line;
-  AppendWithLimit(path, block, line);
+  AppendWithLimit(sink, path, block, line);
 }
 
 void WriteTraceLine(LogSink& sink, std::string_view message, std::string_view category) {
@@ -91,7 +81,7 @@ void WriteTraceLine(LogSink& sink, std::string_view message, std::string_view ca
   const std::string path = HostTracePath(sink);
   std::string line = FormatStamp(sink.Now()) + "  -  " + std::string(category) + " in " +
                      sink.ProgramName() + ": " + BoundLogMessage(message) + "\r\n";
-  AppendWithLimit(path, line, line);
+  AppendWithLimit(sink, path, line, line);
 }
 
 void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view message) {
@@ -101,7 +91,7 @@ void WriteErrorLog(LogSink& sink, std::string_view source, std::string_view mess
   const std::string path = ErrorLogPath(sink);
   std::string line =
       FormatStamp(sink.Now()) + "  - " + std::string(source) + " - " + BoundLogMessage(message) + "\r\n";
-  AppendWithLimit(path, line, line);
+  AppendWithLimit(sink, path, line, line);
 }
 
 bool EventLogAllowed(const LogSink& sink) {

@@ -6,17 +6,22 @@
 #include <string_view>
 
 #include "platform/clock.h"
+#include "platform/file_system.h"
 #include "platform/service_host.h"
 
 namespace tdacli {
 
 // What logging needs of its owner and nothing more: the folder the files go to, the program and user
-// they name, the trace switch, the clock and the event log. The agent is one; tests may bring others.
+// they name, the trace switch, the clock, the event log and the file system the files are written
+// through. The agent is one; tests may bring others.
 class LogSink {
  public:
   std::string app_folder;  // with a trailing separator
   std::string local_ip;    // names the log files; empty until determined
   bool startup_banner_written = false;
+  // Every file the agent writes goes through this: the system's own, or one a test puts in its place
+  // (a full disk, a process killed between two steps of a save).
+  platform::FileSystem* file_system = &platform::SystemFileSystem();
 
   std::string AppPath(std::string_view name) const { return app_folder + std::string(name); }
   // User-session mode: "thinterminal.dat" beside the executable, tested afresh each time.

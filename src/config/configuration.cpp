@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
@@ -70,22 +69,40 @@ std::string WriteConfiguration(Agent& agent) {
       if (!written[k]) out.push_back(kRewrittenKeys[k].key + s.*kRewrittenKeys[k].field);
   }
 
-  std::string content;
-  for (const auto& line : out) content += line + "\r\n";
+  // Written whole beside the file under its temporary name, flushed to the disk, and renamed over the
+  // file in one step with the folder flushed after it: the target is no longer deleted first, so at
+  // every moment, also after a crash or a power cut, "TDRegInfo.TXT" is the old file or the new one.
+  // A file that already holds these bytes (every login saves the same settings again) is left as it
+  // is, which spares the flushes.
+  WholeFileSave how;
+  how.flush = true;
+  how.skip_equal = true;
+  how.temporary = temporary;
+  // A file that another program of the suite holds open cannot be replaced on Windows: it gets the
+  // second that the move always waited for a target it could not delete, events running, and one
+  // more try.
+  how.pause_before_retry = [&agent] { agent.WaitSeconds(1); };
   TrappedError error;
-  // Opened for appending, as the writer always did: a leftover that could not be deleted is kept.
-  if (!WriteFileReporting(temporary, content, /*append=*/true, error)) return error.description;
-
-  if (FileExists(target)) DeleteFile(agent, target);
-  MoveFile(agent, temporary, target);
-  // The move fails silently (for example when a folder has the file's name): only a file that was
-  // really replaced counts as saved; the temporary file is not left behind.
-  if (FileExists(temporary) || !FileExists(target)) {
-    DeleteFile(agent, temporary);
-    return "Path/File access error";
-  }
+  if (!SaveWholeFile(agent, target, JoinLines(out), how, error)) return error.description;
   LogMessage(agent, "Wrote Login Settings to config file", "Trace");
   return "";
+}
+
+// Versions before this one deleted the settings file before they moved the temporary file into its
+// place: one killed in between left only "TDRegInfo.tmp", and the next start came up on the defaults
+// (another server, another console port). A whole temporary file (the title line first, CR LF last)
+// is put in the settings file's place, with one Warning line; a part of one is never taken. Where it
+// cannot be moved (a folder that cannot be written), it is read where it is: `path` names it then.
+bool RecoverInterruptedSave(Agent& agent, std::string& path) {
+  const std::string temporary = TemporaryPath(path);
+  if (!IsWholeInterruptedSave(path)) return false;
+  const bool moved = static_cast<bool>(agent.file_system->Rename(temporary, path, /*replace=*/false, /*durable=*/true));
+  LogMessage(agent,
+             "Settings file [" + path + "] was missing; recovered it from [" + temporary +
+                 "], left whole by an interrupted save.",
+             "Warning");
+  if (!moved) path = temporary;
+  return true;
 }
 
 // The per-setting saves: reload everything else from the file, keep the one new value, and write the
@@ -106,6 +123,11 @@ bool SaveOneSetting(Agent& agent, std::string Settings::*field) {
 }  // namespace
 
 std::string ConfigurationPath(Agent& agent) { return agent.AppPath("TDRegInfo.TXT"); }
+
+bool IsWholeInterruptedSave(const std::string& path) {
+  const std::string temporary = TemporaryPath(path);
+  return FileExists(temporary) && FileStartsAndEndsWith(temporary, std::string(kTitleLine) + "\r\n", "\r\n");
+}
 
 std::string ExpandLocalTemp(Agent& agent, const std::string& value) {
   // Lower-cased first so that the placeholders match in any case; the folders put in keep their own.
@@ -161,10 +183,10 @@ std::vector<std::string> FreshConfigurationLines(const Settings& s) {
 
 void LoadConfiguration(Agent& agent) {
   agent.settings = Settings{};
-  const std::string path = ConfigurationPath(agent);
+  std::string path = ConfigurationPath(agent);
   // A missing file leaves the defaults; neither the Windows folder nor the local temp expansion is
-  // touched then.
-  if (!FileExists(path)) return;
+  // touched then. Only a whole temporary file of an interrupted save is taken instead.
+  if (!FileExists(path) && !RecoverInterruptedSave(agent, path)) return;
   // Read line by line: a huge file written by someone else costs a bounded buffer, not its size.
   Settings parsed;
   if (!ForEachLine(path, [&parsed](std::string_view line) {

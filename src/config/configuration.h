@@ -35,4 +35,9 @@ std::vector<std::string> FreshConfigurationLines(const Settings& settings);
 
 std::string ConfigurationPath(Agent& agent);
 
+// Whether the temporary file of the settings file `path` ("TDRegInfo.tmp" beside "TDRegInfo.TXT") is
+// whole: the title line first and CR LF last. Only such a one is taken when the settings file is
+// missing.
+bool IsWholeInterruptedSave(const std::string& path);
+
 }  // namespace tdacli

@@ -15,6 +15,13 @@ namespace {
 
 std::string TrueFalse(bool b) { return b ? "True" : "False"; }
 
+// The files the siblings read are rebuilt at every login: written whole (a sibling never reads half
+// of one), not flushed. Errors are ignored, as the writers always ignored them.
+void SaveLines(Agent& agent, const std::string& path, const std::vector<std::string>& lines) {
+  TrappedError ignored;
+  SaveWholeFile(agent, path, JoinLines(lines), {}, ignored);
+}
+
 // Takes the text before the first ":" off the front of `rest`. Without a ":" the field is empty and
 // `rest` stays as it is.
 std::string CutField(std::string& rest) {
@@ -87,13 +94,13 @@ void SaveFtpCredentials(Agent& agent) {
   ftp.FtpPassiveUseHostAddr = c.passive_use_host_addr;
 
   // Written with errors ignored: an unwritable folder loses the file, the rest still runs.
-  WriteLines(agent.AppPath("TDACFTP.INI"),
-             {"[Tyndrel - Agent Client - FTP Credentials]", "", "[Config]",
-              "ServerTemp=" + agent.settings.SvrTemp, "FTPServer=" + ftp.FtpServer, "UserName=" + ftp.FtpUserName,
-              "EncryptedPassword=" + ftp.FtpEncryptedPassword, "Port=" + ftp.FtpPort,
-              "Ssl=" + TrueFalse(ftp.FtpSsl), "AuthTLS=" + TrueFalse(ftp.FtpAuthTLS),
-              "Passive=" + TrueFalse(ftp.FtpPassive), "PassiveUseHostAddr=" + TrueFalse(ftp.FtpPassiveUseHostAddr),
-              "Protocol=" + c.protocol});
+  SaveLines(agent, agent.AppPath("TDACFTP.INI"),
+            {"[Tyndrel - Agent Client - FTP Credentials]", "", "[Config]",
+             "ServerTemp=" + agent.settings.SvrTemp, "FTPServer=" + ftp.FtpServer, "UserName=" + ftp.FtpUserName,
+             "EncryptedPassword=" + ftp.FtpEncryptedPassword, "Port=" + ftp.FtpPort,
+             "Ssl=" + TrueFalse(ftp.FtpSsl), "AuthTLS=" + TrueFalse(ftp.FtpAuthTLS),
+             "Passive=" + TrueFalse(ftp.FtpPassive), "PassiveUseHostAddr=" + TrueFalse(ftp.FtpPassiveUseHostAddr),
+             "Protocol=" + c.protocol});
   ftp.FtpCredentialsSaved = true;
   LogMessage(agent,
              "Saved the following Variables [SERVERTEMP=" + agent.settings.SvrTemp + "],[PROTOCOL=" + c.protocol +
@@ -110,7 +117,7 @@ void SaveValidIPMask(Agent& agent, std::string& mask) {
   if (mask == "NONE") return;
   CutAtLineBreak(agent, mask, "IPMask");
   const std::string path = agent.AppPath("TDIPMASK.INI");
-  WriteLines(path, {"[Tyndrel - Agent Client - Valid IP Mask]", "", "[Config]", "IPMask=" + mask});
+  SaveLines(agent, path, {"[Tyndrel - Agent Client - Valid IP Mask]", "", "[Config]", "IPMask=" + mask});
   LogMessage(agent, "Saved the following Variables [IPMASK=" + mask + "] to file [" + path + "]", "Trace");
 }
 
@@ -120,8 +127,8 @@ void SaveLiveID(Agent& agent) {
   CutAtLineBreak(agent, agent.login.RepeaterPort, "RepeaterPort");
   const LoginState& l = agent.login;
   const std::string path = agent.AppPath("TDLiveID.INI");
-  WriteLines(path, {"[LiveID]", "TDLiveID=" + l.TDLiveID, "RepeaterIP=" + l.RepeaterIP,
-                    "RepeaterPort=" + l.RepeaterPort, "PeerToPeerCapable=" + TrueFalse(l.PeerToPeerCapable)});
+  SaveLines(agent, path, {"[LiveID]", "TDLiveID=" + l.TDLiveID, "RepeaterIP=" + l.RepeaterIP,
+                          "RepeaterPort=" + l.RepeaterPort, "PeerToPeerCapable=" + TrueFalse(l.PeerToPeerCapable)});
   LogMessage(agent, "Saved [TDLiveID=" + l.TDLiveID + "] to [" + path + "]", "Trace");
   LogMessage(agent, "Saved [RepeaterIP=[" + l.RepeaterIP + "] to [" + path + "]", "Trace");
   LogMessage(agent, "Saved [RepeaterPort=" + l.RepeaterPort + "] to [" + path + "]", "Trace");
@@ -142,9 +149,12 @@ void CreateRemoteControlSettings(Agent& agent) {
                                            "PortNumber=5017", "HTTPPortNumber=5018",
                                            "HTTPConnect=1",   "AuthRequired=0"};
   // The "RC" folder is not created here: without it the file is simply not written, and the log
-  // lines still follow.
+  // lines still follow. A file that appeared meanwhile is never replaced: an edited one stays.
   std::vector<std::string> lines(std::begin(kLines), std::end(kLines));
-  WriteLines(path, lines, /*append=*/true);
+  WholeFileSave how;
+  how.replace = false;
+  TrappedError ignored;
+  SaveWholeFile(agent, path, JoinLines(lines), how, ignored);
   for (const auto& line : lines) LogMessage(agent, "[RC\\TDACVC.INI] Not Found, Creating With: " + line, "Trace");
 }
 

@@ -1,8 +1,7 @@
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
+#include "platform/file_system.h"
 #include "platform/platform.h"
 
 namespace tdacli::platform {
@@ -11,15 +10,15 @@ bool FolderIsWritable(const std::string& folder) {
   namespace fs = std::filesystem;
   std::error_code ec;
   if (!fs::is_directory(fs::u8path(folder), ec)) return false;
+  FileSystem& files = SystemFileSystem();
+  std::string base = folder;
+  if (base.empty() || (base.back() != '/' && base.back() != '\\')) base += static_cast<char>(fs::path::preferred_separator);
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const fs::path probe = fs::u8path(folder) / ("~tdacli-write-test-" + std::to_string(attempt) + ".tmp");
-    if (fs::exists(probe, ec)) continue;
-    bool ok = false;
-    {
-      std::ofstream f(probe, std::ios::binary);
-      ok = static_cast<bool>(f << "x") && static_cast<bool>(f.flush());
-    }
-    fs::remove(probe, ec);
+    const std::string probe = base + "~tdacli-write-test-" + std::to_string(attempt) + ".tmp";
+    if (files.Kind(probe) != EntryKind::kMissing) continue;
+    // The write and the close count: a full disk lets the file be made but not written.
+    const bool ok = static_cast<bool>(files.Write(probe, "x", /*flush=*/false));
+    files.Remove(probe);
     return ok;
   }
   return false;

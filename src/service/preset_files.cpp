@@ -115,35 +115,49 @@ std::optional<PresetValues> ParsePresetCommandLine(std::string_view command_line
   return v;
 }
 
-int WritePresetFiles(const std::string& app_folder, const PresetValues& values, std::string& log) {
+int WritePresetFiles(const std::string& app_folder, const PresetValues& values, std::string& log,
+                     platform::FileSystem& files) {
+  int rc = kPresetOk;
+  WholeFileSave how;
+  how.flush = true;
+  how.replace = false;
+  // A file that appeared while this one was written is left as it is, like one found before.
+  auto save = [&](const std::string& path, const std::vector<std::string>& lines, const std::string& name) {
+    TrappedError error;
+    if (SaveWholeFile(files, path, JoinLines(lines), how, error)) {
+      log += name + " written\n";
+    } else if (error.number == 58) {
+      log += name + " exists and is left as it is\n";
+    } else {
+      log += name + " could not be written\n";
+      rc = kPresetWriteFailed;
+    }
+  };
   std::string folder = app_folder;
   if (folder.empty() || folder.back() != kSep) folder += kSep;
-  int rc = kPresetOk;
 
   if (!values.server.empty() || !values.ext.empty() || !values.listening_ports.empty() ||
       !values.notification_method.empty()) {
     const std::string path = folder + "TDRegInfo.TXT";
     if (FileExists(path)) {
       log += "TDRegInfo.TXT exists and is left as it is\n";
+    } else if (IsWholeInterruptedSave(path)) {
+      // The settings of an older version's save cut short: the agent takes them at its start.
+      log += "TDRegInfo.tmp holds the settings of an interrupted save and is left for the agent\n";
     } else {
       Settings s;
       if (!values.server.empty()) s.Server = values.server;
       if (!values.ext.empty()) s.Ext = values.ext;
       if (!values.listening_ports.empty()) s.ListeningPorts = values.listening_ports;
       if (!values.notification_method.empty()) s.NotificationMethod = values.notification_method;
-      if (WriteLines(path, FreshConfigurationLines(s))) {
-        log += "TDRegInfo.TXT written\n";
-      } else {
-        log += "TDRegInfo.TXT could not be written\n";
-        rc = kPresetWriteFailed;
-      }
+      save(path, FreshConfigurationLines(s), "TDRegInfo.TXT");
     }
   }
 
   std::vector<std::string> entries;
-  std::string error;
-  if (!ConsoleHostEntries(values.console_hosts, entries, error)) {
-    log += error + "\n";
+  std::string invalid;
+  if (!ConsoleHostEntries(values.console_hosts, entries, invalid)) {
+    log += invalid + "\n";
     return kPresetInvalidValue;
   }
   if (!entries.empty()) {
@@ -153,12 +167,7 @@ int WritePresetFiles(const std::string& app_folder, const PresetValues& values, 
     } else {
       std::vector<std::string> lines = {"# Consoles allowed on the command port (written at installation)"};
       lines.insert(lines.end(), entries.begin(), entries.end());
-      if (WriteLines(path, lines)) {
-        log += std::string(listener::kAllowedConsolesFile) + " written\n";
-      } else {
-        log += std::string(listener::kAllowedConsolesFile) + " could not be written\n";
-        rc = kPresetWriteFailed;
-      }
+      save(path, lines, listener::kAllowedConsolesFile);
     }
   }
   return rc;

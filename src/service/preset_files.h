@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/file_system.h"
+
 namespace tdacli {
 
 inline constexpr std::string_view kPresetSwitch = "/msi-preset";
@@ -31,8 +33,11 @@ std::optional<PresetValues> ParsePresetCommandLine(std::string_view command_line
                                                    std::string& error);
 
 // Writes the files into the folder (with its trailing separator); returns an exit code. `log`
-// receives one line per file written or left alone.
-int WritePresetFiles(const std::string& app_folder, const PresetValues& values, std::string& log);
+// receives one line per file written or left alone. Both are the administrator's files: written
+// whole beside their place, flushed to the disk, and put in place only where no file of the name is
+// (never over one, even one that appears while they are written).
+int WritePresetFiles(const std::string& app_folder, const PresetValues& values, std::string& log,
+                     platform::FileSystem& files = platform::SystemFileSystem());
 
 // The switch as the program's first step: nothing when the command line is not the switch, else the
 // exit code of the process.

@@ -1,4 +1,3 @@
-#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
@@ -49,7 +48,7 @@ void RequestRemoteControlLoad(Agent& agent) {
   // The folder already ends in a separator; the doubled one is kept as the login detector knows it.
   const std::string path = agent.app_folder + kSepStr + FormatCompact(agent.Now()) + ".TDACLD";
   TrappedError error;
-  if (!WriteFileReporting(path, "LOAD=TDACVC\r\n", /*append=*/false, error)) {
+  if (!SaveWholeFile(agent, path, "LOAD=TDACVC\r\n", {}, error)) {
     LogMessage(agent,
                "Error creating message request file (" + path + "), MESSAGE=LOAD=TDACVC, ERROR=" +
                    std::to_string(error.number) + ", DESC=" + error.description,

@@ -1,4 +1,4 @@
-#include "common/file_errors.h"
+#include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "siblings/messaging.h"
@@ -10,7 +10,7 @@ void MakeRequestFile(Agent& agent, const std::string& service, const std::string
   // Two messages to one target within the same second share a name: the later one replaces the first.
   const std::string path = agent.app_folder + FormatCompact(agent.Now()) + "." + service;
   TrappedError error;
-  if (!WriteFileReporting(path, message + "\r\n", /*append=*/false, error)) {
+  if (!SaveWholeFile(agent, path, message + "\r\n", {}, error)) {
     LogMessage(agent,
                "Error creating message request file (" + path + "), MESSAGE=" + message +
                    ", ERROR=" + std::to_string(error.number) + ", DESC=" + error.description,

@@ -1,6 +1,5 @@
 #include "triggers/capture_files.h"
 
-#include "common/file_errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
@@ -31,7 +30,7 @@ void WriteSendFramesFile(Agent& agent, const std::string& received, const std::s
     return;
   }
   TrappedError error;
-  if (!WriteFileReporting(path, request + "\r\n", false, error)) {
+  if (!SaveWholeFile(agent, path, request + "\r\n", {}, error)) {
     LogMessage(agent,
                "Error saving 'Send Frames' info to file (" + path + ") - " + std::to_string(error.number) + ", " +
                    error.description,
@@ -56,12 +55,12 @@ void Make100ScreensParamFile(Agent& agent) {
   };
   std::string path = agent.AppPath("100Screen.KEK");
   if (kek != "N/A" && !kek.empty()) {
-    if (!WriteFileReporting(path, kek + "\r\n", false, error)) return fail(path);
+    if (!SaveWholeFile(agent, path, kek + "\r\n", {}, error)) return fail(path);
     LogMessage(agent, "Made 100% Screen KEK   File (" + path + ") with values (" + kek + ")", "Trace");
   }
   path = agent.AppPath("100ScreenParam.TXT");
   const std::string& line = agent.login.HundredScreensParam;
-  if (!WriteFileReporting(path, line + "\r\n", false, error)) return fail(path);
+  if (!SaveWholeFile(agent, path, line + "\r\n", {}, error)) return fail(path);
   LogMessage(agent, "Made 100% Screen Param File (" + path + ") with values (" + line + ")", "Trace");
 }
 
@@ -70,7 +69,7 @@ void HandleWebCamTrigger(Agent& agent) {
   if (agent.login.UseWebCam) {
     LogMessage(agent, "WebCam Enabled, Making Trigger File (" + path + ")", "Trace");
     TrappedError error;
-    if (!FileExists(path) && !WriteFileReporting(path, "WEBCAM=True\r\n", false, error))
+    if (!FileExists(path) && !SaveWholeFile(agent, path, "WEBCAM=True\r\n", {}, error))
       LogMessage(agent, "Error in HandleWebCamTrigger() Routine: [FilNam=" + path + "], [Error=" + error.description + "]",
                  "Error");
   } else {

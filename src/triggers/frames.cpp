@@ -25,13 +25,14 @@ bool MatchesAny(const std::string& name, std::initializer_list<const char*> patt
 }
 
 // The files of a folder, by name, in the listing order; false with the fault when the folder cannot
-// be listed.
+// be listed. Links are left out: a link named like a frame is not a frame of the capture programs,
+// and its age and deletion would be those of whatever it points to.
 bool ListFiles(const std::string& folder, std::vector<std::string>& names, TrappedError& error) {
   std::error_code ec;
   fs::directory_iterator it(fs::u8path(folder), ec), end;
   for (; !ec && it != end; it.increment(ec)) {
     std::error_code fec;
-    if (it->is_regular_file(fec)) names.push_back(it->path().filename().string());
+    if (!it->is_symlink(fec) && it->is_regular_file(fec)) names.push_back(it->path().filename().string());
   }
   if (ec) error = FolderListError(ec);
   return !ec;

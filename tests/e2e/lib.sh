@@ -121,12 +121,8 @@ settings_text() {
     "NotificationMethod=$2" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
 }
 
-# Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
-# SERVER_PID. $1: seconds after which the simulator gives up by itself; further arguments go to the
-# simulator (a --fault).
-start_login_server() {
-  local x pid exit_after=$1
-  shift
+# Writes the users file of the simulator: the agent jsmith, and nuluser whose answers hold a NUL.
+write_users() {
   cat >"$WORK/users.txt" <<'EOF'
 # The one agent of this workstation.
 [jsmith]
@@ -143,6 +139,21 @@ EOF
   printf '%s\n' '[nuluser]' 'ServerTemp=\\fs01\tdtemp\' 'LocalTemp=c:\%appdir%\Capture' \
     'LiveID=48214:10.1.2.3:5020:T' 'Trace=False' 'WebCam=true' >>"$WORK/users.txt"
   printf 'KekInfo=KEK-9\0planted\nValidIPMask=10.9.\0x\n100Screen=SCR:010\0planted\n' >>"$WORK/users.txt"
+}
+
+# Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
+# SERVER_PID. $1: seconds after which the simulator gives up by itself; $2 (optional, a word that does
+# not start with "-"): a users file of the caller's instead of the one written here; further arguments
+# go to the simulator (a --fault).
+start_login_server() {
+  local x pid exit_after=$1
+  shift
+  if [ $# -gt 0 ] && [ "${1#-}" = "$1" ]; then
+    cp "$1" "$WORK/users.txt"
+    shift
+  else
+    write_users
+  fi
   # The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
   SERVER=
   for x in $(shuf -i 2-254 -n 20); do

@@ -6,6 +6,7 @@
 
 #include "common/logging.h"
 #include "listener/console.h"
+#include "support/fault_file_system.h"
 
 namespace tdacli {
 namespace {
@@ -287,10 +288,13 @@ TEST_F(Listener, SetWithoutItsSemicolonEndsSilentlyAndTheListenerServesOn) {
 }
 
 TEST_F(Listener, ReplyToAConsoleThatHasGoneIsLoggedAsAWarning) {
-  // The first delete of the settings file is refused, so the save waits a second for the file to go
-  // and lets events run: meanwhile the console's close arrives and closes the newest element.
-  int refused = 0;
-  t->refuse_delete = [&](const std::string& path) { return path == ConfigFile() && refused++ == 0; };
+  // The save's rename takes a second on a busy disk, and events run meanwhile: the console's close
+  // arrives then and closes the newest element.
+  testing::FaultFileSystem files;
+  files.before = [&](const std::string& step) {
+    if (step.rfind("Rename ", 0) == 0) t->WaitSeconds(1);
+  };
+  t->file_system = &files;
   Console a(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");
   a.Send("|SETEXT|4711;");

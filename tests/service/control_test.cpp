@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "login/login_fixture.h"
+#include "support/fault_file_system.h"
 #include "platform/file_times.h"
 #include "triggers/frames.h"
 
@@ -86,6 +87,42 @@ TEST_F(ControlChain, MediaTransferWithoutServerTempAccessIsReportedToTheServer) 
                       "(jsmith). However the user does not have proper permissions!"),
             msgs.end());
   EXPECT_EQ(Sent().back(), "TDACMT:131");
+}
+
+TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThree) {
+  StartServer(testing::Users({User("\\\\fs01\\tdtemp\\")}));
+  WriteSettings("jsmith");
+  MediaTransferAnswers(132);
+  testing::FaultFileSystem files;
+  // The disk of the local temp folder the server names is full; the application folder's is not.
+  const std::string capture = t->app_folder + "capture";
+  files.full = [&](const std::string& p) { return p.rfind(capture, 0) == 0; };
+  t->file_system = &files;
+  const size_t mark = Mark();
+  Service_Control(*t, 128);
+  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_EQ(t->TempAccessStatus, 3);
+  auto requests = server->Requests();
+  EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS3"), requests.end());
+  const std::string local = capture + kSepStr;
+  const auto msgs = Since(mark);
+  const auto at = std::find(msgs.begin(), msgs.end(),
+                            "Error in TDACLI: Error during 'CanWriteToFolder' Routine(): 61-Disk full");
+  ASSERT_NE(at, msgs.end());
+  ASSERT_NE(at + 1, msgs.end());
+  EXPECT_EQ(*(at + 1), "Error in TDACLI: TD Agent Client Can't Write to Local Temp of: " + local);
+  EXPECT_NE(t->login.LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + local +
+                                          "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\fs01\\tdtemp\\"),
+            std::string::npos);
+  EXPECT_TRUE(std::filesystem::is_empty(capture));  // no test file left behind
+
+  // Space back: the next login finds the folder fine.
+  files.SpaceBack();
+  MediaTransferAnswers(131);
+  Service_Control(*t, 128);
+  EXPECT_EQ(t->TempAccessStatus, 0);
+  requests = server->Requests();
+  EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS0"), requests.end());
 }
 
 TEST_F(ControlChain, MediaTransferThatNeverAnswersCostsThirtyOneSecondsOfClock) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fault_file_system.h"
 #include "support/test_agent.h"
 
 namespace tdacli {
@@ -100,6 +101,59 @@ TEST(PresetSwitch, AFolderThatCannotBeWrittenFailsTheSwitch) {
   auto rc = RunPresetSwitch(Line(R"(/msi-preset "SERVER=127.0.0.1")"), dir.File("no-such-folder"));
   ASSERT_TRUE(rc);
   EXPECT_EQ(*rc, kPresetWriteFailed);
+}
+
+TEST(PresetFiles, BothAreFlushedToTheDiskAndPutInPlaceOnlyWhereNoFileIs) {
+  TempDir dir;
+  testing::FaultFileSystem files;
+  PresetValues v;
+  v.server = "10.1.1.1";
+  v.console_hosts = "127.0.0.2";
+  std::string log;
+  EXPECT_EQ(WritePresetFiles(dir.path(), v, log, files), kPresetOk);
+  const std::string settings = dir.File("TDRegInfo.TXT"), consoles = dir.File("TDACLI-AllowedConsoles.TXT");
+  EXPECT_EQ(files.steps, (std::vector<std::string>{
+                             "Write " + dir.File("~TDRegInfo_TXT.tdtmp") + " flushed",
+                             "Rename " + dir.File("~TDRegInfo_TXT.tdtmp") + " -> " + settings + " durable",
+                             "Write " + dir.File("~TDACLI-AllowedConsoles_TXT.tdtmp") + " flushed",
+                             "Rename " + dir.File("~TDACLI-AllowedConsoles_TXT.tdtmp") + " -> " + consoles + " durable"}));
+  EXPECT_EQ(files.file_flushes, 2);
+  EXPECT_EQ(files.folder_flushes, 2);
+  EXPECT_EQ(log, "TDRegInfo.TXT written\nTDACLI-AllowedConsoles.TXT written\n");
+}
+
+TEST(PresetFiles, AFileThatAppearsWhileTheyAreWrittenIsLeftAsItIs) {
+  TempDir dir;
+  testing::FaultFileSystem files;
+  const std::string settings = dir.File("TDRegInfo.TXT");
+  files.before = [&](const std::string& step) {
+    if (step.rfind("Rename ", 0) == 0 && !Exists(settings)) WriteFile(settings, "Server=10.9.9.9\r\n");
+  };
+  PresetValues v;
+  v.server = "10.1.1.1";
+  std::string log;
+  EXPECT_EQ(WritePresetFiles(dir.path(), v, log, files), kPresetOk);
+  EXPECT_EQ(ReadFile(settings), "Server=10.9.9.9\r\n");
+  EXPECT_EQ(log, "TDRegInfo.TXT exists and is left as it is\n");
+  EXPECT_FALSE(Exists(dir.File("~TDRegInfo_TXT.tdtmp")));
+}
+
+TEST(PresetFiles, TheSettingsOfAnInterruptedSaveAreLeftForTheAgent) {
+  TempDir dir;
+  const std::string saved = FreshFile("200", "10.2.2.2", "FileMessage", "w,x,y,z");
+  WriteFile(dir.File("TDRegInfo.tmp"), saved);
+  PresetValues v;
+  v.server = "10.1.1.1";
+  std::string log;
+  EXPECT_EQ(WritePresetFiles(dir.path(), v, log), kPresetOk);
+  EXPECT_FALSE(Exists(dir.File("TDRegInfo.TXT")));
+  EXPECT_EQ(ReadFile(dir.File("TDRegInfo.tmp")), saved);
+  EXPECT_EQ(log, "TDRegInfo.tmp holds the settings of an interrupted save and is left for the agent\n");
+  // A part of one is not settings: the preset is written.
+  WriteFile(dir.File("TDRegInfo.tmp"), saved.substr(0, 50));
+  log.clear();
+  EXPECT_EQ(WritePresetFiles(dir.path(), v, log), kPresetOk);
+  EXPECT_EQ(log, "TDRegInfo.TXT written\n");
 }
 
 }  // namespace

@@ -177,5 +177,69 @@ TEST_F(Frames, FileThatCannotBeWipedIsReported) {
   EXPECT_EQ(t.Messages()[0], "Error in TDACLI: Error Wiping File! (" + f + ")");
 }
 
+TEST_F(Frames, WipeOutLeavesFoldersNamedLikeFramesAlone) {
+  t->login.LoginSucceeded = true;
+  std::filesystem::create_directory(frames + kSepStr + "held.TVF");
+  WriteFile(frames + kSepStr + "held.TVF" + kSepStr + "inside.TVF", "x");
+  std::filesystem::create_directory(t.dir.File("jobs.TSF"));
+  Frame("a.TVF", 14);
+  WipeOut(*t);
+  EXPECT_TRUE(std::filesystem::is_directory(frames + kSepStr + "held.TVF"));
+  EXPECT_TRUE(Exists(frames + kSepStr + "held.TVF" + kSepStr + "inside.TVF"));
+  EXPECT_TRUE(std::filesystem::is_directory(t.dir.File("jobs.TSF")));
+  auto msgs = t.Messages();
+  ASSERT_EQ(msgs.size(), 3u);
+  EXPECT_EQ(msgs[1], "Information in TDACLI: The WIPE OUT Routine removed (1) files from (" + frames + kSepStr + ")");
+  EXPECT_EQ(msgs[2], "Information in TDACLI: The WIPE OUT Routine removed (0) files from (" + t->app_folder + ")");
+}
+
+#ifndef _WIN32
+// A link named like a frame or a job, pointing out of the folders: left out of the listings, so
+// neither it nor what it points to is aged, counted or deleted, and the target's mode stays.
+struct FramesWithLinks : Frames {
+  std::string Victim(const std::string& name) {
+    std::string v = outside.File(name);
+    WriteFile(v, "outside");
+    EXPECT_TRUE(platform::SetFileModifiedLocal(v, {2026, 11, 1, 12, 0, 0}));
+    std::filesystem::permissions(v, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
+    return v;
+  }
+  void ExpectUntouched(const std::string& v) {
+    EXPECT_EQ(testing::ReadFile(v), "outside");
+    EXPECT_EQ(std::filesystem::status(v).permissions(), std::filesystem::perms::owner_read);
+  }
+  testing::TempDir outside;
+};
+
+TEST_F(FramesWithLinks, CleanupFramesNeitherAgesNorDeletesALink) {
+  const std::string victim = Victim("victim.TVF");
+  const std::string link = frames + kSepStr + "old.TVF";
+  std::filesystem::create_symlink(victim, link);
+  Frame("real.TVF", 1);
+  CleanupFrames(*t, "Log Off");
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  ExpectUntouched(victim);
+  EXPECT_EQ(t.Messages().back(),
+            "Information in TDACLI: The Tyndrel 100% Screen Capture Component Analyzed (1) Frame File(s) at (Log Off) "
+            "and Deleted (1).");
+}
+
+TEST_F(FramesWithLinks, WipeOutLeavesLinksInBothFolders) {
+  t->login.LoginSucceeded = true;
+  const std::string frame_victim = Victim("frame.TVF");
+  const std::string job_victim = Victim("job.TSF");
+  std::filesystem::create_symlink(frame_victim, frames + kSepStr + "a.TVF");
+  std::filesystem::create_symlink(job_victim, t.dir.File("SendFrames-1.TSF"));
+  std::filesystem::create_symlink(outside.path(), frames + kSepStr + "folder.TFF");
+  WipeOut(*t);
+  EXPECT_TRUE(std::filesystem::is_symlink(frames + kSepStr + "a.TVF"));
+  EXPECT_TRUE(std::filesystem::is_symlink(t.dir.File("SendFrames-1.TSF")));
+  EXPECT_TRUE(std::filesystem::is_symlink(frames + kSepStr + "folder.TFF"));
+  ExpectUntouched(frame_victim);
+  ExpectUntouched(job_victim);
+  EXPECT_FALSE(Exists(t.ProgramTrace()));  // nothing was removed, so nothing is said
+}
+#endif
+
 }  // namespace
 }  // namespace tdacli

@@ -420,5 +420,46 @@ TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOnTheCallComesWhenDueAndThirtySeco
   EXPECT_EQ(t->login.NextPhoneHomeMs, calls.back() + 30'000);
 }
 
+TEST_F(TriggerFilePoller, FoldersNamedLikeTheTriggerFilesAreNoTriggersAndStay) {
+  Start();
+  std::filesystem::create_directory(LoginFile());
+  std::filesystem::create_directory(LogoffFile());
+  RunPoller(10, [] { return false; });
+  EXPECT_TRUE(std::filesystem::is_directory(LoginFile()));
+  EXPECT_TRUE(std::filesystem::is_directory(LogoffFile()));
+  EXPECT_TRUE(server->Requests().empty());
+}
+
+#ifndef _WIN32
+TEST_F(TriggerFilePoller, ALinkNamedPerformLogoffGoesItselfAndItsTargetKeepsItsMode) {
+  Start();
+  testing::TempDir outside;
+  const std::string victim = outside.File("victim.txt");
+  WriteFile(victim, "outside");
+  std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
+  std::filesystem::create_symlink(victim, LogoffFile());
+  tmrPollForLogin_Timer(*t);
+  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(LogoffFile())));
+  EXPECT_EQ(ReadFile(victim), "outside");
+  EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
+  EXPECT_EQ(t.Messages().back(), "Trace in TDACLI: Deleted File After LogOff [" + LogoffFile() + "]");
+}
+
+TEST_F(TriggerFilePoller, ALinkNamedTDLiveIDGoesBeforeTheLoginAndItsTargetStays) {
+  Start();
+  testing::TempDir outside;
+  const std::string victim = outside.File("victim.INI");
+  WriteFile(victim, "outside");
+  std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
+  std::filesystem::create_symlink(victim, App("TDLiveID.INI"));
+  LoginUser(*t);
+  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_EQ(ReadFile(victim), "outside");
+  EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
+  EXPECT_FALSE(std::filesystem::is_symlink(App("TDLiveID.INI")));
+}
+#endif
+
 }  // namespace
 }  // namespace tdacli
