@@ -15,6 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench_agent.h"
+#include "bench_args.h"
+#include "config/configuration.h"
+#include "listener/listener.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/host_identity.h"
@@ -26,10 +30,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "bench_agent.h"
-#include "bench_args.h"
-#include "config/configuration.h"
-#include "listener/listener.h"
 #endif
 
 namespace fs = std::filesystem;

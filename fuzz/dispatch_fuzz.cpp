@@ -8,7 +8,8 @@
 #include <string>
 
 #include "fuzz_agent.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
+#include "listener/dispatch.h"
 #include "listener/listener.h"
 #include "service/agent.h"
 

@@ -13,8 +13,9 @@
 #include <string>
 
 #include "fuzz_agent.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/listener.h"
+#include "listener/send_frames_command.h"
 #include "service/agent.h"
 
 namespace {

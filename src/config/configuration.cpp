@@ -1,13 +1,14 @@
 #include "config/configuration.h"
 
-#include <algorithm>
-#include <array>
-
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
+#include "siblings/notify_new_listening_port.h"
 #include "state/agent.h"
+
+#include <algorithm>
+#include <array>
+
 
 namespace tdacli {
 

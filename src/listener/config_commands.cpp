@@ -4,7 +4,9 @@
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
+#include "listener/config_commands.h"
+#include "listener/host_names.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

@@ -1,5 +1,5 @@
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/host_names.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

@@ -1,11 +1,13 @@
 #include "listener/listener.h"
 
+#include "common/errors.h"
+#include "common/logging.h"
+#include "listener/dispatch.h"
+#include "state/agent.h"
+
 #include <exception>
 #include <limits>
 
-#include "common/errors.h"
-#include "common/logging.h"
-#include "state/agent.h"
 
 namespace tdacli::listener {
 
@@ -242,6 +244,11 @@ void CommandListener::SendCommandReply(const std::string& reply, std::string_vie
   }
   LogMessage(agent_, std::string(prefix) + ElementRemoteHostIP(ListenConnectionIndex) + ") already disconnected!",
              "Warning");
+}
+
+bool CommandListener::ReplyConnectionUp() {
+  platform::TcpSocket* element = Element(ListenConnectionIndex);
+  return element && element->State() == platform::TcpSocket::kConnected;
 }
 
 std::string CommandListener::RemoteHostIP() { return ElementRemoteHostIP(ListenConnectionIndex); }

@@ -1,7 +1,8 @@
 #include "common/logging.h"
 #include "common/text.h"
 #include "listener/listener.h"
-#include "siblings/messaging.h"
+#include "listener/listening_port.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

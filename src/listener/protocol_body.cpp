@@ -1,5 +1,5 @@
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/protocol_body.h"
 
 namespace tdacli::listener {
 

@@ -4,8 +4,10 @@
 
 #include "common/logging.h"
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/listener.h"
+#include "listener/protocol_body.h"
+#include "listener/send_frames_command.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 
@@ -31,11 +33,6 @@ void Discard(Agent& agent, std::string& pending, const std::string& ip, size_t s
 }
 
 }  // namespace
-
-bool CommandListener::ReplyConnectionUp() {
-  platform::TcpSocket* element = Element(ListenConnectionIndex);
-  return element && element->State() == platform::TcpSocket::kConnected;
-}
 
 void HandleSendFramesData(Agent& agent, const std::string& data, CommandReplies& replies) {
   std::string& pending = agent.listener().PendingProtocolData;

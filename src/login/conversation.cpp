@@ -1,8 +1,5 @@
 #include "login/conversation.h"
 
-#include <array>
-#include <vector>
-
 #include "common/errors.h"
 #include "common/files.h"
 #include "common/host_identity.h"
@@ -10,8 +7,11 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "config/result_files.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
+
+#include <array>
+#include <vector>
+
 
 namespace tdacli {
 

@@ -1,7 +1,9 @@
 #include "service/agent.h"
 
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "triggers/capture_files.h"
+
 
 namespace tdacli {
 

@@ -1,14 +1,14 @@
 #include "service/control.h"
 
-#include <string>
-
 #include "common/errors.h"
 #include "common/logging.h"
 #include "config/configuration.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
+
+#include <string>
+
 
 namespace tdacli {
 

@@ -8,11 +8,13 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "login/drivers.h"
 #include "service/control.h"
 #include "service/request_files.h"
 #include "state/agent.h"
 #include "triggers/poller.h"
+
 
 namespace tdacli {
 

@@ -2,7 +2,8 @@
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli {

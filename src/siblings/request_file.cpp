@@ -1,7 +1,7 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli {

@@ -1,6 +1,7 @@
 #include "common/files.h"
 #include "common/logging.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/temp_access.h"
 #include "state/agent.h"
 
 namespace tdacli {

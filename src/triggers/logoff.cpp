@@ -2,10 +2,12 @@
 
 #include "common/logging.h"
 #include "login/drivers.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
+
 
 namespace tdacli {
 

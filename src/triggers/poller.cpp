@@ -1,8 +1,5 @@
 #include "triggers/poller.h"
 
-#include <filesystem>
-#include <system_error>
-
 #include "common/files.h"
 #include "common/logging.h"
 #include "config/configuration.h"
@@ -10,10 +7,14 @@
 #include "login/drivers.h"
 #include "login/web_service.h"
 #include "platform/process_start.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
 #include "state/agent.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
+
+#include <filesystem>
+#include <system_error>
+
 
 namespace tdacli {
 

@@ -2,10 +2,12 @@
 
 #include "common/files.h"
 #include "login/drivers.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/temp_access.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
+
 
 namespace tdacli {
 

@@ -1,4 +1,12 @@
+#include "common/files.h"
+#include "common/text.h"
 #include "config/configuration.h"
+#include "listener/listener.h"
+#include "listener/listening_port.h"
+#include "platform/tcp_socket.h"
+#include "service/lifecycle.h"
+#include "support/fault_file_system.h"
+#include "support/test_agent.h"
 
 #include <gtest/gtest.h>
 
@@ -8,13 +16,6 @@
 #include <functional>
 #include <random>
 
-#include "common/files.h"
-#include "common/text.h"
-#include "listener/listener.h"
-#include "platform/tcp_socket.h"
-#include "service/lifecycle.h"
-#include "support/fault_file_system.h"
-#include "support/test_agent.h"
 
 namespace tdacli {
 namespace {

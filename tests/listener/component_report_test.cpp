@@ -7,7 +7,7 @@
 
 #include "common/paths.h"
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/component_report.h"
 #include "listener/console.h"
 #include "platform/file_times.h"
 #include "platform/version_info.h"

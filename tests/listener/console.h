@@ -9,6 +9,7 @@
 #include "common/host_identity.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "platform/tcp_socket.h"
 #include "support/test_agent.h"
 

@@ -7,10 +7,12 @@
 #include <filesystem>
 
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/console.h"
+#include "listener/dispatch.h"
+#include "listener/listener.h"
+#include "listener/send_frames_command.h"
 #include "service/control.h"
-#include "siblings/messaging.h"
 
 namespace tdacli {
 namespace {

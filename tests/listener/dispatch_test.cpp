@@ -4,8 +4,10 @@
 
 #include "common/host_identity.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/console.h"
+#include "listener/dispatch.h"
+#include "listener/listener.h"
 #include "support/test_agent.h"
 
 namespace tdacli::listener {

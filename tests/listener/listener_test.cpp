@@ -1,12 +1,14 @@
 // The listener's socket array over real loopback connections: greeting, ever-growing indexes, the
 // newest connection taking over, closes, the counter overflow and the keyword rules.
+#include "common/logging.h"
+#include "listener/console.h"
+#include "listener/host_names.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
+#include "support/fault_file_system.h"
 
 #include <gtest/gtest.h>
 
-#include "common/logging.h"
-#include "listener/console.h"
-#include "support/fault_file_system.h"
 
 namespace tdacli {
 namespace {

@@ -8,6 +8,7 @@
 #include "config/result_files.h"
 #include "login/conversation.h"
 #include "login/drivers.h"
+#include "listener/listener.h"
 #include "login/login_fixture.h"
 
 namespace tdacli {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/files.h"
+#include "listener/listener.h"
 #include "login/drivers.h"
 #include "login/login_fixture.h"
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "common/paths.h"
-#include "listener/listener.h"
 #include "login/drivers.h"
 #include "login_server.h"
 #include "platform/tcp_socket.h"

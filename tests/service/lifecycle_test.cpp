@@ -1,13 +1,13 @@
+#include "common/logging.h"
+#include "listener/listener.h"
+#include "service/control.h"
 #include "service/lifecycle.h"
+#include "support/test_agent.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 
-#include "common/logging.h"
-#include "listener/listener.h"
-#include "service/control.h"
-#include "support/test_agent.h"
 
 namespace tdacli {
 namespace {

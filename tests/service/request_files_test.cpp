@@ -1,4 +1,8 @@
 // Message request files: "*.TDACLI" files taken up one per tick of `tmrMessage`.
+#include "listener/listener.h"
+#include "login/login_fixture.h"
+#include "service/control.h"
+#include "service/lifecycle.h"
 #include "service/request_files.h"
 
 #include <gtest/gtest.h>
@@ -7,10 +11,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "listener/listener.h"
-#include "login/login_fixture.h"
-#include "service/control.h"
-#include "service/lifecycle.h"
 
 namespace fs = std::filesystem;
 

@@ -4,7 +4,10 @@
 
 #include "common/files.h"
 #include "service/control.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/notify_new_listening_port.h"
+#include "siblings/request_file.h"
+#include "siblings/temp_access.h"
 #include "support/test_agent.h"
 #include "triggers/logoff.h"
 

@@ -11,7 +11,8 @@
 
 #include "common/files.h"
 #include "config/result_files.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "support/fault_file_system.h"
 #include "support/test_agent.h"
 #include "triggers/capture_files.h"
