@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "service/quiet_agent.h"
 
 namespace tdacli::bench {

@@ -21,9 +21,9 @@
 #include "common/logging.h"
 #include "bench_agent.h"
 #include "bench_args.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "service/request_files.h"
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 namespace {
 

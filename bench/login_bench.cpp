@@ -25,7 +25,7 @@
 #include "platform/clock.h"
 #include "platform/file_system.h"
 #include "bench_agent.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include "listener/listener.h"
 #include "login/conversation.h"
 #include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "listener/command_replies.h"
 #include "listener/dispatch.h"
 #include "listener/listener.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

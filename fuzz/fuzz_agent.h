@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "platform/clock.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "service/quiet_agent.h"
 
 namespace tdacli::fuzzing {

@@ -23,7 +23,7 @@
 #include "fuzz_agent.h"
 #include "listener/listener.h"
 #include "platform/tcp_socket.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "listener/command_replies.h"
 #include "listener/listener.h"
 #include "listener/send_frames_command.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "common/text.h"
 #include "login/web_service.h"
 #include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

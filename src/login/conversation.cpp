@@ -2,7 +2,7 @@
 
 #include "common/errors.h"
 #include "common/files.h"
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"

@@ -2,7 +2,7 @@
 
 #include "common/errors.h"
 #include "common/files.h"
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
@@ -13,7 +13,7 @@
 #include "service/control.h"
 #include "service/request_files.h"
 #include "state/agent.h"
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 
 namespace tdacli {

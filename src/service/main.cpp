@@ -7,7 +7,7 @@
 #include "common/logging.h"
 #include "platform/main_window.h"
 #include "platform/platform.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "service/lifecycle.h"
 #include "service/preset_files.h"
 

@@ -6,7 +6,7 @@
 
 #include "platform/clock.h"
 #include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace tdacli {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "support/test_agent.h"
 
 namespace tdacli {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
 #include "listener/listening_port.h"

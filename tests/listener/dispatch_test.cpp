@@ -2,7 +2,7 @@
 // the routing of the commands that are handled elsewhere.
 #include <gtest/gtest.h>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "config/configuration.h"
 #include "listener/command_replies.h"
 #include "listener/console.h"

@@ -8,7 +8,7 @@
 
 #include <chrono>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/text.h"
 #include "login/drivers.h"
 #include "login/web_service.h"

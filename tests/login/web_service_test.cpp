@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/text.h"
 #include "login/drivers.h"
 #include "support/test_agent.h"

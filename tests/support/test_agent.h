@@ -14,7 +14,7 @@
 #include "platform/host_identity.h"
 #include "platform/internet.h"
 #include "platform/service_host.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace tdacli::testing {
 

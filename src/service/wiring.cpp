@@ -1,4 +1,4 @@
-#include "service/agent.h"
+#include "service/wiring.h"
 
 #include "listener/listener.h"
 #include "listener/listening_port.h"

@@ -1,4 +1,4 @@
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 #include "common/files.h"
 #include "common/logging.h"

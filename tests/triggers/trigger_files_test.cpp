@@ -1,6 +1,6 @@
 // The trigger-file login poller: logins and logoffs from files, their retries, the codec install, the
 // live id and the phone-home schedule, on the simulated clock against the login server simulator.
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 #include <gtest/gtest.h>
 
