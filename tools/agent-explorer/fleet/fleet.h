@@ -68,6 +68,11 @@ struct SettingName {
 const std::vector<SettingName>& SettingNames();
 const SettingName* FindSetting(std::string_view word);
 
+// Why `value` cannot be sent as the setting `name` ("" when it can): an unknown name, an empty value,
+// or a value holding ";" (it ends the value on the agent), "|" (a keyword inside it would be taken
+// as another command) or a control character. The texts begin with "set: ".
+std::string SetValueProblem(std::string_view name, std::string_view value);
+
 struct NewValue {
   const SettingName* setting = nullptr;
   std::string value;
@@ -123,6 +128,7 @@ struct HostResult {
   Info info;
   std::vector<Component> components;  // getver
   std::vector<SetResult> sets;        // set: one per NewValue
+  int64_t finished_ms = -1;           // the loop's clock when the host's conversation ended
 };
 
 struct Progress {

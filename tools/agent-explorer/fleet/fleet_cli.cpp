@@ -4,8 +4,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "explorer.h"
-#include "fleet.h"
+#include "seat/explorer.h"
+#include "fleet/fleet.h"
 #include "platform/clock.h"
 #include "platform/terminal.h"
 
@@ -52,6 +52,15 @@ std::optional<std::string> ReadHostFile(const std::string& path) {
 }
 
 }  // namespace
+
+std::string SetValueProblem(std::string_view name, std::string_view value) {
+  if (!FindSetting(name)) return "set: unknown setting " + EscapeControls(name) + " (" + SettingWords() + ")";
+  if (value.empty()) return "set: empty value for " + std::string(name);
+  // ";" ends the value on the agent; a keyword inside it would be dispatched as another command.
+  if (value.find(';') != std::string_view::npos || value.find('|') != std::string_view::npos || HasControl(value))
+    return "set: the value of " + std::string(name) + " cannot hold ';', '|' or control characters";
+  return "";
+}
 
 std::string FleetUsageText() {
   return R"(Usage:
@@ -170,13 +179,10 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
       if (eq == std::string::npos) return Fail("set: expected NAME=VALUE, got " + EscapeControls(pos[i]));
       const std::string name = pos[i].substr(0, eq), value = pos[i].substr(eq + 1);
       const SettingName* s = FindSetting(name);
-      if (!s) return Fail("set: unknown setting " + EscapeControls(name) + " (" + SettingWords() + ")");
+      if (!s) return Fail(SetValueProblem(name, value));
       for (const NewValue& v : o.values)
         if (v.setting == s) return Fail("set: " + name + " given twice");
-      if (value.empty()) return Fail("set: empty value for " + name);
-      // ";" ends the value on the agent; a keyword inside it would be dispatched as another command.
-      if (value.find(';') != std::string::npos || value.find('|') != std::string::npos || HasControl(value))
-        return Fail("set: the value of " + name + " cannot hold ';', '|' or control characters");
+      if (std::string problem = SetValueProblem(name, value); !problem.empty()) return Fail(problem);
       o.values.push_back({s, value});
     }
   }
