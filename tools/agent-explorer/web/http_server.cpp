@@ -368,12 +368,22 @@ class Previews {
     order_.push_back(id);
     return id;
   }
-  // The preview, taken (an apply uses it once).
-  std::optional<Preview> Take(const std::string& id) {
+  // The preview, taken when it shows exactly these hosts and values (an apply uses it once); "" and
+  // nothing taken otherwise, with why in `error`.
+  std::optional<Preview> Take(const std::string& id, const std::vector<std::string>& hosts,
+                              const std::vector<std::pair<std::string, std::string>>& values, std::string& error) {
     std::lock_guard<std::mutex> lock(mutex_);
     Expire();
     auto it = previews_.find(id);
-    if (it == previews_.end()) return std::nullopt;
+    if (it == previews_.end()) {
+      error = "no such preview (a preview is applied once, within " + std::to_string(kPreviewMinutes) +
+              " minutes): preview again";
+      return std::nullopt;
+    }
+    if (it->second.hosts != hosts || it->second.values != values) {
+      error = "the apply differs from its preview: apply exactly what was previewed, or preview again";
+      return std::nullopt;
+    }
     Preview p = std::move(it->second);
     previews_.erase(it);
     order_.erase(std::find(order_.begin(), order_.end(), id));
@@ -628,12 +638,10 @@ class Console {
     o.apply = r.apply;
     std::string preview_id;
     if (r.apply) {
-      auto p = previews_.Take(r.preview);
-      if (!p) return Error(s, 409, "no such preview (previews are applied once, within 15 minutes): preview again");
-      if (p->hosts != r.hosts || p->values != ValuePairs(r.values))
-        return Error(s, 409, "the apply differs from its preview: preview again");
       std::string why;
       if (!audit_.Writable(why)) return Error(s, 503, "the audit log cannot be written (" + why + "): nothing sent");
+      auto p = previews_.Take(r.preview, r.hosts, ValuePairs(r.values), why);
+      if (!p) return Error(s, 409, why);
       o.hosts = p->to_apply;
     } else {
       o.hosts = hosts;
