@@ -443,9 +443,14 @@ class Console {
     for (size_t i = 0; i < kEmbeddedFileCount; ++i) {
       const EmbeddedFile& f = kEmbeddedFiles[i];
       const std::string name = f.name;
-      const std::string type = name.size() > 3 && name.substr(name.size() - 3) == ".js" ? "text/javascript; charset=utf-8"
-                               : name.size() > 4 && name.substr(name.size() - 4) == ".css" ? "text/css; charset=utf-8"
-                                                                                           : "text/html; charset=utf-8";
+      auto ends = [&](const char* tail) {
+        const std::string t = tail;
+        return name.size() > t.size() && name.compare(name.size() - t.size(), t.size(), t) == 0;
+      };
+      const std::string type = ends(".js")    ? "text/javascript; charset=utf-8"
+                               : ends(".css") ? "text/css; charset=utf-8"
+                               : ends(".svg") ? "image/svg+xml"
+                                              : "text/html; charset=utf-8";
       const std::string path = name == "index.html" ? "/" : "/" + name;
       server_.Get(path, Handler([&f, type](const Request&, Response& s) {
                     s.set_content(reinterpret_cast<const char*>(f.data), f.size, type);
