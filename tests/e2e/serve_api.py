@@ -1,9 +1,11 @@
 """The web console's JSON API against the floor of serve_linux.sh (see there)."""
 import argparse
 import hashlib
+import http.client
 import json
 import os
 import re
+import select
 import socket
 import ssl
 import subprocess
@@ -208,6 +210,49 @@ def run():
     s.close()
     check(sent < (32 << 20), "an endless header was read to 32 MiB")
     same(c.request("GET", "/api/scan")[0], 200, "the console after an endless header")
+
+    step("bounds: a client that trickles is cut after 10 s; one address holds at most 8 connections")
+    # A first request answered on the connection makes sure the console holds it; the second trickles.
+    kept = http.client.HTTPConnection(c.host, c.port, timeout=30)
+    kept.request("GET", "/api/scan", headers={"Authorization": "Bearer " + c.token})
+    kept.getresponse().read()
+    slow = kept.sock
+    slow.sendall(b"GET /api/scan HTTP/1.1\r\nHost: x\r\n")
+    t0 = time.time()
+    idle = [socket.create_connection((c.host, c.port)) for _ in range(10)]
+    # Those closed at once are readable (at their end) within a second; the others wait for a request.
+    closed_at_once = 0
+    deadline = time.time() + 1.0
+    waiting = list(idle)
+    while waiting and time.time() < deadline:
+        ready, _, _ = select.select(waiting, [], [], max(0.0, deadline - time.time()))
+        for s in ready:
+            waiting.remove(s)
+            try:
+                if s.recv(1) == b"":
+                    closed_at_once += 1
+            except OSError:
+                closed_at_once += 1
+    # The trickling one and 7 idle ones are served; the other 3 are closed without a word.
+    same(closed_at_once, 3, "connections beyond 8 from one address closed at once")
+    for s in idle:
+        s.close()
+    cut = None
+    slow.settimeout(1.0)
+    while time.time() - t0 < 20:
+        try:
+            slow.sendall(b"X")
+            if slow.recv(1) == b"":
+                cut = time.time() - t0
+                break
+        except socket.timeout:
+            continue
+        except OSError:
+            cut = time.time() - t0
+            break
+    slow.close()
+    check(cut is not None and 9 <= cut <= 13, f"the trickling client was cut after {cut} s (10 s and the watchdog)")
+    same(c.request("GET", "/api/scan")[0], 200, "the console after the trickling client")
 
     step("a listen beyond loopback without TLS is refused; HTTPS with a test certificate")
     r = subprocess.run([args.explorer, "serve", "--hosts", f.key(1), "--listen", "0.0.0.0:0"], capture_output=True,

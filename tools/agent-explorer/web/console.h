@@ -3,7 +3,9 @@
 // keep slow or endless clients from exhausting it.
 //
 // Threads: cpp-httplib's accept thread and a fixed pool of kWorkers worker threads run the handlers;
-// at most kQueuedConnections accepted connections wait for a worker, further ones are closed at once.
+// at most kQueuedConnections accepted connections wait for a worker, further ones are closed at once,
+// and so is a connection beyond kConnectionsPerClient from one address (a browser opens six at most),
+// so that one client holding connections open cannot take every worker.
 // Handlers never touch an agent themselves: they read the engine's published floor or hand a job to
 // the engine's thread and wait for it.
 //
@@ -21,7 +23,8 @@
 
 namespace tdacli::explorer::web {
 
-inline constexpr int kWorkers = 8;
+inline constexpr int kWorkers = 32;
+inline constexpr int kConnectionsPerClient = 8;
 inline constexpr size_t kQueuedConnections = 64;
 inline constexpr int kRequestSeconds = 10;
 inline constexpr int kResponseSeconds = 60;

@@ -202,6 +202,27 @@ class BoundedStream : public httplib::Stream {
   bool writing_ = false;
 };
 
+// The connections in hand per client address.
+class Clients {
+ public:
+  bool Enter(const std::string& address) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int& n = count_[address];
+    if (n >= kConnectionsPerClient) return false;
+    ++n;
+    return true;
+  }
+  void Leave(const std::string& address) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = count_.find(address);
+    if (it != count_.end() && --it->second <= 0) count_.erase(it);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<std::string, int> count_;
+};
+
 thread_local BoundedStream* t_stream = nullptr;
 thread_local bool t_refuse = false;
 
@@ -267,7 +288,11 @@ class BoundedServer : public httplib::Server {
 
  private:
   bool process_and_close_socket(socket_t sock) override {
-    if (t_refuse) {
+    std::string client;
+    int port = 0;
+    BoundedStream(sock, nullptr, watchdog_, 0).get_remote_ip_and_port(client, port);
+    if (t_refuse || !clients_.Enter(client)) {
+      ShutdownSocket(sock);
       httplib::detail::close_socket(sock);
       return false;
     }
@@ -296,6 +321,7 @@ class BoundedServer : public httplib::Server {
     ERR_clear_error();
 #endif
     watchdog_.Remove(id);
+    clients_.Leave(client);
     ShutdownSocket(sock);
     httplib::detail::close_socket(sock);
     return ok;
@@ -303,6 +329,7 @@ class BoundedServer : public httplib::Server {
 
   void* tls_;
   Watchdog watchdog_;
+  Clients clients_;
 };
 
 // --- sessions and previews -------------------------------------------------------------------
