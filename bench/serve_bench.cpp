@@ -130,11 +130,18 @@ int main(int argc, char** argv) {
   const int total = std::max(count, usage.Count(2, 5000));
   const int runs = usage.Count(3, 5);
   const std::string explorer = platform::CurrentProcess().exe_folder + "/agent-explorer";
+  // Each agent holds a few descriptors (its loop's wake-up pipe, its listener and the listener's
+  // reserve). A privileged run may raise the hard limit as well.
+  const rlim_t needed = static_cast<rlim_t>(total) * 5 + 512;
   rlimit lim{};
   getrlimit(RLIMIT_NOFILE, &lim);
-  lim.rlim_cur = lim.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &lim);
-  if (lim.rlim_cur < static_cast<rlim_t>(total) * 6 + 512) {
+  rlimit raised{std::max(lim.rlim_max, needed), std::max(lim.rlim_max, needed)};
+  if (setrlimit(RLIMIT_NOFILE, &raised) != 0) {
+    lim.rlim_cur = lim.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &lim);
+  }
+  getrlimit(RLIMIT_NOFILE, &lim);
+  if (lim.rlim_cur < needed) {
     std::fprintf(stderr, "open-file limit %lu too low for %d agents\n", static_cast<unsigned long>(lim.rlim_cur), total);
     return 1;
   }
