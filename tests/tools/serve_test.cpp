@@ -304,8 +304,18 @@ TEST(ServeFloor, FiltersAndExportsInFleetsFormats) {
   fleet::Options o;
   o.command = fleet::Command::kGetVer;
   o.hosts = {rs[2].host, rs[3].host};
-  EXPECT_EQ(ExportCsv(*floor, {2, 3}), fleet::FormatCsv(fleet::BuildTable(o, {rs[2], rs[3]})));
-  EXPECT_EQ(ExportJson(*floor, {2, 3}), fleet::FormatJson(o, {rs[2], rs[3]}, "2026-11-14T08:00:00"));
+  EXPECT_EQ(ExportCsv(floor, {2, 3}), fleet::FormatCsv(fleet::BuildTable(o, {rs[2], rs[3]})));
+  EXPECT_EQ(ExportJson(floor, {2, 3}), fleet::FormatJson(o, {rs[2], rs[3]}, "2026-11-14T08:00:00"));
+  // The whole floor, and nothing at all.
+  o.hosts.clear();
+  for (const fleet::HostResult& r : rs) o.hosts.push_back(r.host);
+  EXPECT_EQ(ExportCsv(floor, {0, 1, 2, 3}), fleet::FormatCsv(fleet::BuildTable(o, rs)));
+  EXPECT_EQ(ExportJson(floor, {0, 1, 2, 3}), fleet::FormatJson(o, rs, "2026-11-14T08:00:00"));
+  o.hosts.clear();
+  EXPECT_EQ(ExportCsv(floor, {}), fleet::FormatCsv(fleet::BuildTable(o, {})));
+  EXPECT_EQ(ExportJson(floor, {}), fleet::FormatJson(o, {}, "2026-11-14T08:00:00"));
+  EXPECT_EQ(ExportJson(floor, {}), "{\n  \"command\": \"getver\",\n  \"time\": \"2026-11-14T08:00:00\",\n"
+                                   "  \"summary\": {\n    \"hosts\": 0\n  },\n  \"hosts\": []\n}\n");
 }
 
 // --- the audit log -------------------------------------------------------------------------------

@@ -234,14 +234,49 @@ std::vector<size_t> FilterRows(const Floor& floor, const ViewFilter& filter) {
   return out;
 }
 
-std::string ExportCsv(const Floor& floor, const std::vector<size_t>& rows) {
-  const std::vector<fleet::HostResult> picked = Pick(floor, rows);
-  return fleet::FormatCsv(fleet::BuildTable(ExportOptions(floor, rows), picked));
+Export::Export(std::shared_ptr<const Floor> floor, std::vector<size_t> rows, Format format)
+    : floor_(std::move(floor)), format_(format) {
+  // Every row in order is the floor's own results; a filtered view gets a copy of its rows.
+  whole_ = rows.size() == floor_->results.size();
+  for (size_t i = 0; whole_ && i < rows.size(); ++i) whole_ = rows[i] == i;
+  if (!whole_) picked_ = Pick(*floor_, rows);
+  options_ = ExportOptions(*floor_, rows);
+  if (format_ == kCsv) shape_ = fleet::ShapeTable(options_, Results());
 }
 
-std::string ExportJson(const Floor& floor, const std::vector<size_t>& rows) {
-  const std::vector<fleet::HostResult> picked = Pick(floor, rows);
-  return fleet::FormatJson(ExportOptions(floor, rows), picked, floor.time);
+const std::vector<fleet::HostResult>& Export::Results() const { return whole_ ? floor_->results : picked_; }
+
+std::string Export::Next() {
+  const std::vector<fleet::HostResult>& results = Results();
+  const size_t at = next_;
+  if (at > results.size() + 1) return "";
+  ++next_;
+  if (format_ == kCsv) {
+    if (at == 0) return fleet::CsvRecord(shape_.columns);
+    if (at <= results.size()) return fleet::CsvRecord(fleet::TableRow(shape_, results[at - 1]));
+    return "";
+  }
+  if (at == 0) return fleet::JsonBegin(options_, results, floor_->time);
+  if (at <= results.size()) return fleet::JsonHost(options_, results[at - 1], at == results.size());
+  return fleet::JsonEnd(results);
+}
+
+namespace {
+
+std::string Whole(Export e) {
+  std::string out;
+  for (std::string piece = e.Next(); !piece.empty(); piece = e.Next()) out += piece;
+  return out;
+}
+
+}  // namespace
+
+std::string ExportCsv(std::shared_ptr<const Floor> floor, const std::vector<size_t>& rows) {
+  return Whole(Export(std::move(floor), rows, Export::kCsv));
+}
+
+std::string ExportJson(std::shared_ptr<const Floor> floor, const std::vector<size_t>& rows) {
+  return Whole(Export(std::move(floor), rows, Export::kJson));
 }
 
 }  // namespace tdacli::explorer::web

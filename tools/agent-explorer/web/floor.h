@@ -74,8 +74,27 @@ struct ViewFilter {
   bool drift_only = false;
 };
 std::vector<size_t> FilterRows(const Floor& floor, const ViewFilter& filter);
-// The rows in fleet getver's CSV and JSON formats.
-std::string ExportCsv(const Floor& floor, const std::vector<size_t>& rows);
-std::string ExportJson(const Floor& floor, const std::vector<size_t>& rows);
+// The rows in fleet getver's CSV or JSON format, a piece at a time (a host's row or object): an
+// export of thousands of hosts is written as it is made, never held whole.
+class Export {
+ public:
+  enum Format { kCsv, kJson };
+  Export(std::shared_ptr<const Floor> floor, std::vector<size_t> rows, Format format);
+  // The next piece; "" once the export is complete.
+  std::string Next();
+
+ private:
+  const std::vector<fleet::HostResult>& Results() const;
+  std::shared_ptr<const Floor> floor_;
+  std::vector<fleet::HostResult> picked_;  // a filtered view's rows (the whole floor is used as it is)
+  bool whole_;
+  Format format_;
+  fleet::Options options_;
+  fleet::TableShape shape_;
+  size_t next_ = 0;  // 0: the beginning; i + 1: row i; size + 1: the end
+};
+// The whole export at once.
+std::string ExportCsv(std::shared_ptr<const Floor> floor, const std::vector<size_t>& rows);
+std::string ExportJson(std::shared_ptr<const Floor> floor, const std::vector<size_t>& rows);
 
 }  // namespace tdacli::explorer::web

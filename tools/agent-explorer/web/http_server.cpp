@@ -512,16 +512,8 @@ class Console {
                  }));
     server_.Post("/api/set", Handler([this](const Request& q, Response& s) { Set(q, s); }));
     server_.Get("/api/audit", Handler([this](const Request&, Response& s) { Send(s, 200, audit_.RecentJson()); }));
-    server_.Get("/api/export.csv", Handler([this](const Request& q, Response& s) {
-                  auto floor = engine_.floor();
-                  s.set_header("Content-Disposition", "attachment; filename=\"floor.csv\"");
-                  s.set_content(ExportCsv(*floor, FilterRows(*floor, Filter(q))), "text/csv; charset=utf-8");
-                }));
-    server_.Get("/api/export.json", Handler([this](const Request& q, Response& s) {
-                  auto floor = engine_.floor();
-                  s.set_header("Content-Disposition", "attachment; filename=\"floor.json\"");
-                  s.set_content(ExportJson(*floor, FilterRows(*floor, Filter(q))), kJsonType);
-                }));
+    server_.Get("/api/export.csv", Handler([this](const Request& q, Response& s) { SendExport(q, s, Export::kCsv); }));
+    server_.Get("/api/export.json", Handler([this](const Request& q, Response& s) { SendExport(q, s, Export::kJson); }));
   }
 
  private:
@@ -534,9 +526,11 @@ class Console {
     };
   }
 
-  static void Send(Response& s, int status, const std::string& body) {
+  static void Send(Response& s, int status, std::string body) {
     s.status = status;
-    s.set_content(body, kJsonType);
+    // Moved, not copied: a floor's JSON runs to megabytes.
+    s.body = std::move(body);
+    s.set_header("Content-Type", kJsonType);
   }
   static void Error(Response& s, int status, const std::string& why) {
     s.status = status;
@@ -562,6 +556,10 @@ class Console {
 
   // Before any route: who asks, and whether a change comes from the console's own page.
   httplib::Server::HandlerResponse Guard(const Request& q, Response& s) {
+    // Answers go out uncompressed: a floor's network has the bandwidth, and the library's Brotli at
+    // its highest quality would spend seconds and tens of megabytes on a floor's export. The library
+    // hands the request over as const although it owns it and reads the header only later.
+    const_cast<Request&>(q).headers.erase("Accept-Encoding");
     if (q.path == "/login" && q.method == "GET") return httplib::Server::HandlerResponse::Unhandled;
     std::string csrf;
     const Auth auth = Authenticate(q, &csrf);
@@ -628,6 +626,29 @@ class Console {
     f.state = q.get_param_value("state").substr(0, 32);
     f.drift_only = q.get_param_value("drift") == "1";
     return f;
+  }
+
+  // An export, written a host at a time as the connection takes it (chunked).
+  void SendExport(const Request& q, Response& s, Export::Format format) {
+    auto floor = engine_.floor();
+    auto e = std::make_shared<Export>(floor, FilterRows(*floor, Filter(q)), format);
+    s.set_header("Content-Disposition", format == Export::kCsv ? "attachment; filename=\"floor.csv\""
+                                                               : "attachment; filename=\"floor.json\"");
+    s.set_chunked_content_provider(format == Export::kCsv ? "text/csv; charset=utf-8" : kJsonType,
+                                   [e](size_t, httplib::DataSink& sink) {
+                                     std::string piece;
+                                     // A few dozen hosts a chunk.
+                                     while (piece.size() < 32768) {
+                                       std::string next = e->Next();
+                                       if (next.empty()) break;
+                                       piece += next;
+                                     }
+                                     if (piece.empty()) {
+                                       sink.done();
+                                       return true;
+                                     }
+                                     return sink.write(piece.data(), piece.size());
+                                   });
   }
 
   void SeatCommand(const Request& q, Response& s, const std::string& command, const std::string& head,

@@ -57,8 +57,8 @@ function renderCounts(counts) {
     if (chosen === state) li.classList.add('chosen');
     li.addEventListener('click', () => {
       $('state-filter').value = chosen === state ? '' : state;
-      applyFilter();
       renderCounts(counts);
+      applyFilter();
     });
     list.append(li);
   }
@@ -95,19 +95,22 @@ function makeRow(h) {
     tr.append(td);
   }
   const hay = COLUMNS.map((k) => (h[k] === null || h[k] === undefined ? '' : String(h[k]))).join('\u0001').toLowerCase();
-  return { data: h, tr, hay, check: box };
+  return { data: h, tr, hay, check: box, shown: false };
 }
 
+// Rows are in the page only while they pass the filter (a row taken out costs the browser nothing,
+// where a hidden one still costs its style). A pass over the rows attaches at most CHUNK rows at a
+// time and lets the browser paint in between, so the first rows show at once however large the floor.
+const FIRST_CHUNK = 200, CHUNK = 1000;
+let filterPass = 0;
+
 function renderHosts(floor) {
-  const body = $('hosts').tBodies[0];
-  const fragment = document.createDocumentFragment();
   rows = floor.hosts.map(makeRow);
   if (sortKey) sortRows();
-  for (const r of rows) fragment.append(r.tr);
-  body.replaceChildren(fragment);
+  $('hosts').tBodies[0].replaceChildren();
   renderCounts(floor.counts);
   $('scan-time').textContent = floor.time ? 'scan of ' + floor.time : 'no scan finished yet';
-  applyFilter();
+  return applyFilter();
 }
 
 function visible(r, needle, state, driftOnly) {
@@ -116,17 +119,16 @@ function visible(r, needle, state, driftOnly) {
   return !needle || r.hay.includes(needle);
 }
 
+// Brings the rows in the page in line with the filter, in the rows' order; resolves when done (a
+// later pass takes over from an earlier one).
 function applyFilter() {
+  const pass = ++filterPass;
   const needle = $('filter').value.toLowerCase();
   const state = $('state-filter').value;
   const driftOnly = $('drift-only').checked;
-  let shown = 0;
-  for (const r of rows) {
-    const show = visible(r, needle, state, driftOnly);
-    if (r.tr.hidden === show) r.tr.hidden = !show;
-    if (show) shown++;
-  }
-  $('shown').textContent = shown + ' of ' + rows.length + ' seats shown';
+  const table = $('hosts');
+  const body = table.tBodies[0];
+  table.dataset.pending = '1';
   const query = new URLSearchParams();
   if (needle) query.set('text', $('filter').value);
   if (state) query.set('state', state);
@@ -135,6 +137,36 @@ function applyFilter() {
   $('export-csv').href = '/api/export.csv' + q;
   $('export-json').href = '/api/export.json' + q;
   invalidatePreviews();
+  let i = 0, shown = 0;
+  return new Promise((resolve) => {
+    const step = (budget) => {
+      if (pass !== filterPass) return resolve();
+      let cursor = null;
+      for (let k = i; k < rows.length; k++) if (rows[k].shown) { cursor = rows[k].tr; break; }
+      for (; i < rows.length; i++) {
+        const r = rows[i];
+        const show = visible(r, needle, state, driftOnly);
+        if (r.shown) {
+          cursor = r.tr.nextSibling;
+          if (!show) { r.tr.remove(); r.shown = false; }
+        } else if (show) {
+          if (budget === 0) break;
+          body.insertBefore(r.tr, cursor);
+          r.shown = true;
+          budget--;
+        }
+        if (show) shown++;
+      }
+      if (i < rows.length) {
+        setTimeout(() => step(CHUNK), 0);
+        return;
+      }
+      $('shown').textContent = shown + ' of ' + rows.length + ' seats shown';
+      delete table.dataset.pending;
+      resolve();
+    };
+    step(FIRST_CHUNK);
+  });
 }
 
 function compare(a, b) {
@@ -158,16 +190,18 @@ function sortBy(key) {
     th.classList.toggle('sorted-down', th.dataset.key === key && !sortUp);
   }
   sortRows();
-  const fragment = document.createDocumentFragment();
-  for (const r of rows) fragment.append(r.tr);
-  $('hosts').tBodies[0].append(fragment);
+  for (const r of rows) r.shown = false;
+  $('hosts').tBodies[0].replaceChildren();
+  applyFilter();
 }
 
 async function loadFloor() {
   const floor = await api('GET', '/api/hosts');
   lastScans = floor.scan.scans;
-  renderHosts(floor);
-  // The rows are painted by the frame after next: the mark the page's benchmark reads.
+  const all = renderHosts(floor);
+  // Painted by the frame after next: the marks the page's benchmark reads.
+  requestAnimationFrame(() => requestAnimationFrame(() => performance.mark('floor-first-rows')));
+  await all;
   requestAnimationFrame(() => requestAnimationFrame(() => performance.mark('floor-shown')));
   showScan(floor.scan);
   if (floor.scan.running) pollScan();
@@ -281,7 +315,7 @@ function invalidatePreviews() {
 
 function floorHosts() {
   const scope = $('change-scope').value;
-  return rows.filter((r) => !r.tr.hidden && (scope === 'filter' || r.check.checked)).map((r) => r.data.host);
+  return rows.filter((r) => r.shown && (scope === 'filter' || r.check.checked)).map((r) => r.data.host);
 }
 
 // --- a seat ----------------------------------------------------------------------------------
@@ -375,7 +409,7 @@ async function start() {
   $('state-filter').addEventListener('change', () => { applyFilter(); });
   $('drift-only').addEventListener('change', applyFilter);
   $('check-all').addEventListener('change', () => {
-    for (const r of rows) if (!r.tr.hidden) r.check.checked = $('check-all').checked;
+    for (const r of rows) if (r.shown) r.check.checked = $('check-all').checked;
     invalidatePreviews();
   });
   for (const th of $('hosts').tHead.rows[0].cells) {
@@ -385,8 +419,9 @@ async function start() {
   $('seat-trace').addEventListener('click', () => seatAction('gettracefile', 'seat-trace-result', 'seat-trace-spinner'));
   window.addEventListener('hashchange', route);
   try {
-    csrf = (await api('GET', '/api/session')).csrf || '';
+    const session = api('GET', '/api/session');
     await loadFloor();
+    csrf = (await session).csrf || '';
   } catch (e) { say(e.message); }
   route();
   document.body.dataset.ready = '1';
