@@ -1,5 +1,5 @@
 // agent-explorer serve over many agents: the real console program (beside the benchmark) serves
-//   - AGENTS agents (default 1,000) that share this process, each on its own loop, thread and port:
+//   - AGENTS agents (default 1,000), each on its own loop, thread and port in processes forked for them:
 //     from POST /api/scan to a GET /api/hosts whose every row answered (goal: at most 2 s), over
 //     several scans, and
 //   - HOSTS agents (default 5,000; the first AGENTS of them again) for the console's peak memory
@@ -19,6 +19,7 @@
 
 #ifndef _WIN32
 #include <httplib.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -121,7 +122,7 @@ double Median(std::vector<double> v) {
 int main(int argc, char** argv) {
   const bench::Usage usage(
       argc, argv, "serve_bench", "[AGENTS [HOSTS [RUNS]]]",
-      "agent-explorer serve over AGENTS agents (default 1000) in this process: seconds from POST /api/scan to\n"
+      "agent-explorer serve over AGENTS agents (default 1000) on threads of their own: seconds from POST /api/scan to\n"
       "a complete GET /api/hosts over RUNS scans (default 5); then over HOSTS agents (default 5000): the\n"
       "console's peak memory and, when chromium and chromedriver are installed, the page's first paint and\n"
       "filter keystroke in headless Chromium (bench/serve_page_bench.py).\n",
@@ -131,51 +132,102 @@ int main(int argc, char** argv) {
   const int runs = usage.Count(3, 5);
   const std::string explorer = platform::CurrentProcess().exe_folder + "/agent-explorer";
   // Each agent holds a few descriptors (its loop's wake-up pipe, its listener and the listener's
-  // reserve). A privileged run may raise the hard limit as well.
-  const rlim_t needed = static_cast<rlim_t>(total) * 5 + 512;
+  // reserve): the agents live in as many processes of their own as the descriptor limit asks.
   rlimit lim{};
   getrlimit(RLIMIT_NOFILE, &lim);
-  rlimit raised{std::max(lim.rlim_max, needed), std::max(lim.rlim_max, needed)};
-  if (setrlimit(RLIMIT_NOFILE, &raised) != 0) {
-    lim.rlim_cur = lim.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &lim);
-  }
-  getrlimit(RLIMIT_NOFILE, &lim);
-  if (lim.rlim_cur < needed) {
-    std::fprintf(stderr, "open-file limit %lu too low for %d agents\n", static_cast<unsigned long>(lim.rlim_cur), total);
+  lim.rlim_cur = lim.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &lim);
+  const int per_process = static_cast<int>((lim.rlim_cur - 512) / 5);
+  if (per_process < 100) {
+    std::fprintf(stderr, "open-file limit %lu too low\n", static_cast<unsigned long>(lim.rlim_cur));
     return 1;
   }
   bench::BenchFolder folder("tdacli-serve-bench");
-  std::vector<std::unique_ptr<bench::BenchAgent>> agents;
-  std::string small, large;
-  const char* users[] = {"jdoe", "asmith", "user1", "mbrown"};
-  for (int i = 0; i < total; ++i) {
-    const std::string dir = folder.Sub("a" + std::to_string(i));
-    std::ofstream(dir + "/TDRegInfo.TXT", std::ios::binary)
-        << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=" << 4000 + i << "\r\nServer=10.1.1."
-        << (i % 50 == 0 ? 9 : 5) << "\r\nCurrentUser=" << users[i % 4] << i
-        << "\r\nNotificationMethod=ServiceMessage\r\nListeningPorts=1,0,2,3\r\n";
-    auto a = std::make_unique<bench::BenchAgent>(dir);
-    a->agent->startup_banner_written = true;
-    LoadConfiguration(*a->agent);
-    if (a->agent->listener().Listen(0)) {
-      std::fprintf(stderr, "agent %d cannot listen\n", i);
+  struct Part {
+    pid_t pid;
+    int quit;  // closed to end the part's agents
+    std::string hosts;
+  };
+  std::vector<Part> parts;
+  for (int first = 0; first < total; first += per_process) {
+    const int last = std::min(total, first + per_process);
+    int ready[2], quit[2];
+    if (pipe(ready) != 0 || pipe(quit) != 0) return 1;
+    const std::string hosts_file = folder.path() + "/part" + std::to_string(first) + ".txt";
+    // No program started later (the consoles, Chromium) may hold a part's quit pipe open.
+    fcntl(quit[1], F_SETFD, FD_CLOEXEC);
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      close(ready[0]);
+      close(quit[1]);
+      for (const Part& earlier : parts) close(earlier.quit);
+      const char* users[] = {"jdoe", "asmith", "user1", "mbrown"};
+      std::vector<std::unique_ptr<bench::BenchAgent>> agents;
+      std::string hosts;
+      for (int i = first; i < last; ++i) {
+        const std::string dir = folder.Sub("a" + std::to_string(i));
+        std::ofstream(dir + "/TDRegInfo.TXT", std::ios::binary)
+            << "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=" << 4000 + i << "\r\nServer=10.1.1."
+            << (i % 50 == 0 ? 9 : 5) << "\r\nCurrentUser=" << users[i % 4] << i
+            << "\r\nNotificationMethod=ServiceMessage\r\nListeningPorts=1,0,2,3\r\n";
+        auto agent = std::make_unique<bench::BenchAgent>(dir);
+        agent->agent->startup_banner_written = true;
+        LoadConfiguration(*agent->agent);
+        if (agent->agent->listener().Listen(0)) {
+          std::fprintf(stderr, "agent %d cannot listen\n", i);
+          _exit(1);
+        }
+        hosts += "127.0.0.1:" + std::to_string(agent->agent->listener().Listener().LocalPort()) + "\n";
+        agents.push_back(std::move(agent));
+      }
+      std::ofstream(hosts_file) << hosts;
+      // Every agent on a thread of its own, as on a workstation of its own.
+      std::vector<std::thread> threads;
+      for (auto& a : agents) {
+        Agent* agent = a->agent.get();
+        threads.emplace_back([agent] { agent->loop().Run(); });
+      }
+      const char one = 1;
+      if (write(ready[1], &one, 1) != 1) _exit(1);
+      char byte;
+      while (read(quit[0], &byte, 1) > 0) {
+      }
+      for (auto& a : agents) {
+        Agent* agent = a->agent.get();
+        agent->loop().Post([agent] { agent->loop().Quit(); });
+      }
+      for (auto& t : threads) t.join();
+      _exit(0);
+    }
+    close(ready[1]);
+    close(quit[0]);
+    char byte = 0;
+    if (read(ready[0], &byte, 1) != 1) {
+      std::fprintf(stderr, "the agents %d-%d did not start\n", first, last - 1);
       return 1;
     }
-    const std::string host = "127.0.0.1:" + std::to_string(a->agent->listener().Listener().LocalPort()) + "\n";
-    if (i < count) small += host;
-    large += host;
-    agents.push_back(std::move(a));
+    close(ready[0]);
+    std::ifstream in(hosts_file);
+    parts.push_back({pid, quit[1], std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>())});
+  }
+  std::string small, large;
+  int n = 0;
+  for (const Part& p : parts) {
+    size_t at = 0;
+    while (at < p.hosts.size()) {
+      const size_t nl = p.hosts.find('\n', at);
+      const std::string line = p.hosts.substr(at, nl - at + 1);
+      if (n++ < count) small += line;
+      large += line;
+      at = nl + 1;
+    }
   }
   std::ofstream(folder.path() + "/small.txt") << small;
   std::ofstream(folder.path() + "/large.txt") << large;
-  std::vector<std::thread> threads;
-  for (auto& a : agents) {
-    Agent* agent = a->agent.get();
-    threads.emplace_back([agent] { agent->loop().Run(); });
-  }
 
   bool ok = true;
+  std::fflush(stdout);
   Console c = Start(explorer, folder.path() + "/small.txt", folder.path());
   if (c.url.empty()) {
     std::fprintf(stderr, "agent-explorer serve did not start\n");
@@ -191,7 +243,7 @@ int main(int argc, char** argv) {
       times.push_back(TimedScan(http, static_cast<size_t>(count), all));
       ok = ok && all;
     }
-    std::printf("agent-explorer serve over %d agents in this process (one thread each), --parallel 128:\n", count);
+    std::printf("agent-explorer serve over %d agents (one thread each), --parallel 128:\n", count);
     std::printf("  POST /api/scan to a complete GET /api/hosts: median %.2f s, min %.2f s, max %.2f s over %d scans "
                 "(goal <= 2 s)%s\n",
                 Median(times), *std::min_element(times.begin(), times.end()),
@@ -200,6 +252,7 @@ int main(int argc, char** argv) {
     Stop(c);
   }
 
+  std::fflush(stdout);
   Console big = Start(explorer, folder.path() + "/large.txt", folder.path());
   if (big.url.empty()) {
     std::fprintf(stderr, "agent-explorer serve did not start\n");
@@ -210,11 +263,18 @@ int main(int argc, char** argv) {
     http.set_read_timeout(120, 0);
     bool all = false;
     const double first = TimedScan(http, static_cast<size_t>(total), all);
+    const long after_scan = PeakKb(big.pid);
     TimedScan(http, static_cast<size_t>(total), all);
+    const long after_two = PeakKb(big.pid);
     http.Get("/api/export.json");
+    const long after_json = PeakKb(big.pid);
     http.Get("/api/export.csv");
+    const long after_csv = PeakKb(big.pid);
     std::printf("agent-explorer serve over %d agents: a scan %.2f s; every row answered: %s\n", total, first,
                 all ? "yes" : "no");
+    std::printf("  the console's peak memory: %.1f MB after a scan, %.1f MB after two, %.1f MB after the JSON "
+                "export, %.1f MB after the CSV export\n",
+                after_scan / 1024.0, after_two / 1024.0, after_json / 1024.0, after_csv / 1024.0);
     ok = ok && all;
     const std::string page = std::string(TDACLI_SOURCE_DIR) + "/bench/serve_page_bench.py";
     if (access("/usr/bin/chromedriver", X_OK) == 0) {
@@ -231,11 +291,10 @@ int main(int argc, char** argv) {
     Stop(big);
   }
 
-  for (auto& a : agents) {
-    Agent* agent = a->agent.get();
-    agent->loop().Post([agent] { agent->loop().Quit(); });
+  for (Part& p : parts) {
+    close(p.quit);
+    waitpid(p.pid, nullptr, 0);
   }
-  for (auto& t : threads) t.join();
   return ok ? 0 : 1;
 }
 #else

@@ -41,6 +41,8 @@ def run():
     shot = lambda name: d.save_screenshot(f"{args.shots}/{name}.png")
 
     def shown_hosts():
+        # The rows in the page once the filter's pass has ended.
+        wait.until(lambda _: d.execute_script("return !document.getElementById('hosts').dataset.pending"))
         return d.execute_script(
             "return [...document.querySelectorAll('#hosts tbody tr')].filter(r => !r.hidden).map(r => r.dataset.host)")
 
