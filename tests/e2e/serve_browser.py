@@ -70,6 +70,10 @@ def run():
         except NoAlertPresentException:
             pass
 
+        step("a control character an agent sent is shown escaped, as fleet shows it")
+        cells = [td.text for td in d.find_elements(By.CSS_SELECTOR, f"#hosts tr[data-host='{f.key(6)}'] td")]
+        same((f.value(6, "CurrentUser"), cells[5]), ("esc\x1b[31m", "esc\\x1B[31m"), "agent 6's user cell")
+
         step("a filter")
         box = d.find_element(By.ID, "filter")
         box.send_keys("user1")

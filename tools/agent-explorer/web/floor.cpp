@@ -172,6 +172,10 @@ std::string ScanJson(const ScanStatus& s) {
 }
 
 std::string HostsJson(const Floor& floor, const ScanStatus& status) {
+  return HostsJsonHead(floor, status) + floor.rows_json + "}";
+}
+
+std::string HostsJsonHead(const Floor& floor, const ScanStatus& status) {
   Json counts;
   for (std::string_view s : kStates) counts[std::string(s)] = 0;
   counts["pending"] = 0;
@@ -184,12 +188,8 @@ std::string HostsJson(const Floor& floor, const ScanStatus& status) {
   common["notification_method"] = floor.common.notification_method;
   common["listening_ports"] = floor.common.listening_ports;
   common["components"] = floor.common.components;
-  std::string out = "{\"scan\":" + ScanJson(status) + ",\"time\":" + Dump(Json(floor.time)) +
-                    ",\"counts\":" + Dump(counts) + ",\"common\":" + Dump(common) + ",\"hosts\":";
-  out.reserve(out.size() + floor.rows_json.size() + 2);
-  out += floor.rows_json;
-  out += "}";
-  return out;
+  return "{\"scan\":" + ScanJson(status) + ",\"time\":" + Dump(Json(floor.time)) + ",\"counts\":" + Dump(counts) +
+         ",\"common\":" + Dump(common) + ",\"hosts\":";
 }
 
 std::string SeatJson(const Floor& floor, size_t row) {

@@ -64,6 +64,9 @@ struct ScanStatus {
 std::string ScanJson(const ScanStatus& s);
 // GET /api/hosts: the scan, the counts per state, the floor's common values and one object per row.
 std::string HostsJson(const Floor& floor, const ScanStatus& status);
+// The same in three pieces, the middle one the floor's own rows_json (written without a copy):
+// HostsJsonHead + floor.rows_json + "}".
+std::string HostsJsonHead(const Floor& floor, const ScanStatus& status);
 // GET /api/hosts/HOST:PORT: every GETINFO value, the component report, the drift.
 std::string SeatJson(const Floor& floor, size_t row);
 

@@ -489,7 +489,22 @@ class Console {
                   Send(s, 200, Dump(j));
                 }));
     server_.Get("/api/hosts", Handler([this](const Request&, Response& s) {
-                  Send(s, 200, HostsJson(*engine_.floor(), engine_.status()));
+                  // The floor's rows are written from the floor itself: every reader shares one copy.
+                  auto floor = engine_.floor();
+                  auto head = std::make_shared<std::string>(HostsJsonHead(*floor, engine_.status()));
+                  const size_t length = head->size() + floor->rows_json.size() + 1;
+                  s.set_content_provider(length, kJsonType, [floor, head](size_t offset, size_t, httplib::DataSink& sink) {
+                    const std::string_view parts[] = {*head, floor->rows_json, "}"};
+                    for (std::string_view part : parts) {
+                      if (offset >= part.size()) {
+                        offset -= part.size();
+                        continue;
+                      }
+                      const size_t n = std::min<size_t>(part.size() - offset, 65536);
+                      return sink.write(part.data() + offset, n);
+                    }
+                    return true;
+                  });
                 }));
     server_.Get(R"(/api/hosts/([^/]+))", Handler([this](const Request& q, Response& s) {
                   auto floor = engine_.floor();

@@ -15,9 +15,18 @@ let sortKey = '', sortUp = true;
 let lastScans = -1;
 let polling = false;
 
+// Control characters an agent sent, shown as fleet's outputs show them (\0, \t, \r, \n, \xNN).
+const CONTROL = /[\x00-\x1f\x7f]/;
+function visibleText(value) {
+  const s = value === null || value === undefined ? '' : String(value);
+  if (!CONTROL.test(s)) return s;
+  return s.replace(/[\x00-\x1f\x7f]/g, (c) => ({ '\0': '\\0', '\t': '\\t', '\r': '\\r', '\n': '\\n' })[c] ||
+    '\\x' + c.charCodeAt(0).toString(16).toUpperCase().padStart(2, '0'));
+}
+
 function text(tag, value, cls) {
   const e = document.createElement(tag);
-  e.textContent = value === null || value === undefined ? '' : String(value);
+  e.textContent = visibleText(value);
   if (cls) e.className = cls;
   return e;
 }
