@@ -147,6 +147,35 @@ def run():
              "the Audit page, newest first")
         shot("audit")
 
+        step("a seat's actions: log in (with a spinner), the trace file, one setting changed")
+        d.get(c.origin() + "/#seat/" + f.key(f.login_agent))
+        wait.until(lambda _: d.find_elements(By.CSS_SELECTOR, "#seat-components tbody tr"))
+        d.find_element(By.ID, "seat-login").click()
+        check(d.find_element(By.ID, "seat-login-spinner").is_displayed() or
+              d.find_element(By.ID, "seat-login-result").text, "a spinner while the login runs")
+        wait.until(lambda _: d.find_element(By.ID, "seat-login-result").text)
+        same(d.find_element(By.ID, "seat-login-result").text,
+             "The Tyndrel Agent Client Successfully Logged in User (jsmith).{CRLF}{CRLF}User has proper access to both "
+             "temp folders.", "the login result")
+        check(not d.find_element(By.ID, "seat-login-spinner").is_displayed(), "the spinner after the login")
+        d.find_element(By.ID, "seat-trace").click()
+        wait.until(lambda _: d.find_element(By.ID, "seat-trace-result").text)
+        same(d.find_element(By.ID, "seat-trace-result").text, "1", "the trace file's answer")
+        d.get(c.origin() + "/#seat/" + f.key(7))
+        wait.until(lambda _: d.find_elements(By.CSS_SELECTOR, "#seat-components tbody tr"))
+        Select(d.find_element(By.ID, "seat-change-setting")).select_by_value("pop4win")
+        d.find_element(By.ID, "seat-change-value").send_keys("true")
+        d.find_element(By.ID, "seat-change-preview").click()
+        seat_apply = d.find_element(By.ID, "seat-change-apply")
+        wait.until(lambda _: seat_apply.is_enabled())
+        seat_apply.click()
+        wait.until(lambda _: "changed" in d.find_element(By.ID, "seat-change-summary").text)
+        same([[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
+              for tr in d.find_elements(By.CSS_SELECTOR, "#seat-change-rows tbody tr")],
+             [[f.key(7), "ok", "pop4win", "false", "true", "changed"]], "the seat's change")
+        same(f.read_settings(7), f.with_value(7, "PopWinName", "true"), "agent 7's TDRegInfo.TXT")
+        shot("seat-change")
+
         step("the browser's console: no error, no policy violation")
         logs = [e for e in d.get_log("browser") if e["level"] == "SEVERE"]
         same(logs, [], "errors in the browser's console")
