@@ -1,10 +1,9 @@
 // `agent-explorer fleet ...`: the command line, and the run from it to the output and the exit code.
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 #include "seat/explorer.h"
+#include "shared/command_line.h"
 #include "fleet/fleet.h"
 #include "platform/clock.h"
 #include "platform/terminal.h"
@@ -35,20 +34,6 @@ std::string TimeText(const platform::LocalTime& t) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.minute, t.second);
   return buf;
-}
-
-// A host file, read no further than just past the size a host file may have.
-std::optional<std::string> ReadHostFile(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) return std::nullopt;
-  std::string content;
-  char buf[65536];
-  while (f && content.size() <= kMaxHostFileBytes) {
-    f.read(buf, sizeof buf);
-    content.append(buf, static_cast<size_t>(f.gcount()));
-  }
-  if (f.bad()) return std::nullopt;
-  return content;
 }
 
 }  // namespace
@@ -114,18 +99,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     std::string value;
-    auto option = [&](const std::string& name) -> int {  // 0: not this option, 1: value taken, -1: missing
-      if (a == name) {
-        if (i + 1 >= args.size()) return -1;
-        value = args[++i];
-        return 1;
-      }
-      if (a.rfind(name + "=", 0) == 0) {
-        value = a.substr(name.size() + 1);
-        return 1;
-      }
-      return 0;
-    };
+    auto option = [&](const std::string& name) { return OptionValue(args, i, name, value); };
     int r = 0;
     if (a == "-h" || a == "--help") {
       p.help = true;
@@ -196,7 +170,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
 
 int FleetMain(const std::vector<std::string>& args, std::string& out, const std::function<void(const std::string&)>& err,
               bool progress_to_terminal) {
-  Parsed p = ParseFleetArguments(args, ReadHostFile);
+  Parsed p = ParseFleetArguments(args, [](const std::string& path) { return ReadBoundedFile(path, kMaxHostFileBytes); });
   if (!p.ok) {
     err("agent-explorer fleet: " + p.error + "\n(agent-explorer fleet --help shows the usage)\n");
     return kExitUsage;

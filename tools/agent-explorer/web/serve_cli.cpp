@@ -2,7 +2,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 
 #ifdef __GLIBC__
@@ -10,6 +9,7 @@
 #endif
 
 #include "platform/terminal.h"
+#include "shared/command_line.h"
 #include "shared/exchange.h"
 #include "web/console.h"
 #include "web/requests.h"
@@ -27,20 +27,6 @@ ServeParsed Fail(std::string error) {
   ServeParsed p;
   p.error = std::move(error);
   return p;
-}
-
-// A file named on the command line, read no further than `limit` bytes and one more.
-std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) return std::nullopt;
-  std::string content;
-  char buf[65536];
-  while (f && content.size() <= limit) {
-    f.read(buf, sizeof buf);
-    content.append(buf, static_cast<size_t>(f.gcount()));
-  }
-  if (f.bad()) return std::nullopt;
-  return content;
 }
 
 }  // namespace
@@ -149,18 +135,7 @@ ServeParsed ParseServeArguments(const std::vector<std::string>& args, const flee
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     std::string value;
-    auto option = [&](const std::string& name) -> int {  // 0: not this option, 1: value taken, -1: missing
-      if (a == name) {
-        if (i + 1 >= args.size()) return -1;
-        value = args[++i];
-        return 1;
-      }
-      if (a.rfind(name + "=", 0) == 0) {
-        value = a.substr(name.size() + 1);
-        return 1;
-      }
-      return 0;
-    };
+    auto option = [&](const std::string& name) { return OptionValue(args, i, name, value); };
     auto number = [&](long low, long high, long& out) {
       char* end = nullptr;
       out = std::strtol(value.c_str(), &end, 10);
@@ -236,7 +211,7 @@ ServeParsed ParseServeArguments(const std::vector<std::string>& args, const flee
 int ServeMain(const std::vector<std::string>& args, const std::function<void(const std::string&)>& say,
               const std::function<void(const std::string&)>& err) {
   ServeParsed p = ParseServeArguments(args, [](const std::string& path) {
-    return ReadSmallFile(path, fleet::kMaxHostFileBytes);
+    return ReadBoundedFile(path, fleet::kMaxHostFileBytes);
   });
   if (!p.ok) {
     err("agent-explorer serve: " + p.error + "\n(agent-explorer serve --help shows the usage)\n");
@@ -253,7 +228,7 @@ int ServeMain(const std::vector<std::string>& args, const std::function<void(con
   }
   std::string token;
   if (!o.token_file.empty()) {
-    auto content = ReadSmallFile(o.token_file, 4096);
+    auto content = ReadBoundedFile(o.token_file, 4096);
     if (!content) {
       err("agent-explorer serve: cannot read the token file " + fleet::EscapeControls(o.token_file) + "\n");
       return kExitNoReply;
