@@ -219,24 +219,28 @@ def run():
     slow = kept.sock
     slow.sendall(b"GET /api/scan HTTP/1.1\r\nHost: x\r\n")
     t0 = time.time()
-    idle = [socket.create_connection((c.host, c.port)) for _ in range(10)]
-    # Those closed at once are readable (at their end) within a second; the others wait for a request.
-    closed_at_once = 0
-    deadline = time.time() + 1.0
-    waiting = list(idle)
-    while waiting and time.time() < deadline:
-        ready, _, _ = select.select(waiting, [], [], max(0.0, deadline - time.time()))
-        for s in ready:
-            waiting.remove(s)
-            try:
-                if s.recv(1) == b"":
+    # The trickling one and 7 idle ones are served; the other 3 are closed without a word. A connection
+    # of an earlier step may still be on its way out: then the count is tried again.
+    for attempt in range(3):
+        idle = [socket.create_connection((c.host, c.port)) for _ in range(10)]
+        # Those closed at once are readable (at their end) within a second; the others wait for a request.
+        closed_at_once = 0
+        deadline = time.time() + 1.0
+        waiting = list(idle)
+        while waiting and time.time() < deadline:
+            ready, _, _ = select.select(waiting, [], [], max(0.0, deadline - time.time()))
+            for s in ready:
+                waiting.remove(s)
+                try:
+                    if s.recv(1) == b"":
+                        closed_at_once += 1
+                except OSError:
                     closed_at_once += 1
-            except OSError:
-                closed_at_once += 1
-    # The trickling one and 7 idle ones are served; the other 3 are closed without a word.
+        for s in idle:
+            s.close()
+        if closed_at_once == 3:
+            break
     same(closed_at_once, 3, "connections beyond 8 from one address closed at once")
-    for s in idle:
-        s.close()
     cut = None
     slow.settimeout(1.0)
     while time.time() - t0 < 20:

@@ -58,6 +58,29 @@ def run():
                       "error": "1"}, "the counts per state")
         shot("floor")
 
+        step("a sort by any column, both ways")
+        d.find_element(By.CSS_SELECTOR, "#hosts th[data-key='ext']").click()
+        exts = lambda: [tr.find_elements(By.TAG_NAME, "td")[6].text for tr in
+                        d.find_elements(By.CSS_SELECTOR, "#hosts tbody tr")]
+        wait.until(lambda _: not d.execute_script("return document.getElementById('hosts').dataset.pending"))
+        same(exts(), sorted(exts()), "the rows sorted by Ext")
+        d.find_element(By.CSS_SELECTOR, "#hosts th[data-key='ext']").click()
+        wait.until(lambda _: not d.execute_script("return document.getElementById('hosts').dataset.pending"))
+        same(exts(), sorted(exts(), reverse=True), "the rows sorted by Ext, the other way")
+        d.find_element(By.CSS_SELECTOR, "#hosts th[data-key='host']").click()
+
+        step("Refresh: a scan with its progress bar, then the new floor")
+        scans = c.json("GET", "/api/scan")["scans"]
+        d.find_element(By.ID, "refresh").click()
+        # The silent and trickling hosts hold the scan for their 2-second time-out.
+        wait.until(lambda _: d.find_element(By.ID, "progress").is_displayed())
+        check(d.find_element(By.ID, "refresh").get_attribute("disabled") is not None, "Refresh while a scan runs")
+        shot("scanning")
+        wait.until(lambda _: not d.find_element(By.ID, "progress").is_displayed())
+        same(c.json("GET", "/api/scan")["scans"], scans + 1, "the scans after a Refresh")
+        wait.until(lambda _: d.execute_script("return document.body.dataset.scans") == str(scans + 1))
+        same(sorted(shown_hosts()), sorted(f.order()), "the rows after the new scan")
+
         step("the hostile computer name is text, and nothing ran")
         row = d.find_element(By.CSS_SELECTOR, f"#hosts tr[data-host='{f.peer('hostile')}']")
         cells = [td.text for td in row.find_elements(By.TAG_NAME, "td")]
@@ -124,14 +147,17 @@ def run():
         wait.until(lambda _: apply.is_enabled())
         rows = [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
                 for tr in d.find_elements(By.CSS_SELECTOR, "#change-rows tbody tr")]
-        same(rows, [[f.key(i), "ok", "ext", f.value(i, "Ext"), "7777", "would change"] for i in (4, 5)], "the preview")
+        # In the order the floor shows the seats (here sorted by host).
+        same(sorted(rows), sorted([f.key(i), "ok", "ext", f.value(i, "Ext"), "7777", "would change"] for i in (4, 5)),
+             "the preview")
         same({i: f.read_settings(i) for i in f.agents}, before, "the settings files after the preview")
         shot("preview")
         apply.click()
         wait.until(lambda _: "changed" in d.find_element(By.ID, "change-summary").text)
         rows = [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
                 for tr in d.find_elements(By.CSS_SELECTOR, "#change-rows tbody tr")]
-        same(rows, [[f.key(i), "ok", "ext", f.value(i, "Ext"), "7777", "changed"] for i in (4, 5)], "the apply")
+        same(sorted(rows), sorted([f.key(i), "ok", "ext", f.value(i, "Ext"), "7777", "changed"] for i in (4, 5)),
+             "the apply")
         for i in f.agents:
             same(f.read_settings(i), f.with_value(i, "Ext", "7777") if i in (4, 5) else before[i],
                  f"agent {i}'s TDRegInfo.TXT")
@@ -143,12 +169,15 @@ def run():
         wait.until(lambda _: len(d.find_elements(By.CSS_SELECTOR, "#audit-rows tbody tr")) == 2)
         rows = [[td.text for td in tr.find_elements(By.TAG_NAME, "td")][1:]
                 for tr in d.find_elements(By.CSS_SELECTOR, "#audit-rows tbody tr")]
-        same(rows, [["127.0.0.1", f.key(i), "ext", f.value(i, "Ext"), "7777", "changed"] for i in (5, 4)],
-             "the Audit page, newest first")
+        same(sorted(rows), sorted(["127.0.0.1", f.key(i), "ext", f.value(i, "Ext"), "7777", "changed"] for i in (4, 5)),
+             "the Audit page")
+        times = [tr.find_elements(By.TAG_NAME, "td")[0].text for tr in d.find_elements(By.CSS_SELECTOR, "#audit-rows tbody tr")]
+        same(times, sorted(times, reverse=True), "the Audit page, newest first")
         shot("audit")
 
         step("a seat's actions: log in (with a spinner), the trace file, one setting changed")
         d.get(c.origin() + "/#seat/" + f.key(f.login_agent))
+        wait.until(lambda _: d.find_element(By.ID, "seat-title").text == f.key(f.login_agent))
         wait.until(lambda _: d.find_elements(By.CSS_SELECTOR, "#seat-components tbody tr"))
         d.find_element(By.ID, "seat-login").click()
         check(d.find_element(By.ID, "seat-login-spinner").is_displayed() or
@@ -162,6 +191,7 @@ def run():
         wait.until(lambda _: d.find_element(By.ID, "seat-trace-result").text)
         same(d.find_element(By.ID, "seat-trace-result").text, "1", "the trace file's answer")
         d.get(c.origin() + "/#seat/" + f.key(7))
+        wait.until(lambda _: d.find_element(By.ID, "seat-title").text == f.key(7))
         wait.until(lambda _: d.find_elements(By.CSS_SELECTOR, "#seat-components tbody tr"))
         Select(d.find_element(By.ID, "seat-change-setting")).select_by_value("pop4win")
         d.find_element(By.ID, "seat-change-value").send_keys("true")

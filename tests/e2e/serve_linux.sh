@@ -84,6 +84,7 @@ while [ -n "${TAKEN[$DEAD]:-}" ]; do DEAD=$(free_port); done
 } >"$WORK/floor.json"
 
 step "agent-explorer serve on a free loopback port"
+: >"$WORK/serve.out"
 "$EXPLORER" serve --hosts "@$WORK/hosts.txt" --listen 127.0.0.1:0 --timeout 2 --audit-log "$WORK/audit.jsonl" \
   >"$WORK/serve.out" 2>"$WORK/serve.err" &
 PIDS+=("$!")

@@ -43,6 +43,7 @@ rc=$?
   fail "a listen beyond loopback: $(cat "$WORK/refused.err")"
 
 step "agent-explorer.exe serve on a free loopback port"
+: >"$WORK/serve.out"
 wine_run "$EXPLORER" serve --hosts "@$(winpath "$WORK/hosts.txt")" --listen 127.0.0.1:0 --timeout 3 \
   --audit-log "$(winpath "$WORK/audit.jsonl")" </dev/null >"$WORK/serve.out" 2>"$WORK/serve.err" &
 PIDS+=("$!")

@@ -212,6 +212,8 @@ async function loadFloor() {
   requestAnimationFrame(() => requestAnimationFrame(() => performance.mark('floor-first-rows')));
   await all;
   requestAnimationFrame(() => requestAnimationFrame(() => performance.mark('floor-shown')));
+  // Which scan the rows in the page come from.
+  document.body.dataset.scans = String(floor.scan.scans);
   showScan(floor.scan);
   if (floor.scan.running) pollScan();
 }
