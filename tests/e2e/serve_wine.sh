@@ -44,9 +44,13 @@ rc=$?
 
 step "agent-explorer.exe serve on a free loopback port"
 : >"$WORK/serve.out"
-wine_run "$EXPLORER" serve --hosts "@$(winpath "$WORK/hosts.txt")" --listen 127.0.0.1:0 --timeout 3 \
-  --audit-log "$(winpath "$WORK/audit.jsonl")" </dev/null >"$WORK/serve.out" 2>"$WORK/serve.err" &
-PIDS+=("$!")
+# Started straight from here (not through a function, which would be a subshell of its own), so
+# that the process id is the console's and stop_all ends it.
+HOSTS_FILE=$(winpath "$WORK/hosts.txt") AUDIT_FILE=$(winpath "$WORK/audit.jsonl")
+"$WINE_RUN" "--prefix=$PREFIX" "$EXPLORER" serve --hosts "@$HOSTS_FILE" --listen 127.0.0.1:0 --timeout 3 \
+  --audit-log "$AUDIT_FILE" </dev/null >"$WORK/serve.out" 2>"$WORK/serve.err" &
+CONSOLE=$!
+PIDS+=("$CONSOLE")
 wait_for 60 grep -q '^agent-explorer serve: http://' "$WORK/serve.out" || fail "no start-up line"
 URL=$(tr -d '\r' <"$WORK/serve.out" | sed -nE 's|^agent-explorer serve: (http://[^ ]+) .*|\1|p')
 
@@ -56,6 +60,7 @@ step "/api/hosts: every agent and the one that refuses"
 
 step "stop"
 stop_all
+alive "$CONSOLE" && fail "agent-explorer.exe serve still runs after the stop"
 echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
 echo "PASS: web console under Wine"
 exit 0
