@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "fleet.h"
+#include "fleet/fleet.h"
 
 using namespace tdacli::explorer::fleet;
 

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, if any are missing.
+# Installs the Debian packages the build and the tests need, if any are missing (the web console's
+# browser tests use Chromium, its driver and Selenium).
 #   scripts/install-deps.sh [linux|windows|fuzz|all]   (default: all)
 set -euo pipefail
 what="${1:-all}"
 linux=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev nlohmann-json3-dev
-  libcpp-httplib-dev libssl-dev openssl strace)
+  libcpp-httplib-dev libssl-dev openssl strace chromium chromium-driver python3-selenium)
 windows=(g++-mingw-w64-x86-64 wine64 msitools wixl)
 fuzz=(clang libclang-rt-dev)
 case "$what" in

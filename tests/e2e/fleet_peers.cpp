@@ -4,7 +4,9 @@
 //   wrong    greets with another service's banner
 //   flood    greets "|READY|" and answers any command with the start of a GETINFO reply 1 MB long
 //   trickle  greets "|READY|" and answers any command with a GETINFO reply, one byte a second
-// The ports are written to FILE as "<part> <port>" lines once all four listen; the program ends after
+//   hostile  greets "|READY|" and answers GETINFO and GETVER whole, with markup for a computer name
+//            and a component version (what a web console must show as text)
+// The ports are written to FILE as "<part> <port>" lines once all of them listen; the program ends after
 // the given seconds (or when stopped).
 //   fleet-peers --ports-file FILE [--exit-after SECONDS]
 #include <cstdio>
@@ -54,7 +56,17 @@ int main(int argc, char** argv) {
                                ";<WinName>x;<Extension>1;<TD Server>x;<Notification Method>x;<Listening Ports>x;"
                                "<Pop4Ext>x;<Pop4Win>x;";
 
-  for (const char* name : {"silent", "wrong", "flood", "trickle"}) {
+  const std::string hostile_info = std::string("|GETINFO|<PCName><img src=x onerror=alert(1)>") + '\0' +
+                                   ";<NETUsername><script>alert(2)</script>" + '\0' +
+                                   ";<WinName>\"><b>bold</b>;<Extension>4999;<TD Server>10.1.1.5;"
+                                   "<Notification Method>ServiceMessage;<Listening Ports>5001,5002,6001,6002;"
+                                   "<Pop4Ext>false;<Pop4Win>false;";
+  const std::string hostile_report =
+      "|GETVER|<Status>Agent Client Components Information:{CRLF}"
+      "Agent Login Service: <i>9</i>,[date=2026-01-01],[time=00:00:00],[size=1]{CRLF}"
+      "TD Server: 10.1.1.5{CRLF}FTP PassiveUseHostAddr: False{CRLF}";
+
+  for (const char* name : {"silent", "wrong", "flood", "trickle", "hostile"}) {
     Part p{name, std::make_unique<platform::TcpSocket>(loop)};
     p.listener->SetLocalHost("127.0.0.1");
     if (platform::SocketError e = p.listener->Listen()) {
@@ -70,13 +82,14 @@ int main(int argc, char** argv) {
       if (s->Accept(*listener, id)) return;
       Connection* conn = c.get();
       s->on_close = [s] { s->Close(); };
-      s->on_data_arrival = [s, conn, part, &trickled](size_t) {
-        s->GetData();
+      s->on_data_arrival = [s, conn, part, &trickled, &hostile_info, &hostile_report](size_t) {
+        const std::string command = s->GetData();
         if (part == "flood") s->SendData("|GETINFO|<PCName>" + std::string(1 << 20, 'x'));
         if (part == "trickle") conn->pending = trickled;
+        if (part == "hostile") s->SendData(command.find("|GETVER|") != std::string::npos ? hostile_report : hostile_info);
       };
       if (part == "wrong") s->SendData("220 mail.example.com ESMTP ready\r\n");
-      if (part == "flood" || part == "trickle") s->SendData("|READY|");
+      if (part == "flood" || part == "trickle" || part == "hostile") s->SendData("|READY|");
       connections.push_back(std::move(c));
     };
     parts.push_back(std::move(p));

@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "explorer.h"
-#include "fleet.h"
+#include "seat/explorer.h"
+#include "fleet/fleet.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/platform.h"
 #include "platform/terminal.h"
+#include "web/serve.h"
 
 int main(int argc, char** argv) {
   using namespace tdacli;
@@ -30,6 +31,15 @@ int main(int argc, char** argv) {
     std::fwrite(out.data(), 1, out.size(), stdout);
     std::fflush(stdout);
     return code;
+  }
+  if (!args.empty() && args[0] == "serve") {
+    auto write = [](std::FILE* stream) {
+      return [stream](const std::string& text) {
+        std::fwrite(text.data(), 1, text.size(), stream);
+        std::fflush(stream);
+      };
+    };
+    return web::ServeMain(std::vector<std::string>(args.begin() + 1, args.end()), write(stdout), write(stderr));
   }
   ParseResult parsed = ParseArguments(args);
   if (!parsed.ok) {

@@ -195,6 +195,7 @@ class Conversation {
     if (done_) return;
     done_ = true;
     out_.state = std::move(state);
+    out_.finished_ms = Now();
     // SETs without an answer when the conversation ended were not confirmed: the one in hand failed
     // for the conversation's reason, the later ones were never sent.
     for (size_t k = 0; k < pending_sets_.size(); ++k) {

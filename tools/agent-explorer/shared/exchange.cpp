@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "explorer.h"
+#include "shared/exchange.h"
 #include "platform/tcp_socket.h"
 
 namespace tdacli::explorer {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/event_loop.h"
+#include "shared/exchange.h"
 
 namespace tdacli::explorer {
 
@@ -64,42 +64,10 @@ std::vector<std::string> ChopSendFrames(std::string_view framed, int pieces);
 // What `control` prints: "code 128 sent to TDACLI", or the reason the code was not delivered.
 std::string DescribeControlResult(const std::string& service, int code, unsigned long error);
 
-// A login runs the whole login conversation and the post-login work on the agent (up to three
-// 30-second stages and the 31-second temp-folder check): its reply takes longer than any other.
-inline constexpr double kLoginTimeoutSeconds = 180;
-
 // The reply for people: "{CRLF}" expanded, GETINFO as a table with NUL characters made visible,
 // SET replies one segment a line with "Failed;" segments marked.
 std::string FormatReply(std::string_view reply);
 // NUL characters as the two characters "\0".
 std::string VisibleNul(std::string_view text);
-
-// One exchange with a listener on `loop`.
-struct Exchange {
-  enum Status {
-    kReplied,        // greeting seen, command sent, reply received
-    kConnectFailed,  // the connection could not be made
-    kNoGreeting,     // no "|READY|" within the time-out
-    kNoReply,        // no reply within the time-out
-  };
-  Status status = kConnectFailed;
-  std::string reply;
-  std::string error;  // connect failure: Winsock number and description
-};
-
-// Connects to host:port, waits for "|READY|", sends `command` and collects the reply: everything that
-// arrives until `settle_ms` pass without more data or the peer closes. Each stage waits at most
-// `timeout_seconds` on the loop's clock.
-Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port, const std::string& command,
-                     double timeout_seconds, int settle_ms = 250);
-// The same with the command sent in pieces, `gap_ms` apart, so that each one arrives on its own.
-Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port,
-                     const std::vector<std::string>& pieces, double timeout_seconds, int gap_ms, int settle_ms = 250);
-
-// Exit codes of the program.
-inline constexpr int kExitOk = 0;
-inline constexpr int kExitNoReply = 1;
-inline constexpr int kExitUsage = 2;
-inline constexpr int kExitConnect = 3;
 
 }  // namespace tdacli::explorer

@@ -46,6 +46,8 @@ std::string UsageText() {
   agent-explorer [OPTIONS] control SERVICE CODE
   agent-explorer fleet COMMAND --hosts SPEC [OPTIONS]   (many agents at once:
                           agent-explorer fleet --help)
+  agent-explorer serve --hosts SPEC [OPTIONS]   (the web console for a floor:
+                          agent-explorer serve --help)
 
 Talks to the command listener of an agent (port 5002 unless given): waits for the
 greeting "|READY|", sends one command and prints the reply.

@@ -1,6 +1,6 @@
 // The fleet console of agent-explorer: the host list, the output formats, and whole runs against a real
 // agent and scripted peers on the agent's own loop (simulated time: time-outs cost no real time).
-#include "fleet.h"
+#include "fleet/fleet.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "explorer.h"
+#include "seat/explorer.h"
 #include "listener/console.h"
 
 namespace tdacli {

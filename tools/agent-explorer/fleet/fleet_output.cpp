@@ -138,42 +138,52 @@ Table BuildTable(const Options& o, const std::vector<HostResult>& results) {
     }
     return t;
   }
+  const TableShape shape = ShapeTable(o, results);
+  t.columns = shape.columns;
+  t.names_left_out = shape.names_left_out;
+  for (const HostResult& r : results) t.rows.push_back(TableRow(shape, r));
+  return t;
+}
+
+TableShape ShapeTable(const Options& o, const std::vector<HostResult>& results) {
+  TableShape t;
+  t.columns = {"host", "port", "state", "rtt_ms"};
   for (const std::string& c : InfoColumns()) t.columns.push_back(c);
   // getver: a column per component in the order the reports name them, and a state column for the
   // components some agent reported a service state for.
-  std::vector<std::string> names;
-  std::map<std::string, bool> has_state;
   std::set<std::string_view> left_out;  // views into `results`, which outlive this
   if (o.command == Command::kGetVer) {
     for (const HostResult& r : results)
       for (const Component& c : r.components) {
-        if (!has_state.count(c.name)) {
-          if (names.size() >= kMaxComponentColumns) {
+        if (!t.has_state.count(c.name)) {
+          if (t.names.size() >= kMaxComponentColumns) {
             left_out.insert(c.name);
             continue;
           }
-          names.push_back(c.name);
-          has_state[c.name] = false;
+          t.names.push_back(c.name);
+          t.has_state[c.name] = false;
         }
-        if (!c.state.empty()) has_state[c.name] = true;
+        if (!c.state.empty()) t.has_state[c.name] = true;
       }
     t.names_left_out = left_out.size();
-    for (const std::string& n : names) {
+    for (const std::string& n : t.names) {
       t.columns.push_back(n);
-      if (has_state[n]) t.columns.push_back(n + " state");
+      if (t.has_state.at(n)) t.columns.push_back(n + " state");
     }
-  }
-  for (const HostResult& r : results) {
-    std::vector<std::string> row = head(r);
-    for (const std::string& c : InfoColumns()) row.push_back(r.has_info ? InfoValue(r.info, c) : "");
-    for (const std::string& n : names) {
-      auto it = std::find_if(r.components.begin(), r.components.end(), [&](const Component& c) { return c.name == n; });
-      row.push_back(it != r.components.end() ? it->version : "");
-      if (has_state[n]) row.push_back(it != r.components.end() ? it->state : "");
-    }
-    t.rows.push_back(std::move(row));
   }
   return t;
+}
+
+std::vector<std::string> TableRow(const TableShape& shape, const HostResult& r) {
+  std::vector<std::string> row = {r.host.name, std::to_string(r.host.port), r.state,
+                                  r.rtt_ms >= 0 ? std::to_string(r.rtt_ms) : ""};
+  for (const std::string& c : InfoColumns()) row.push_back(r.has_info ? InfoValue(r.info, c) : "");
+  for (const std::string& n : shape.names) {
+    auto it = std::find_if(r.components.begin(), r.components.end(), [&](const Component& c) { return c.name == n; });
+    row.push_back(it != r.components.end() ? it->version : "");
+    if (shape.has_state.at(n)) row.push_back(it != r.components.end() ? it->state : "");
+  }
+  return row;
 }
 
 std::string FormatTable(const Table& t) {
@@ -202,21 +212,29 @@ std::string FormatTable(const Table& t) {
   return out;
 }
 
-std::string FormatCsv(const Table& t) {
+std::string CsvRecord(const std::vector<std::string>& row) {
   std::string out;
-  auto record = [&](const std::vector<std::string>& row) {
-    for (size_t i = 0; i < row.size(); ++i) {
-      if (i) out += ',';
-      out += CsvField(row[i]);
-    }
-    out += "\r\n";
-  };
-  record(t.columns);
-  for (const auto& row : t.rows) record(row);
+  for (size_t i = 0; i < row.size(); ++i) {
+    if (i) out += ',';
+    out += CsvField(row[i]);
+  }
+  return out + "\r\n";
+}
+
+std::string FormatCsv(const Table& t) {
+  std::string out = CsvRecord(t.columns);
+  for (const auto& row : t.rows) out += CsvRecord(row);
   return out;
 }
 
-std::string FormatJson(const Options& o, const std::vector<HostResult>& results, const std::string& time) {
+namespace {
+
+// ASCII only: every other character, and any byte that is no UTF-8, escaped or replaced.
+std::string Dump(const Json& j) { return j.dump(2, ' ', true, Json::error_handler_t::replace); }
+
+}  // namespace
+
+std::string JsonBegin(const Options& o, const std::vector<HostResult>& results, const std::string& time) {
   Json doc;
   doc["command"] = CommandName(o.command);
   doc["time"] = time;
@@ -226,54 +244,72 @@ std::string FormatJson(const Options& o, const std::vector<HostResult>& results,
   for (const auto& [category, n] : Counts(results)) summary[category] = n;
   for (const auto& [outcome, n] : SetCounts(results)) summary[outcome] = n;
   doc["summary"] = summary;
-  Json hosts = Json::array();
-  for (const HostResult& r : results) {
-    Json h;
-    h["host"] = r.host.name;
-    h["port"] = r.host.port;
-    h["state"] = r.state;
-    h["rtt_ms"] = r.rtt_ms >= 0 ? Json(r.rtt_ms) : Json(nullptr);
-    if (r.has_info) {
-      const Info& i = r.info;
-      h["computer"] = i.computer;
-      h["network_user"] = i.network_user;
-      h["current_user"] = i.current_user;
-      h["ext"] = i.ext;
-      h["server"] = i.server;
-      h["notification_method"] = i.notification_method;
-      h["listening_ports"] = i.listening_ports;
-      h["pop4ext"] = i.pop4ext;
-      h["pop4win"] = i.pop4win;
-    }
-    if (o.command == Command::kGetVer) {
-      Json components = Json::array();
-      for (const Component& c : r.components) {
-        Json j;
-        j["name"] = c.name;
-        j["version"] = c.version;
-        j["state"] = c.state.empty() ? Json(nullptr) : Json(c.state);
-        components.push_back(std::move(j));
-      }
-      h["components"] = std::move(components);
-    }
-    if (o.command == Command::kSet) {
-      Json settings = Json::array();
-      for (size_t k = 0; k < o.values.size(); ++k) {
-        const SetResult* s = k < r.sets.size() ? &r.sets[k] : nullptr;
-        Json j;
-        j["setting"] = o.values[k].setting->word;
-        j["current"] = s && r.has_info ? Json(s->current) : Json(nullptr);
-        j["new"] = o.values[k].value;
-        j["result"] = s && !s->result.empty() ? Json(s->result) : Json(nullptr);
-        settings.push_back(std::move(j));
-      }
-      h["settings"] = std::move(settings);
-    }
-    hosts.push_back(std::move(h));
+  doc["hosts"] = Json::array();
+  std::string out = Dump(doc);
+  // The hosts follow one at a time, each indented to its depth in the document: one document of
+  // thousands of hosts would hold many times the text's size.
+  out.erase(out.size() - std::string_view("[]\n}").size());
+  return out + (results.empty() ? "[]" : "[\n");
+}
+
+std::string JsonHost(const Options& o, const HostResult& r, bool last) {
+  Json h;
+  h["host"] = r.host.name;
+  h["port"] = r.host.port;
+  h["state"] = r.state;
+  h["rtt_ms"] = r.rtt_ms >= 0 ? Json(r.rtt_ms) : Json(nullptr);
+  if (r.has_info) {
+    const Info& in = r.info;
+    h["computer"] = in.computer;
+    h["network_user"] = in.network_user;
+    h["current_user"] = in.current_user;
+    h["ext"] = in.ext;
+    h["server"] = in.server;
+    h["notification_method"] = in.notification_method;
+    h["listening_ports"] = in.listening_ports;
+    h["pop4ext"] = in.pop4ext;
+    h["pop4win"] = in.pop4win;
   }
-  doc["hosts"] = std::move(hosts);
-  // ASCII only: every other character, and any byte that is no UTF-8, escaped or replaced.
-  return doc.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+  if (o.command == Command::kGetVer) {
+    Json components = Json::array();
+    for (const Component& c : r.components) {
+      Json j;
+      j["name"] = c.name;
+      j["version"] = c.version;
+      j["state"] = c.state.empty() ? Json(nullptr) : Json(c.state);
+      components.push_back(std::move(j));
+    }
+    h["components"] = std::move(components);
+  }
+  if (o.command == Command::kSet) {
+    Json settings = Json::array();
+    for (size_t k = 0; k < o.values.size(); ++k) {
+      const SetResult* s = k < r.sets.size() ? &r.sets[k] : nullptr;
+      Json j;
+      j["setting"] = o.values[k].setting->word;
+      j["current"] = s && r.has_info ? Json(s->current) : Json(nullptr);
+      j["new"] = o.values[k].value;
+      j["result"] = s && !s->result.empty() ? Json(s->result) : Json(nullptr);
+      settings.push_back(std::move(j));
+    }
+    h["settings"] = std::move(settings);
+  }
+  // A dumped string never holds a line break: every line is indented by the host's depth.
+  const std::string text = Dump(h);
+  std::string out = "    ";
+  for (char c : text) {
+    out += c;
+    if (c == '\n') out += "    ";
+  }
+  return out + (last ? "\n" : ",\n");
+}
+
+std::string JsonEnd(const std::vector<HostResult>& results) { return results.empty() ? "\n}\n" : "  ]\n}\n"; }
+
+std::string FormatJson(const Options& o, const std::vector<HostResult>& results, const std::string& time) {
+  std::string out = JsonBegin(o, results, time);
+  for (size_t i = 0; i < results.size(); ++i) out += JsonHost(o, results[i], i + 1 == results.size());
+  return out + JsonEnd(results);
 }
 
 std::string SummaryLine(const Options& o, const std::vector<HostResult>& results) {

@@ -1,11 +1,10 @@
 // `agent-explorer fleet ...`: the command line, and the run from it to the output and the exit code.
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
-#include "explorer.h"
-#include "fleet.h"
+#include "seat/explorer.h"
+#include "shared/command_line.h"
+#include "fleet/fleet.h"
 #include "platform/clock.h"
 #include "platform/terminal.h"
 
@@ -37,21 +36,16 @@ std::string TimeText(const platform::LocalTime& t) {
   return buf;
 }
 
-// A host file, read no further than just past the size a host file may have.
-std::optional<std::string> ReadHostFile(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) return std::nullopt;
-  std::string content;
-  char buf[65536];
-  while (f && content.size() <= kMaxHostFileBytes) {
-    f.read(buf, sizeof buf);
-    content.append(buf, static_cast<size_t>(f.gcount()));
-  }
-  if (f.bad()) return std::nullopt;
-  return content;
-}
-
 }  // namespace
+
+std::string SetValueProblem(std::string_view name, std::string_view value) {
+  if (!FindSetting(name)) return "set: unknown setting " + EscapeControls(name) + " (" + SettingWords() + ")";
+  if (value.empty()) return "set: empty value for " + std::string(name);
+  // ";" ends the value on the agent; a keyword inside it would be dispatched as another command.
+  if (value.find(';') != std::string_view::npos || value.find('|') != std::string_view::npos || HasControl(value))
+    return "set: the value of " + std::string(name) + " cannot hold ';', '|' or control characters";
+  return "";
+}
 
 std::string FleetUsageText() {
   return R"(Usage:
@@ -105,18 +99,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     std::string value;
-    auto option = [&](const std::string& name) -> int {  // 0: not this option, 1: value taken, -1: missing
-      if (a == name) {
-        if (i + 1 >= args.size()) return -1;
-        value = args[++i];
-        return 1;
-      }
-      if (a.rfind(name + "=", 0) == 0) {
-        value = a.substr(name.size() + 1);
-        return 1;
-      }
-      return 0;
-    };
+    auto option = [&](const std::string& name) { return OptionValue(args, i, name, value); };
     int r = 0;
     if (a == "-h" || a == "--help") {
       p.help = true;
@@ -170,13 +153,10 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
       if (eq == std::string::npos) return Fail("set: expected NAME=VALUE, got " + EscapeControls(pos[i]));
       const std::string name = pos[i].substr(0, eq), value = pos[i].substr(eq + 1);
       const SettingName* s = FindSetting(name);
-      if (!s) return Fail("set: unknown setting " + EscapeControls(name) + " (" + SettingWords() + ")");
+      if (!s) return Fail(SetValueProblem(name, value));
       for (const NewValue& v : o.values)
         if (v.setting == s) return Fail("set: " + name + " given twice");
-      if (value.empty()) return Fail("set: empty value for " + name);
-      // ";" ends the value on the agent; a keyword inside it would be dispatched as another command.
-      if (value.find(';') != std::string::npos || value.find('|') != std::string::npos || HasControl(value))
-        return Fail("set: the value of " + name + " cannot hold ';', '|' or control characters");
+      if (std::string problem = SetValueProblem(name, value); !problem.empty()) return Fail(problem);
       o.values.push_back({s, value});
     }
   }
@@ -190,7 +170,7 @@ Parsed ParseFleetArguments(const std::vector<std::string>& args, const FileReade
 
 int FleetMain(const std::vector<std::string>& args, std::string& out, const std::function<void(const std::string&)>& err,
               bool progress_to_terminal) {
-  Parsed p = ParseFleetArguments(args, ReadHostFile);
+  Parsed p = ParseFleetArguments(args, [](const std::string& path) { return ReadBoundedFile(path, kMaxHostFileBytes); });
   if (!p.ok) {
     err("agent-explorer fleet: " + p.error + "\n(agent-explorer fleet --help shows the usage)\n");
     return kExitUsage;

@@ -1,6 +1,6 @@
 // agent-explorer's library: command line, request texts, reply formatting, and whole exchanges with
 // an agent listening on loopback (on the agent's own loop, so time-outs cost no real time).
-#include "explorer.h"
+#include "seat/explorer.h"
 
 #include <gtest/gtest.h>
 

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,6 +69,11 @@ struct SettingName {
 const std::vector<SettingName>& SettingNames();
 const SettingName* FindSetting(std::string_view word);
 
+// Why `value` cannot be sent as the setting `name` ("" when it can): an unknown name, an empty value,
+// or a value holding ";" (it ends the value on the agent), "|" (a keyword inside it would be taken
+// as another command) or a control character. The texts begin with "set: ".
+std::string SetValueProblem(std::string_view name, std::string_view value);
+
 struct NewValue {
   const SettingName* setting = nullptr;
   std::string value;
@@ -123,6 +129,7 @@ struct HostResult {
   Info info;
   std::vector<Component> components;  // getver
   std::vector<SetResult> sets;        // set: one per NewValue
+  int64_t finished_ms = -1;           // the loop's clock when the host's conversation ended
 };
 
 struct Progress {
@@ -160,8 +167,26 @@ std::string EscapeControls(std::string_view text);
 std::string CsvField(std::string_view value);
 std::string FormatTable(const Table& t);
 std::string FormatCsv(const Table& t);  // CR LF after every record
+// One CSV record of FormatCsv.
+std::string CsvRecord(const std::vector<std::string>& row);
 // One JSON document: the command, `time`, the summary and one object per host.
 std::string FormatJson(const Options& o, const std::vector<HostResult>& results, const std::string& time);
+
+// The same outputs a piece at a time, for a caller that writes them as they are made: the columns of a
+// getinfo or getver table (one pass over the results), then each host's row; the JSON document's
+// beginning, each host's object (`last`: no comma after it), and its end. Joined, the pieces are
+// exactly what BuildTable and FormatJson give.
+struct TableShape {
+  std::vector<std::string> columns;
+  std::vector<std::string> names;      // getver: the component columns
+  std::map<std::string, bool> has_state;  // getver: whether a name has a state column
+  size_t names_left_out = 0;
+};
+TableShape ShapeTable(const Options& o, const std::vector<HostResult>& results);
+std::vector<std::string> TableRow(const TableShape& shape, const HostResult& r);  // getinfo and getver
+std::string JsonBegin(const Options& o, const std::vector<HostResult>& results, const std::string& time);
+std::string JsonHost(const Options& o, const HostResult& r, bool last);
+std::string JsonEnd(const std::vector<HostResult>& results);
 
 // "312 hosts: 298 ok, 9 timeout, 5 refused" (set --apply adds "; 290 changed, 8 unchanged").
 std::string SummaryLine(const Options& o, const std::vector<HostResult>& results);

@@ -1,0 +1,45 @@
+#pragma once
+// What every mode of agent-explorer shares: one exchange with an agent's command listener (greeting,
+// one command, its reply) and the program's exit codes.
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/event_loop.h"
+
+namespace tdacli::explorer {
+
+// A login runs the whole login conversation and the post-login work on the agent (up to three
+// 30-second stages and the 31-second temp-folder check): its reply takes longer than any other.
+inline constexpr double kLoginTimeoutSeconds = 180;
+
+// One exchange with a listener on `loop`.
+struct Exchange {
+  enum Status {
+    kReplied,        // greeting seen, command sent, reply received
+    kConnectFailed,  // the connection could not be made
+    kNoGreeting,     // no "|READY|" within the time-out
+    kNoReply,        // no reply within the time-out
+  };
+  Status status = kConnectFailed;
+  std::string reply;
+  std::string error;  // connect failure: Winsock number and description
+};
+
+// Connects to host:port, waits for "|READY|", sends `command` and collects the reply: everything that
+// arrives until `settle_ms` pass without more data or the peer closes. Each stage waits at most
+// `timeout_seconds` on the loop's clock.
+Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port, const std::string& command,
+                     double timeout_seconds, int settle_ms = 250);
+// The same with the command sent in pieces, `gap_ms` apart, so that each one arrives on its own.
+Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_t port,
+                     const std::vector<std::string>& pieces, double timeout_seconds, int gap_ms, int settle_ms = 250);
+
+// Exit codes of the program.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitNoReply = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitConnect = 3;
+
+}  // namespace tdacli::explorer
