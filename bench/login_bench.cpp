@@ -132,7 +132,7 @@ void RunAll(Agent& a) {
           LogOffUser(a);
           return a.login.LogoffSucceeded;
         }));
-  a.TempAccessStatus = 0;
+  a.temp_access_status = 0;
   Print("status report", Measure([&] {
           a.login.StatusSucceeded = false;
           LoginStatus(a);

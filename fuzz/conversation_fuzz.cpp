@@ -44,7 +44,7 @@ struct Harness : fuzzing::FuzzAgent {
     agent->settings.CurrentUser = "jsmith";
     agent->settings.ListeningPorts = "1,0,2,3";  // any free port unless the reply names one
     agent->stored_lines = {};
-    agent->TempAccessStatus = static_cast<int16_t>(flags >> 6);
+    agent->temp_access_status = static_cast<int16_t>(flags >> 6);
     agent->local_ip = (flags & 4) ? "" : "192.168.5.20";
     if (flags & 8) WriteTextFile(agent->AppPath("thinterminal.dat"), "");
     if (flags & 16) agent->login.ValidIPMask = "192.168.5.";

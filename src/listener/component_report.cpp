@@ -219,7 +219,7 @@ void BuildComponentReport(Agent& agent) {
   // from the server, cannot break the console's lines.
   for (char& c : r)
     if (c == '\r' || c == '\n') c = ' ';
-  agent.ComponentReportText = std::move(r);
+  agent.component_report_text = std::move(r);
 }
 
 void HandleGetVer(Agent& agent, const std::string&, CommandReplies& replies) {
@@ -229,7 +229,7 @@ void HandleGetVer(Agent& agent, const std::string&, CommandReplies& replies) {
              "Trace");
   LoadConfiguration(agent);
   BuildComponentReport(agent);
-  replies.SendCommandReply("|GETVER|<Status>" + agent.ComponentReportText, kAgentExplorerPeer);
+  replies.SendCommandReply("|GETVER|<Status>" + agent.component_report_text, kAgentExplorerPeer);
 }
 
 }  // namespace tdacli::listener

@@ -144,7 +144,7 @@ const std::array<ReplyRule, 18>& Rules() {
        }},
       {"3", [](const Agent& a, std::string_view d) { return d == "ID OK" && !Kind(a, "Login"); },
        [](Agent& a, const std::string&, const RequestSink& send) {
-         const std::string status = std::to_string(a.TempAccessStatus);
+         const std::string status = std::to_string(a.temp_access_status);
          LogMessage(a, "Login Server Received UserName OK, Sending STATUS (" + status + ")", "Trace");
          send("STATUS" + status);
        }},
@@ -279,7 +279,7 @@ void HandleReply(Agent& agent, const std::string& data, const RequestSink& send)
 
 void Broadcast_DataArrival(Agent& agent, size_t /*bytes*/) {
   WithTrap(agent, [&] {
-    auto& socket = agent.Broadcast;
+    auto& socket = agent.login_socket;
     auto connected = [&socket] { return socket.State() == platform::TcpSocket::kConnected; };
     if (!connected()) agent.WaitUntil(30, connected);
     if (agent.Ended()) return;

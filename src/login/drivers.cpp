@@ -32,7 +32,7 @@ enum class Outcome { kCloseTimeout, kConnectTimeout, kProtocolTimeout, kProtocol
 Outcome RunExchange(Agent& agent, const std::string& kind, const std::string& contact_line,
                     const std::function<void()>& before_connect) {
   LoginState& l = agent.login;
-  TcpSocket& socket = agent.Broadcast;
+  TcpSocket& socket = agent.login_socket;
   l.ProtocolDone = false;
   l.LoginRequestKind = kind;
   socket.SetRemoteHost(agent.settings.Server);
@@ -100,7 +100,7 @@ void LoginUser(Agent& agent) {
       return;
     case Outcome::kProtocolTimeout:
       TimedOut(agent, l.LoginSucceeded, "Login Attempt - Timeout executing protocol", true);
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
     case Outcome::kProtocolDone:
       // `LoginSucceeded` is whatever the conversation left: an exchange that ended without touching it
@@ -118,7 +118,7 @@ void LoginUser(Agent& agent) {
         LogMessage(agent, text, "Error");
         l.LastLoginResult = text;
       }
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
   }
 }
@@ -144,7 +144,7 @@ void LogOffUser(Agent& agent) {
       return;
     case Outcome::kProtocolTimeout:
       TimedOut(agent, l.LogoffSucceeded, "Logoff Attempt - Timeout executing protocol", true);
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
     case Outcome::kProtocolDone:
       if (l.LogoffSucceeded) {
@@ -160,7 +160,7 @@ void LogOffUser(Agent& agent) {
         LogMessage(agent, text, "Error");
         l.LastLoginResult = text;
       }
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
   }
 }
@@ -186,20 +186,20 @@ void LoginStatus(Agent& agent) {
       return;
     case Outcome::kProtocolTimeout:
       TimedOut(agent, l.StatusSucceeded, "Login Attempt - Timeout executing protocol", false);
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
     case Outcome::kProtocolDone:
       // Whatever the server answered, a finished exchange counts as reported.
       l.StatusSucceeded = true;
-      if (agent.TempAccessStatus != 0)
+      if (agent.temp_access_status != 0)
         LogMessage(agent,
                    "The Tyndrel Agent Client Successfully Updated Agent Status to (" +
-                       std::to_string(agent.TempAccessStatus) + ") for User (" + agent.settings.CurrentUser +
+                       std::to_string(agent.temp_access_status) + ") for User (" + agent.settings.CurrentUser +
                        "). However the user does not have proper permissions!",
                    "Warning");
       else
         agent.DoEvents();
-      agent.Broadcast.Close();
+      agent.login_socket.Close();
       return;
   }
 }
@@ -208,14 +208,14 @@ void Broadcast_Error(Agent& agent, int number, const std::string& description) {
   // Logged only: no message box, and the waiting driver is not told.
   LogMessage(agent, "The Broadcast WinSock Control Received The Error, " + std::to_string(number) + ": " + description,
              "Error");
-  agent.Broadcast.Close();
+  agent.login_socket.Close();
 }
 
 void WireLoginClient(Agent& agent) {
-  agent.Broadcast.on_error = [&agent](int number, const std::string& description) {
+  agent.login_socket.on_error = [&agent](int number, const std::string& description) {
     Broadcast_Error(agent, number, description);
   };
-  agent.Broadcast.on_data_arrival = [&agent](size_t bytes) { Broadcast_DataArrival(agent, bytes); };
+  agent.login_socket.on_data_arrival = [&agent](size_t bytes) { Broadcast_DataArrival(agent, bytes); };
 }
 
 }  // namespace tdacli

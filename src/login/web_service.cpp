@@ -275,7 +275,7 @@ void WebService_LoginStatus(Agent& agent) {
   Trapped(agent, routine, [&] {
     LoginState& l = agent.login;
     const Settings& s = agent.settings;
-    const std::string status = std::to_string(agent.TempAccessStatus);
+    const std::string status = std::to_string(agent.temp_access_status);
     const WebServer server = ParseWebServer(s.Server);
     const std::string url = server.Base() + std::string(kLoginService) + "StatusMethod?" +
                             Query("WinName", s.CurrentUser) + "&" + Query("Status", status);
@@ -285,7 +285,7 @@ void WebService_LoginStatus(Agent& agent) {
                                    ") to (" + s.Server + ")"};
     if (!Exchange(agent, req, url, response)) return;
     l.StatusSucceeded = true;
-    if (agent.TempAccessStatus != 0)
+    if (agent.temp_access_status != 0)
       LogMessage(agent,
                  "The Tyndrel Agent Client Successfully Updated Agent Status to (" + status + ") for User (" +
                      s.CurrentUser + "). However the user does not have proper permissions!",

@@ -75,9 +75,9 @@ void HideMainWindow(Agent&) {
 
 void Form_Load(Agent& agent) {
   WireLoginClient(agent);
-  if (!agent.LoadTimer.on_tick) agent.LoadTimer.on_tick = [&agent] { LoadTimer_Timer(agent); };
-  if (!agent.tmrMessage.on_tick) agent.tmrMessage.on_tick = [&agent] { tmrMessage_Timer(agent); };
-  if (!agent.tmrPollForLogin.on_tick) agent.tmrPollForLogin.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
+  if (!agent.startup_timer.on_tick) agent.startup_timer.on_tick = [&agent] { LoadTimer_Timer(agent); };
+  if (!agent.request_file_timer.on_tick) agent.request_file_timer.on_tick = [&agent] { tmrMessage_Timer(agent); };
+  if (!agent.trigger_file_timer.on_tick) agent.trigger_file_timer.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
   try {
     ResetProcessValues(agent);
     RecomputeAppFolder(agent);
@@ -161,8 +161,8 @@ void Form_QueryUnload(Agent& agent, bool& cancel) {
 void Service_Start(Agent& agent) {
   Trap(agent, "Service_Start", [&] {
     ResetProcessValues(agent);
-    agent.LoadTimer.SetInterval(1000);
-    agent.LoadTimer.SetEnabled(true);
+    agent.startup_timer.SetInterval(1000);
+    agent.startup_timer.SetEnabled(true);
   });
 }
 
@@ -173,7 +173,7 @@ std::string BuildStartupBanner(Agent& agent) {
   if (Contains(s.Server, ":"))
     b += "TD Server: " + s.Server + "\r\n";
   else
-    b += "TD Server: " + s.Server + "(Port: " + std::to_string(agent.Broadcast.RemotePort()) + ")\r\n";
+    b += "TD Server: " + s.Server + "(Port: " + std::to_string(agent.login_socket.RemotePort()) + ")\r\n";
   b += "Extension: " + s.Ext + "\r\n";
   b += "Notification Method: " + s.NotificationMethod + "\r\n";
   b += "Use File Trace: " + s.UseTrace + "\r\n";
@@ -184,8 +184,8 @@ std::string BuildStartupBanner(Agent& agent) {
 
 void LoadTimer_Timer(Agent& agent) {
   Trap(agent, "LoadTimer_Timer", [&] {
-    agent.LoadTimer.SetInterval(0);
-    agent.LoadTimer.SetEnabled(false);
+    agent.startup_timer.SetInterval(0);
+    agent.startup_timer.SetEnabled(false);
     ResetProcessValues(agent);
     HideMainWindow(agent);
     agent.command_line = agent.options().command_line;
@@ -195,8 +195,8 @@ void LoadTimer_Timer(Agent& agent) {
     DetermineLocalIP(agent);
     LoadConfiguration(agent);
     agent.listener().allowed_consoles().Load(agent);
-    agent.tmrMessage.SetInterval(1000);
-    agent.tmrMessage.SetEnabled(true);
+    agent.request_file_timer.SetInterval(1000);
+    agent.request_file_timer.SetEnabled(true);
 
     auto& listen = agent.listener();
     int retries = 0;
@@ -223,9 +223,9 @@ void LoadTimer_Timer(Agent& agent) {
     }
 
     LogMessage(agent, BuildStartupBanner(agent), "Information");
-    if (Lower(agent.settings.NotificationMethod) == "filemessage") {
-      agent.tmrPollForLogin.SetInterval(3000);
-      agent.tmrPollForLogin.SetEnabled(true);
+    if (agent.settings.PollsTriggerFiles()) {
+      agent.trigger_file_timer.SetInterval(3000);
+      agent.trigger_file_timer.SetEnabled(true);
     }
   });
 }

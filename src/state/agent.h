@@ -60,23 +60,23 @@ class Agent final : public Workstation {
   LoginState login;
   FtpState ftp;
   ScreenParams screen;
-  int16_t TempAccessStatus = 0;
+  int16_t temp_access_status = 0;  // `TempAccessStatus`: +1 local, +2 server temp folder not writable
 
   // --- reply flags set by the control handler
   int16_t MediaTransferReply = 0;
   std::string TraceFileReply = "0";
 
   // --- console command state, trigger-file poller, request files
-  std::string ComponentReportText;
+  std::string component_report_text;
   LoginPoller poller;
   RequestFiles requests;
   AgentHooks hooks;
 
   // --- controls
-  platform::TcpSocket Broadcast;
-  platform::Timer LoadTimer;
-  platform::Timer tmrMessage;
-  platform::Timer tmrPollForLogin;
+  platform::TcpSocket login_socket;     // `Broadcast`: the client socket to the TD Login Server
+  platform::Timer startup_timer;        // `LoadTimer`: the start-up work, once, a second after Start
+  platform::Timer request_file_timer;   // `tmrMessage`: one "*.TDACLI" request file a second
+  platform::Timer trigger_file_timer;   // `tmrPollForLogin`: trigger files and the phone-home schedule
   listener::CommandListener& listener() { return *listener_; }
   void SetListener(std::shared_ptr<listener::CommandListener> l) { listener_ = std::move(l); }
 
@@ -95,7 +95,7 @@ class Agent final : public Workstation {
   // --- what logging reads
   platform::LocalTime Now() const override { return facilities_.clock.Local(); }
   const std::string& ProgramName() const override { return options_.exe_base_name; }
-  bool TraceOn() const override { return settings.UseTrace == "True"; }
+  bool TraceOn() const override { return settings.TraceOn(); }
   const std::string& CurrentUserName() const override { return settings.CurrentUser; }
 
  private:

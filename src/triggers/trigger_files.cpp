@@ -134,7 +134,7 @@ void tmrPollForLogin_Timer(Agent& agent) {
   // Off for the whole pass, so that its waits (up to 31 s for the media-transfer service, 15 s between
   // attempts, 20 s of codec install) never start a second pass; the next tick comes 3 s after this one
   // has ended.
-  agent.tmrPollForLogin.SetEnabled(false);
+  agent.trigger_file_timer.SetEnabled(false);
 
   if (FileExists(agent.AppPath("PerformLogin.TXT"))) PerformFileLogin(agent);
   if (agent.Ended()) return;
@@ -155,7 +155,7 @@ void tmrPollForLogin_Timer(Agent& agent) {
     login.NextPhoneHomeMs = agent.clock().NowMs() + 30'000;
   }
 
-  agent.tmrPollForLogin.SetEnabled(true);
+  agent.trigger_file_timer.SetEnabled(true);
 }
 
 void InstallCodec(Agent& agent) {

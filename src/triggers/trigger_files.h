@@ -7,7 +7,7 @@ namespace tdacli {
 
 class Agent;
 
-// One tick of `tmrPollForLogin`: the timer is off for the whole pass and on again at its end.
+// One tick of the trigger-file timer (`tmrPollForLogin`): the timer is off for the whole pass and on again at its end.
 void tmrPollForLogin_Timer(Agent& agent);
 // Runs the codec installer "TSCC.msi" hidden, without waiting for it, and logs the size of its log.
 void InstallCodec(Agent& agent);

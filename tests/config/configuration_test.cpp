@@ -646,7 +646,7 @@ TEST(StartupBanner, ShowsTheSettingsOfARealSettingsFile) {
   EXPECT_NE(testing::ReadFile(t.ProgramTrace()).find("Information in TDACLI: " + banner), std::string::npos);
   EXPECT_EQ(t->listener().Listener().State(), TcpSocket::kListening);
   EXPECT_EQ(t->settings.LocalTemp, t->app_folder + "capture\\");
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());  // "Socket" does not start the trigger-file poller
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());  // "Socket" does not start the trigger-file poller
 }
 
 TEST(StartupBanner, ServerWithColonIsShownWithoutThePortSuffix) {
@@ -662,7 +662,7 @@ TEST(StartupBanner, ServerWithColonIsShownWithoutThePortSuffix) {
   EXPECT_NE(text.find("\r\nTD Server: td.example:8443\r\nExtension: 1234\r\nNotification Method: FILEMESSAGE\r\n"
                       "Use File Trace: True\r\n"),
             std::string::npos);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 }  // namespace

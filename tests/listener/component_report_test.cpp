@@ -66,7 +66,7 @@ class ComponentReport : public ListeningAgent {
  protected:
   std::string Build() {
     listener::BuildComponentReport(*t);
-    return t->ComponentReportText;
+    return t->component_report_text;
   }
   // Copies a fixture into the application folder under `name`, dated 2026-11-14 23:15:02.
   void Put(const std::string& fixture, const std::string& name) {

@@ -164,7 +164,7 @@ TEST(LoginConversation, IdOkSendsTheStatusForEveryKindButLogin) {
   for (const char* kind : {"Status", "Logoff", ""}) {
     ConversationFixture f;
     f.t->login.LoginRequestKind = kind;
-    f.t->TempAccessStatus = 2;
+    f.t->temp_access_status = 2;
     EXPECT_THAT(f.Reply("ID OK"), ElementsAre("Trace in TDACLI: Login Server Received UserName OK, Sending STATUS (2)"));
     EXPECT_THAT(f.recorder.sent, ElementsAre("STATUS2"));
   }
@@ -740,7 +740,7 @@ TEST(LoginConversation, DataOnASocketThatIsNotConnectedIsNotRead) {
 TEST(LoginConversation, SendingOnAClosedSocketIsTrapped) {
   LoginFixture f;
   f.StartServer();
-  auto& socket = f.t->Broadcast;
+  auto& socket = f.t->login_socket;
   f.t->login.LoginRequestKind = "Login";
   socket.SetRemoteHost(f.server->address());
   ASSERT_FALSE(socket.Connect());

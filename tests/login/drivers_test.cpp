@@ -37,8 +37,8 @@ TEST(LoginDrivers, WebServiceAddressRunsOnlyTheWebServicePathAfterDeletingTheSta
   EXPECT_EQ(f.t.http.urls[0].rfind("https://td.example.com:8443/TDLoginWebService/", 0), 0u) << f.t.http.urls[0];
   EXPECT_EQ(l.LoginRequestKind, "Status");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_EQ(f.Now(), start);
 }
 
@@ -50,7 +50,7 @@ TEST(LoginDrivers, WebServiceAddressWithoutStaleLiveIdGoesStraightToTheWebServic
   const auto lines = f.Since(mark);
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], "Trace in TDACLI: Testing Internet Connection ...");
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
 }
 
 TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusUsesOnlyTheWebService) {
@@ -73,7 +73,7 @@ TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusUsesOnlyTheWebService) {
             "http://td.example.com:8080/TDLoginWebService/TDLoginWebService.asmx/StatusMethod?WinName=jsmith&Status=0");
   EXPECT_EQ(l.LoginRequestKind, "Login");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
 }
 
 // ---- a server that accepts and never answers
@@ -98,7 +98,7 @@ TEST(LoginDrivers, SilentServerLoginTimesOutExecutingProtocolAfterThirtySeconds)
                           "Error in TDACLI: Login Attempt - Timeout executing protocol"));
   EXPECT_FALSE(f.t->login.LoginSucceeded);
   EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_TRUE(f.server->Requests().empty());
   EXPECT_TRUE(f.server->Replies().empty());
 }
@@ -129,7 +129,7 @@ TEST(LoginDrivers, SilentServerLogoffAndStatusTimeOutWithTheirOwnTexts) {
                                          "Error in TDACLI: Login Attempt - Timeout executing protocol"));
   EXPECT_FALSE(f.t->login.StatusSucceeded);
   EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 // ---- nothing listening
@@ -155,7 +155,7 @@ TEST(LoginDrivers, RefusedConnectionLogsTheErrorEventThenTheConnectTimeout) {
   EXPECT_FALSE(f.t->login.LoginSucceeded);
   EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
   // The error handler closed the socket.
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // Errors reach the event log and the error log too.
   EXPECT_EQ(testing::Lines(f.t.ErrorLog()).size(), 2u);
 }
@@ -212,7 +212,7 @@ TEST(LoginDrivers, UnknownUserEndsAtOnceAndTheDriverTextReplacesTheConversationT
   EXPECT_EQ(f.t->settings.SvrTemp, "NoMatchingWinName");
   EXPECT_FALSE(testing::Exists(f.App("TDACFTP.INI")));
   EXPECT_FALSE(testing::Exists(f.App("TDRegInfo.TXT")));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginDrivers, UnknownUserLogoffCouldNotBeExecuted) {
@@ -275,7 +275,7 @@ TEST(LoginDrivers, UnexpectedReplyToAStatusReportStillCountsAsReported) {
   o.fault = loginsim::Fault::kUnexpected;
   f.StartServer(testing::Users({testing::Jsmith()}), o);
   f.t->login.StatusSucceeded = false;
-  f.t->TempAccessStatus = 2;
+  f.t->temp_access_status = 2;
   LoginStatus(*f.t);
   EXPECT_TRUE(f.t->login.StatusSucceeded);
   EXPECT_EQ(f.Since(0).back(),
@@ -301,7 +301,7 @@ TEST(LoginDrivers, ServerHangingUpMidwayLeadsToTheProtocolTimeout) {
                               ":5003)",
                           "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)",
                           "Error in TDACLI: Login Attempt - Timeout executing protocol"));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeout) {
@@ -331,7 +331,7 @@ TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeou
   EXPECT_FALSE(f.t->login.LoginSucceeded);
   EXPECT_FALSE(f.t->login.ProtocolDone);
   EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_EQ(f.server->TranscriptLines().back(), "[1] -- reset by the server in the middle of the exchange");
   // The error log holds the two Error lines as the trace does.
   EXPECT_THAT(testing::Lines(f.t.ErrorLog()),
@@ -445,17 +445,17 @@ TEST(LoginDrivers, ErrorEventLogsAndClosesTheSocketOnly) {
   l.ProtocolDone = false;
   l.LoginSucceeded = true;
   l.LastLoginResult = "earlier";
-  f.t->Broadcast.SetRemoteHost(f.server->address());
-  ASSERT_FALSE(f.t->Broadcast.Connect());
-  f.t->WaitUntil(5, [&] { return f.t->Broadcast.State() == platform::TcpSocket::kConnected; });
+  f.t->login_socket.SetRemoteHost(f.server->address());
+  ASSERT_FALSE(f.t->login_socket.Connect());
+  f.t->WaitUntil(5, [&] { return f.t->login_socket.State() == platform::TcpSocket::kConnected; });
   const size_t mark = f.Mark();
 
-  ASSERT_TRUE(f.t->Broadcast.on_error);
-  f.t->Broadcast.on_error(10053, "Software caused connection abort");
+  ASSERT_TRUE(f.t->login_socket.on_error);
+  f.t->login_socket.on_error(10053, "Software caused connection abort");
 
   EXPECT_THAT(f.Since(mark), ElementsAre("Error in TDACLI: The Broadcast WinSock Control Received The Error, 10053: "
                                          "Software caused connection abort"));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_FALSE(l.ProtocolDone);
   EXPECT_TRUE(l.LoginSucceeded);
   EXPECT_EQ(l.LastLoginResult, "earlier");
@@ -493,7 +493,7 @@ TEST(LoginDrivers, NestedLoginDuringTheProtocolWaitLeavesTheOuterWithTheInnerOut
   EXPECT_EQ(lines[lines.size() - 1], success);
   EXPECT_TRUE(f.t->login.LoginSucceeded);
   EXPECT_EQ(f.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith).");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // The first connection was dropped by the inner call's close-before-connect; the second ran through.
   EXPECT_EQ(f.server->Connections(), 2);
   std::vector<std::string> second;
@@ -574,7 +574,7 @@ TEST(LoginDrivers, ProcessEndingDuringTheWaitStopsTheDriverSilently) {
 TEST(LoginDrivers, FormLoadWiresTheLoginClient) {
   testing::TestAgent t;
   const std::string dead = LoginFixture().DeadAddress();
-  EXPECT_FALSE(t->Broadcast.on_error);
+  EXPECT_FALSE(t->login_socket.on_error);
   Form_Load(*t);
   ASSERT_FALSE(t->Ended());
   t->settings.Server = dead;
@@ -584,7 +584,7 @@ TEST(LoginDrivers, FormLoadWiresTheLoginClient) {
   EXPECT_EQ(lines[lines.size() - 2],
             "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10061: Connection is forcefully "
             "rejected");
-  EXPECT_TRUE(t->Broadcast.on_data_arrival);
+  EXPECT_TRUE(t->login_socket.on_data_arrival);
 }
 
 }  // namespace

@@ -102,7 +102,7 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
   EXPECT_EQ(f.t->settings.LocalTemp, "C:\\WINDOWS\\temp");
   EXPECT_EQ(f.t->ftp.FtpServer, "ftp.example.com");
   EXPECT_TRUE(f.t->ftp.FtpCredentialsSaved);
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 
   EXPECT_FALSE(testing::Exists(f.App("TDLiveID.INI")));
   EXPECT_FALSE(testing::Exists(f.App("100ScreenParam.TXT")));
@@ -144,7 +144,7 @@ TEST(LoginExchange, FullLogoff) {
   EXPECT_TRUE(f.t->login.ProtocolDone);
   EXPECT_EQ(f.t->login.LoginRequestKind, "Logoff");
   EXPECT_EQ(f.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged off User (jsmith).");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // A logoff writes no files.
   EXPECT_FALSE(testing::Exists(f.App("TDRegInfo.TXT")));
   EXPECT_FALSE(testing::Exists(f.App("TDACFTP.INI")));
@@ -154,7 +154,7 @@ TEST(LoginExchange, StatusReportWithFullAccessLogsNoOutcome) {
   LoginFixture f;
   f.StartServer();
   const std::string server = f.server->address();
-  f.t->TempAccessStatus = 0;
+  f.t->temp_access_status = 0;
   f.t->login.StatusSucceeded = false;
   f.t->login.LastLoginResult = "earlier";
   const size_t mark = f.Mark();
@@ -172,13 +172,13 @@ TEST(LoginExchange, StatusReportWithFullAccessLogsNoOutcome) {
   EXPECT_TRUE(f.t->login.StatusSucceeded);
   EXPECT_EQ(f.t->login.LoginRequestKind, "Status");
   EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginExchange, StatusReportWithoutPermissionsWarns) {
   LoginFixture f;
   f.StartServer();
-  f.t->TempAccessStatus = 3;
+  f.t->temp_access_status = 3;
   f.t->login.LastLoginResult = "earlier";
   const size_t mark = f.Mark();
 
@@ -202,7 +202,7 @@ TEST(LoginExchange, LoginThenStatusThenLogoffOnOneAgent) {
   LoginFixture f;
   f.StartServer();
   LoginUser(*f.t);
-  f.t->TempAccessStatus = 1;
+  f.t->temp_access_status = 1;
   LoginStatus(*f.t);
   LogOffUser(*f.t);
   f.Drain();

@@ -251,7 +251,7 @@ TEST(LoginServerSimulator, ServesFromItsOwnThread) {
   f.t->settings.Server = thread.server().address();
   LoginUser(*f.t);
   LogOffUser(*f.t);
-  f.t->TempAccessStatus = 1;
+  f.t->temp_access_status = 1;
   LoginStatus(*f.t);
   // The agent is done once it has its answer; the server thread records the agent's last words at its
   // own pace: wait for them before stopping it.

@@ -119,7 +119,7 @@ TEST(WebServiceOverHttp, LoginStatusPhoneHomeAndLogoff) {
               ElementsAre("[Tyndrel - Agent Client - Valid IP Mask]", "", "[Config]", "IPMask=127.0.0."));
   EXPECT_THAT(Lines(a.t->AppPath("TDACFTP.INI")), Contains("FTPServer=ftp.example.com"));
 
-  a.t->TempAccessStatus = 2;
+  a.t->temp_access_status = 2;
   LoginStatus(*a.t);
   EXPECT_TRUE(a.t->login.StatusSucceeded);
   WebService_PhoneHomeForScreenGrabberTasks(*a.t);

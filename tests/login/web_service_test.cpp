@@ -537,7 +537,7 @@ TEST(WebServiceLogoff, SuccessErrorAndNoResponse) {
 TEST(WebServiceStatus, ReportsTheAccessResult) {
   {
     WebFixture f;
-    f.t->TempAccessStatus = 3;
+    f.t->temp_access_status = 3;
     f.t.http.Always(Xml("SUCCESS|"));
     WebService_LoginStatus(*f.t);
     ASSERT_THAT(f.t.http.urls, ElementsAre(std::string(kUrlBase) + "StatusMethod?WinName=jsmith&Status=3"));

@@ -50,7 +50,7 @@ TEST_F(ControlChain, Code128RunsTheWholeLoginChain) {
   Service_Control(*t, 128);
   EXPECT_TRUE(t->login.LoginSucceeded);
   EXPECT_TRUE(t->login.StatusSucceeded);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_EQ(t->temp_access_status, 0);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
   // The server heard the status report after the login.
   auto requests = server->Requests();
@@ -76,7 +76,7 @@ TEST_F(ControlChain, MediaTransferWithoutServerTempAccessIsReportedToTheServer) 
   WriteSettings("jsmith");
   MediaTransferAnswers(132);
   Service_Control(*t, 128);
-  EXPECT_EQ(t->TempAccessStatus, 2);
+  EXPECT_EQ(t->temp_access_status, 2);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS2"), requests.end());
   EXPECT_NE(t->login.LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\fs01\\tdtemp\\"),
@@ -101,7 +101,7 @@ TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThr
   const size_t mark = Mark();
   Service_Control(*t, 128);
   EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_EQ(t->TempAccessStatus, 3);
+  EXPECT_EQ(t->temp_access_status, 3);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS3"), requests.end());
   const std::string local = capture + kSepStr;
@@ -120,7 +120,7 @@ TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThr
   files.SpaceBack();
   MediaTransferAnswers(131);
   Service_Control(*t, 128);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_EQ(t->temp_access_status, 0);
   requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS0"), requests.end());
 }
@@ -132,7 +132,7 @@ TEST_F(ControlChain, MediaTransferThatNeverAnswersCostsThirtyOneSecondsOfClock) 
   const int64_t start = Now();
   Service_Control(*t, 128);
   EXPECT_GE(Now() - start, 31'000);
-  EXPECT_EQ(t->TempAccessStatus, 2);
+  EXPECT_EQ(t->temp_access_status, 2);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
 }
 

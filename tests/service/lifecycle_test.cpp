@@ -51,8 +51,8 @@ TEST(Lifecycle, ServiceRunLogsTheExactBanner) {
   EXPECT_EQ(trace.substr(trace.size() - banner.size()), banner);
   EXPECT_EQ(t.event_log.entries.back().first, 4);
   EXPECT_EQ(t.service_host.running_reports, 1);
-  EXPECT_TRUE(t->tmrMessage.Enabled());
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());  // "Manual" is not the file-message method
+  EXPECT_TRUE(t->request_file_timer.Enabled());
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());  // "Manual" is not the file-message method
 }
 
 TEST(Lifecycle, ServiceRunTraceOpensWithStartupFormLoadAndLocalIp) {
@@ -72,8 +72,8 @@ TEST(Lifecycle, ServiceRunTraceOpensWithStartupFormLoadAndLocalIp) {
   int startup = 0;
   for (const auto& m : msgs) startup += m.find("*  STARTUP  *") != std::string::npos;
   EXPECT_EQ(startup, 1);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());  // default "FileMessage"
-  EXPECT_EQ(t->tmrPollForLogin.Interval(), 3000);
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());  // default "FileMessage"
+  EXPECT_EQ(t->trigger_file_timer.Interval(), 3000);
 }
 
 TEST(Lifecycle, StartupWorkRunsOnceAfterOneSecond) {
@@ -88,7 +88,7 @@ TEST(Lifecycle, StartupWorkRunsOnceAfterOneSecond) {
   std::string trace = ReadFile(t.ProgramTrace());
   EXPECT_NE(trace.find("Service Started"), std::string::npos);
   EXPECT_EQ(trace.find("Service Started"), trace.rfind("Service Started"));
-  EXPECT_FALSE(t->LoadTimer.Enabled());
+  EXPECT_FALSE(t->startup_timer.Enabled());
 }
 
 TEST(Lifecycle, UserSessionRunDefersTheSocketAndSaysSo) {
@@ -222,9 +222,9 @@ TEST(Lifecycle, ServiceStartBesideTheUserSessionMarkerEndsAtOnceAsFailedAndSaysW
   EXPECT_EQ(t.service_host.install_calls, 0);
   EXPECT_TRUE(t.dialogs.shown.empty());
   // Nothing of a run started: no start-up timer, no listener, no login timers.
-  EXPECT_FALSE(t->LoadTimer.Enabled());
-  EXPECT_FALSE(t->tmrMessage.Enabled());
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());
+  EXPECT_FALSE(t->startup_timer.Enabled());
+  EXPECT_FALSE(t->request_file_timer.Enabled());
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());
   EXPECT_EQ(t->listener().Listener().State(), 0);
   const std::string line = "Error in TDACLI: THINTERMINAL - Started by the Service Manager, but [" +
                            t.dir.File("thinterminal.dat") +

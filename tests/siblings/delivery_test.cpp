@@ -151,9 +151,9 @@ TEST_F(Delivery, LoginNoticeToTheMediaTransferFollowsTheRunMode) {
 
 TEST_F(Delivery, TempCheckWithServerTempNotApplicableDoesNothing) {
   t->settings.SvrTemp = "N/A";
-  t->TempAccessStatus = 3;
+  t->temp_access_status = 3;
   EXPECT_EQ(CheckTempFolderAccess(*t), 0);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_EQ(t->temp_access_status, 0);
   EXPECT_TRUE(t.service_control.sent.empty());
   EXPECT_FALSE(Exists(t.ProgramTrace()));
 }
@@ -180,7 +180,7 @@ TEST_F(Delivery, TempCheckWithNeitherFolderWritable) {
   t->refuse_delete = [](const std::string&) { return true; };
   t->login.LastLoginResult = "X";
   EXPECT_EQ(CheckTempFolderAccess(*t), 3);
-  EXPECT_EQ(t->TempAccessStatus, 3);
+  EXPECT_EQ(t->temp_access_status, 3);
   EXPECT_EQ(t->login.LastLoginResult,
             "X{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + t->settings.LocalTemp +
                 "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\srv\\temp");

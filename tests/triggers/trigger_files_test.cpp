@@ -31,8 +31,8 @@ size_t At(const std::vector<std::string>& msgs, const std::string& m) {
 
 struct TriggerFilePoller : ::testing::Test, testing::LoginFixture {
   TriggerFilePoller() {
-    t->tmrPollForLogin.on_tick = [this] { tmrPollForLogin_Timer(*t); };
-    t->tmrMessage.on_tick = [this] { tmrMessage_Timer(*t); };
+    t->trigger_file_timer.on_tick = [this] { tmrPollForLogin_Timer(*t); };
+    t->request_file_timer.on_tick = [this] { tmrMessage_Timer(*t); };
     // TDACMT answers the server-temp check at once, through the control handler; every code sent is
     // noted with the clock.
     t.service_control.on_send = [this](const std::string& service, int code) {
@@ -58,8 +58,8 @@ struct TriggerFilePoller : ::testing::Test, testing::LoginFixture {
   }
   // Starts the poller as the start-up work does and runs the loop until `done` or `seconds` of clock.
   bool RunPoller(double seconds, const std::function<bool()>& done) {
-    t->tmrPollForLogin.SetInterval(3000);
-    t->tmrPollForLogin.SetEnabled(true);
+    t->trigger_file_timer.SetInterval(3000);
+    t->trigger_file_timer.SetEnabled(true);
     return t->WaitUntil(seconds, done);
   }
   std::vector<std::string> Sent() const {
@@ -100,7 +100,7 @@ TEST_F(TriggerFilePoller, LoginFileLogsTheUserInRunsThePostLoginStepsAndGoes) {
   EXPECT_EQ(ReadFile(App("UseWebCam.TXT")), "WEBCAM=True\r\n");
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
   // The timer is on again at the end of the pass.
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 TEST_F(TriggerFilePoller, TheFileTriggeredLoginRunsTheTempCheckAndStatusReport) {
@@ -208,7 +208,7 @@ TEST_F(TriggerFilePoller, AFailingLoginEarnsSixteenAttemptsWithFifteenWaitsThenT
   // The giving-up tick is the last: nothing more happens for the missing file.
   t->WaitSeconds(30);
   EXPECT_EQ(sends.size(), 16u);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 TEST_F(TriggerFilePoller, ALoginFileThatSurvivesGivingUpStartsAFreshRoundOfAttempts) {
@@ -228,7 +228,7 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
   WriteFile(LoginFile(), "");
   int depth = 0, max_depth = 0;
   std::vector<int64_t> starts, ends;
-  t->tmrPollForLogin.on_tick = [&] {
+  t->trigger_file_timer.on_tick = [&] {
     max_depth = std::max(max_depth, ++depth);
     starts.push_back(Now());
     tmrPollForLogin_Timer(*t);
@@ -240,7 +240,7 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
   std::vector<bool> enabled_in_pass;
   probe.SetInterval(1000);
   probe.on_tick = [&] {
-    if (depth > 0) enabled_in_pass.push_back(t->tmrPollForLogin.Enabled());
+    if (depth > 0) enabled_in_pass.push_back(t->trigger_file_timer.Enabled());
   };
   probe.SetEnabled(true);
   ASSERT_TRUE(RunPoller(120, [&] { return ends.size() >= 3u; }));
@@ -254,9 +254,9 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
 TEST_F(TriggerFilePoller, RequestFilesAreHandledDuringTheRetryWait) {
   Start("nobody");
   WriteFile(LoginFile(), "");
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   bool in_pass = false, written = false, handled_in_wait = false;
-  t->tmrPollForLogin.on_tick = [&] {
+  t->trigger_file_timer.on_tick = [&] {
     in_pass = true;
     tmrPollForLogin_Timer(*t);
     in_pass = false;
