@@ -19,7 +19,7 @@
 #include "login_server.h"
 #ifdef TDACLI_SIM_WEB
 #include "platform/internet.h"
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 #include "web_server.h"
 #endif
 #include "platform/clock.h"

@@ -21,7 +21,7 @@
 #include "fuzz_agent.h"
 #include "listener/listener.h"
 #include "login/conversation.h"
-#include "platform/quiet_facilities.h"
+#include "seams/quiet_facilities.h"
 #include "service/wiring.h"
 
 namespace {

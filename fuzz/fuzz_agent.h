@@ -12,7 +12,7 @@
 
 #include "platform/clock.h"
 #include "service/wiring.h"
-#include "service/quiet_agent.h"
+#include "seams/quiet_agent.h"
 
 namespace tdacli::fuzzing {
 

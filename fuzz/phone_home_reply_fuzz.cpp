@@ -12,7 +12,7 @@
 #include "common/text.h"
 #include "fuzz_agent.h"
 #include "login/web_service.h"
-#include "platform/quiet_facilities.h"
+#include "seams/quiet_facilities.h"
 #include "service/wiring.h"
 
 namespace {

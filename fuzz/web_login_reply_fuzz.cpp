@@ -13,7 +13,7 @@
 #include "fuzz_agent.h"
 #include "common/text.h"
 #include "login/web_service.h"
-#include "platform/quiet_facilities.h"
+#include "seams/quiet_facilities.h"
 #include "service/wiring.h"
 
 namespace {

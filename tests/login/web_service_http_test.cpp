@@ -14,7 +14,7 @@
 #include "login/web_service.h"
 #include "platform/internet.h"
 #include "platform/tcp_socket.h"
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 #include "support/test_agent.h"
 #include "web_server.h"
 

@@ -1,7 +1,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 #include "platform/win32/winhttp_client.h"
 
 namespace tdacli::platform::testing {

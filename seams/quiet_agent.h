@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/quiet_facilities.h"
+#include "seams/quiet_facilities.h"
 #include "service/wiring.h"
 
 namespace tdacli {
