@@ -12,6 +12,7 @@
 #include "login/drivers.h"
 #include "login_server.h"
 #include "service/control.h"
+#include "service/login_socket.h"
 
 int main(int argc, char** argv) {
   using namespace tdacli;
@@ -24,7 +25,7 @@ int main(int argc, char** argv) {
   bench::BenchFolder folder("tdacli-control-bench");
   bench::BenchAgent b(folder.path());
   Agent& agent = *b.agent;
-  WireLoginClient(agent);
+  WireLoginSocket(agent);
 
   loginsim::UserRecord u;
   u.name = "jsmith";

@@ -191,11 +191,11 @@ int main(int argc, char** argv) {
     auto a = std::make_unique<bench::BenchAgent>(dir);
     a->agent->startup_banner_written = true;
     LoadConfiguration(*a->agent);
-    if (a->agent->listener().Listen(0)) {
+    if (listener::ListenerOf(*a->agent).Listen(0)) {
       std::fprintf(stderr, "agent %d cannot listen\n", i);
       return 1;
     }
-    hosts += "127.0.0.1:" + std::to_string(a->agent->listener().Listener().LocalPort()) + "\n";
+    hosts += "127.0.0.1:" + std::to_string(listener::ListenerOf(*a->agent).Listener().LocalPort()) + "\n";
     agents.push_back(std::move(a));
   }
   std::ofstream(folder.path() + "/agents.txt") << hosts;

@@ -26,6 +26,7 @@
 #include "platform/file_system.h"
 #include "bench_agent.h"
 #include "service/wiring.h"
+#include "service/login_socket.h"
 
 namespace {
 
@@ -204,7 +205,7 @@ int main(int argc, char** argv) {
   {
     fs::create_directories(folder / "thread");
     BenchAgent b((folder / "thread").string());
-    WireLoginClient(*b.agent);
+    WireLoginSocket(*b.agent);
     loginsim::LoginServerThread server(Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());
@@ -218,7 +219,7 @@ int main(int argc, char** argv) {
   {
     fs::create_directories(folder / "loop");
     BenchAgent b((folder / "loop").string());
-    WireLoginClient(*b.agent);
+    WireLoginSocket(*b.agent);
     loginsim::LoginServer server(b.agent->loop(), Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());

@@ -31,7 +31,7 @@ namespace fs = std::filesystem;
 
 struct Harness : fuzzing::FuzzAgent {
   Harness() : FuzzAgent("conversation", 0) {  // no peer to wait for: time jumps at once
-    agent->listener().Listener().SetLocalHost("127.0.0.1");
+    listener::ListenerOf(*agent).Listener().SetLocalHost("127.0.0.1");
     agent->startup_banner_written = true;
   }
 
@@ -53,7 +53,7 @@ struct Harness : fuzzing::FuzzAgent {
 
   // Leaves the folder empty, and the listener closed, for the next input.
   void Clean() {
-    agent->listener().CloseListener();
+    listener::ListenerOf(*agent).CloseListener();
     ResetFolder();
   }
 };

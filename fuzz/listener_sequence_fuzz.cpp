@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World world;
   static int64_t baseline = -1;
   Agent& agent = *world.agent;
-  auto& listener = agent.listener();
+  auto& listener = listener::ListenerOf(agent);
   if (listener.Listener().State() != TcpSocket::kListening) {
     if (listener.Listen(0)) std::abort();
   }

@@ -53,7 +53,7 @@ const char* const kWords[] = {"[BEGIN_PROTOCOL]", "[END_PROTOCOL]", "|SENDFRAMES
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World world;
   Agent& agent = *world.agent;
-  std::string& pending = agent.listener().PendingProtocolData;
+  std::string& pending = listener::ListenerOf(agent).PendingProtocolData;
   FuzzedDataProvider in(data, size);
   Replies replies;
   bool wrote = false;

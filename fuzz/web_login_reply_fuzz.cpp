@@ -10,8 +10,8 @@
 #include <string>
 
 #include "common/files.h"
-#include "fuzz_agent.h"
 #include "common/text.h"
+#include "fuzz_agent.h"
 #include "login/web_service.h"
 #include "seams/quiet_facilities.h"
 #include "service/wiring.h"

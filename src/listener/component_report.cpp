@@ -1,5 +1,7 @@
 // "|GETVER|": the report of the suite's components installed beside the agent (version, date, time
 // and size of each file, state and account of the services), then the main and the FTP settings.
+#include "listener/component_report.h"
+
 #include <exception>
 #include <filesystem>
 #include <system_error>
@@ -10,7 +12,6 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/command_replies.h"
-#include "listener/component_report.h"
 #include "platform/file_times.h"
 #include "platform/version_info.h"
 #include "state/agent.h"

@@ -1,8 +1,9 @@
+#include "listener/dispatch.h"
+
 #include "common/text.h"
 #include "listener/command_replies.h"
 #include "listener/component_report.h"
 #include "listener/config_commands.h"
-#include "listener/dispatch.h"
 #include "listener/login_commands.h"
 #include "listener/send_frames_command.h"
 #include "state/agent.h"

@@ -1,5 +1,6 @@
-#include "common/text.h"
 #include "listener/host_names.h"
+
+#include "common/text.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

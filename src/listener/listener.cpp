@@ -1,12 +1,12 @@
 #include "listener/listener.h"
 
+#include <exception>
+#include <limits>
+
 #include "common/errors.h"
 #include "common/logging.h"
 #include "listener/dispatch.h"
 #include "state/agent.h"
-
-#include <exception>
-#include <limits>
 
 
 namespace tdacli::listener {
@@ -42,6 +42,8 @@ CommandListener::CommandListener(Agent& agent)
 }
 
 CommandListener::~CommandListener() = default;
+
+CommandListener& ListenerOf(Agent& agent) { return static_cast<CommandListener&>(*agent.console_listener()); }
 
 void CommandListener::OnAcceptError(int number, const std::string& description) {
   // The request could not even be taken (for example at the descriptor limit): the same line as a

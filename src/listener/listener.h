@@ -10,14 +10,11 @@
 #include "listener/allowed_consoles.h"
 #include "listener/command_replies.h"
 #include "platform/tcp_socket.h"
-
-namespace tdacli {
-class Agent;
-}
+#include "state/agent.h"
 
 namespace tdacli::listener {
 
-class CommandListener : public CommandReplies {
+class CommandListener : public CommandReplies, public OwnedControl {
  public:
   explicit CommandListener(Agent& agent);
   ~CommandListener() override;
@@ -103,5 +100,8 @@ class CommandListener : public CommandReplies {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   AllowedConsoles allowed_consoles_;
 };
+
+// The agent's console listener, as the top built it (NewAgent).
+CommandListener& ListenerOf(Agent& agent);
 
 }  // namespace tdacli::listener

@@ -15,6 +15,11 @@ int16_t GetListeningPort(Agent& agent);
 // When it cannot, the error is logged, the port it listened on before is opened again and false
 // returned.
 bool ListenOnSavedPort(Agent& agent);
+// After a new `ListeningPorts` was saved: the listener moves (ListenOnSavedPort) and, when it has, the
+// siblings that talk to it hear of the new port. False when the listener could not move.
+bool FollowSavedListeningPorts(Agent& agent);
+// The console's SETLISTEN: saves the setting, then the listener follows it. False when either failed.
+bool SaveListeningPortsAndFollow(Agent& agent);
 // In user-session mode the Agent Explorer listener is opened only once a user has logged in (tries
 // again up to five times), and the siblings are told the port.
 void ReopenListenerAfterLogin(Agent& agent);

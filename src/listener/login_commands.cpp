@@ -1,5 +1,7 @@
 // "|LOGIN|" and "|GETTRACEFILE|": a login on the console's request, and the local trace file sent by
 // TDACMT. Both wait with events flowing, so other connections are served meanwhile.
+#include "listener/login_commands.h"
+
 #include <exception>
 
 #include "common/files.h"
@@ -7,7 +9,6 @@
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/command_replies.h"
-#include "listener/login_commands.h"
 #include "siblings/delivery.h"
 #include "siblings/request_file.h"
 #include "state/agent.h"

@@ -1,5 +1,6 @@
-#include "common/text.h"
 #include "listener/protocol_body.h"
+
+#include "common/text.h"
 
 namespace tdacli::listener {
 

@@ -1,5 +1,7 @@
 // Send-frames jobs from the TD Server: one reception, or a transmission chopped over several that is
 // collected in `PendingProtocolData` until both protocol tags have arrived.
+#include "listener/send_frames_command.h"
+
 #include <string>
 
 #include "common/logging.h"
@@ -7,7 +9,6 @@
 #include "listener/command_replies.h"
 #include "listener/listener.h"
 #include "listener/protocol_body.h"
-#include "listener/send_frames_command.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 
@@ -35,7 +36,7 @@ void Discard(Agent& agent, std::string& pending, const std::string& ip, size_t s
 }  // namespace
 
 void HandleSendFramesData(Agent& agent, const std::string& data, CommandReplies& replies) {
-  std::string& pending = agent.listener().PendingProtocolData;
+  std::string& pending = ListenerOf(agent).PendingProtocolData;
   std::string text = data;
   if (Contains(text, "|SENDFRAMES|") && !Contains(text, kBegin)) {
     text = std::string(kBegin) + text + std::string(kEnd);

@@ -5,7 +5,6 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "login/conversation.h"
 #include "login/web_service.h"
 #include "state/agent.h"
 
@@ -209,13 +208,6 @@ void Broadcast_Error(Agent& agent, int number, const std::string& description) {
   LogMessage(agent, "The Broadcast WinSock Control Received The Error, " + std::to_string(number) + ": " + description,
              "Error");
   agent.login_socket.Close();
-}
-
-void WireLoginClient(Agent& agent) {
-  agent.login_socket.on_error = [&agent](int number, const std::string& description) {
-    Broadcast_Error(agent, number, description);
-  };
-  agent.login_socket.on_data_arrival = [&agent](size_t bytes) { Broadcast_DataArrival(agent, bytes); };
 }
 
 }  // namespace tdacli

@@ -11,7 +11,7 @@
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "login/conversation.h"
+#include "login/login_results.h"
 #include "state/agent.h"
 
 namespace tdacli {
@@ -129,7 +129,7 @@ struct ReplyKey {
 const std::array<ReplyKey, 11>& ReplyKeys() {
   static const std::array<ReplyKey, 11> keys = {{
       {"SERVERTEMP=", [](Agent& a, const std::string& v) { a.settings.SvrTemp = ReplaceAll(v, "_", "|"); }},
-      {"LOCALTEMP=", [](Agent& a, const std::string& v) { a.settings.LocalTemp = LocalTempFromReply(a, v); }},
+      {"LOCALTEMP=", [](Agent& a, const std::string& v) { a.settings.LocalTemp = ExpandLocalTemp(a, v); }},
       // Taken by the service's reply and kept for nothing: accepted, no effect.
       {"RECORDINGMETHOD=", [](Agent&, const std::string&) {}},
       {"CAPTUREINFO=", [](Agent&, const std::string&) {}},
@@ -297,32 +297,41 @@ void WebService_LoginStatus(Agent& agent) {
   });
 }
 
-void HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::string& response) {
+PhoneHomeOutcome HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::string& response) {
   constexpr std::string_view routine = "WebService_PhoneHomeForScreenGrabberTasks";
+  PhoneHomeOutcome got;
   if (response.empty() || Contains(response, "HTTP 404")) {
     LogMessage(agent, std::string(routine) + std::string(kNoResponse), "Trace");
-    return;
+    return got;
   }
   if (Contains(response, "ERROR|")) {
     LogMessage(agent, std::string(routine) + " - Performing an OpenURL() on: " + url, "Trace");
     LogMessage(agent, "The Tyndrel Agent Client could not get screen grabber tasks", "Error");
-    return;
+    return got;
   }
-  if (Contains(response, "SUCCESS|NONE")) return;
+  if (Contains(response, "SUCCESS|NONE")) return got;
+  got.task_received = true;
   constexpr std::string_view keyword = "|SENDFRAMES|";
   const size_t at = response.find(keyword);
   if (at != std::string::npos) {
     std::string task = response.substr(at + keyword.size());
     task = ReplaceAll(ReplaceAll(task, "{CRLF}", ""), "</string>", "");
     // The task becomes one line of a file the frame sender reads.
-    if (agent.hooks.SendFramesForGrabberTask) agent.hooks.SendFramesForGrabberTask(agent, WithoutLineBreaks(task));
+    got.send_frames = WithoutLineBreaks(task);
   }
+  return got;
+}
+
+void AcknowledgeGrabberTask(Agent& agent) {
   LogMessage(agent, "The Tyndrel Agent Client Received a Screen Grabber Task", "Trace");
   agent.DoEvents();
 }
 
-void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
+void ScheduleNextPhoneHome(Agent& agent) { agent.login.NextPhoneHomeMs = agent.clock().NowMs() + 30'000; }
+
+PhoneHomeOutcome WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
   constexpr std::string_view routine = "WebService_PhoneHomeForScreenGrabberTasks";
+  PhoneHomeOutcome got;
   Trapped(agent, routine, [&] {
     const WebServer server = ParseWebServer(agent.settings.Server);
     const std::string url =
@@ -332,8 +341,9 @@ void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
     // A 404 status counts as not found whatever body came with it.
     const std::string response = f.not_found ? std::string() : f.body;
     LogMessage(agent, std::string(routine) + " - Received: " + ForTrace(f.body), "Trace");
-    HandlePhoneHomeReply(agent, url, response);
+    got = HandlePhoneHomeReply(agent, url, response);
   });
+  return got;
 }
 
 }  // namespace tdacli

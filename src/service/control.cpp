@@ -1,13 +1,13 @@
 #include "service/control.h"
 
+#include <string>
+
 #include "common/errors.h"
 #include "common/logging.h"
 #include "config/configuration.h"
 #include "state/agent.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
-
-#include <string>
 
 
 namespace tdacli {

@@ -11,6 +11,7 @@
 #include "listener/listening_port.h"
 #include "login/drivers.h"
 #include "service/control.h"
+#include "service/login_socket.h"
 #include "service/request_files.h"
 #include "state/agent.h"
 #include "triggers/trigger_files.h"
@@ -74,7 +75,7 @@ void HideMainWindow(Agent&) {
 }
 
 void Form_Load(Agent& agent) {
-  WireLoginClient(agent);
+  WireLoginSocket(agent);
   if (!agent.startup_timer.on_tick) agent.startup_timer.on_tick = [&agent] { LoadTimer_Timer(agent); };
   if (!agent.request_file_timer.on_tick) agent.request_file_timer.on_tick = [&agent] { tmrMessage_Timer(agent); };
   if (!agent.trigger_file_timer.on_tick) agent.trigger_file_timer.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
@@ -177,7 +178,7 @@ std::string BuildStartupBanner(Agent& agent) {
   b += "Extension: " + s.Ext + "\r\n";
   b += "Notification Method: " + s.NotificationMethod + "\r\n";
   b += "Use File Trace: " + s.UseTrace + "\r\n";
-  b += "Listening Port: " + std::to_string(agent.listener().Listener().LocalPort()) + "\r\n";
+  b += "Listening Port: " + std::to_string(listener::ListenerOf(agent).Listener().LocalPort()) + "\r\n";
   b += agent.UserSessionMode() ? "Running As: UserSession (Terminal Server)\r\n" : "Running As: WinService\r\n";
   return b;
 }
@@ -194,11 +195,11 @@ void LoadTimer_Timer(Agent& agent) {
     DetectOSVersion(agent);
     DetermineLocalIP(agent);
     LoadConfiguration(agent);
-    agent.listener().allowed_consoles().Load(agent);
+    listener::ListenerOf(agent).allowed_consoles().Load(agent);
     agent.request_file_timer.SetInterval(1000);
     agent.request_file_timer.SetEnabled(true);
 
-    auto& listen = agent.listener();
+    auto& listen = listener::ListenerOf(agent);
     int retries = 0;
     for (;;) {
       const int16_t port = listener::GetListeningPort(agent);

@@ -1,14 +1,13 @@
 #pragma once
-// The agent as the program builds it: its state (state/agent.h) with the console listener built and
-// the hooks of the lower rooms registered. This folder is the only one that knows every room.
+// The agent as the program builds it: its state (state/agent.h) with the console listener, the one
+// control only the top can build, in place. This folder is the only one that knows every room.
 #include <memory>
 
 #include "state/agent.h"
 
 namespace tdacli {
 
-// Builds the console listener and registers the hooks through which lower rooms start the work of
-// higher ones. Once per agent, right after it is made.
+// Builds the console listener and hands it to the agent. Once per agent, right after it is made.
 void WireAgent(Agent& agent);
 
 // A new agent, wired.

@@ -1,8 +1,9 @@
+#include "siblings/delivery.h"
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "siblings/delivery.h"
 #include "siblings/request_file.h"
 #include "state/agent.h"
 

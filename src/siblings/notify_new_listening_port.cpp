@@ -1,6 +1,7 @@
+#include "siblings/notify_new_listening_port.h"
+
 #include "common/logging.h"
 #include "siblings/delivery.h"
-#include "siblings/notify_new_listening_port.h"
 #include "siblings/request_file.h"
 #include "state/agent.h"
 

@@ -1,7 +1,8 @@
+#include "siblings/temp_access.h"
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "siblings/delivery.h"
-#include "siblings/temp_access.h"
 #include "state/agent.h"
 
 namespace tdacli {

@@ -18,9 +18,12 @@
 
 namespace tdacli {
 
-namespace listener {
-class CommandListener;  // the control wsckListen; built by the top, which knows its type
-}
+// A control that the top builds and the form owns (the console listener): the agent keeps it alive
+// for as long as it lives, and only the room that built it knows what it is.
+class OwnedControl {
+ public:
+  virtual ~OwnedControl() = default;
+};
 
 class Agent final : public Workstation {
   // Declared first: the controls below are built on the loop.
@@ -70,15 +73,14 @@ class Agent final : public Workstation {
   std::string component_report_text;
   LoginPoller poller;
   RequestFiles requests;
-  AgentHooks hooks;
 
   // --- controls
   platform::TcpSocket login_socket;     // `Broadcast`: the client socket to the TD Login Server
   platform::Timer startup_timer;        // `LoadTimer`: the start-up work, once, a second after Start
   platform::Timer request_file_timer;   // `tmrMessage`: one "*.TDACLI" request file a second
   platform::Timer trigger_file_timer;   // `tmrPollForLogin`: trigger files and the phone-home schedule
-  listener::CommandListener& listener() { return *listener_; }
-  void SetListener(std::shared_ptr<listener::CommandListener> l) { listener_ = std::move(l); }
+  OwnedControl* console_listener() { return console_listener_.get(); }
+  void SetConsoleListener(std::unique_ptr<OwnedControl> listener) { console_listener_ = std::move(listener); }
 
   // --- waits: all let pending events run
   void DoEvents() { loop_.DoEvents(); }
@@ -100,7 +102,7 @@ class Agent final : public Workstation {
 
  private:
   // Last: the listener's sockets go before the loop they live on.
-  std::shared_ptr<listener::CommandListener> listener_;
+  std::unique_ptr<OwnedControl> console_listener_;
   bool ended_ = false;
 };
 

@@ -1,5 +1,8 @@
 #include "triggers/trigger_files.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "config/configuration.h"
@@ -9,11 +12,9 @@
 #include "platform/process_start.h"
 #include "siblings/delivery.h"
 #include "state/agent.h"
+#include "triggers/capture_files.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
-
-#include <filesystem>
-#include <system_error>
 
 
 namespace tdacli {
@@ -143,19 +144,25 @@ void tmrPollForLogin_Timer(Agent& agent) {
   if (FileExists(agent.AppPath("PerformLogoff.TXT"))) PerformFileLogoff(agent);
   if (agent.Ended()) return;
 
-  LoginState& login = agent.login;
+  const LoginState& login = agent.login;
   if (login.PhoneHome && agent.clock().NowMs() > login.NextPhoneHomeMs) {
     Ignoring([&] {
       if (agent.poller.phone_home)
         agent.poller.phone_home(agent);
       else
-        WebService_PhoneHomeForScreenGrabberTasks(agent);
+        PhoneHomeForScreenGrabberTasks(agent);
     });
     if (agent.Ended()) return;
-    login.NextPhoneHomeMs = agent.clock().NowMs() + 30'000;
+    ScheduleNextPhoneHome(agent);
   }
 
   agent.trigger_file_timer.SetEnabled(true);
+}
+
+void PhoneHomeForScreenGrabberTasks(Agent& agent) {
+  const PhoneHomeOutcome got = WebService_PhoneHomeForScreenGrabberTasks(agent);
+  if (got.send_frames) SendFramesForGrabberTask(agent, *got.send_frames);
+  if (got.task_received) AcknowledgeGrabberTask(agent);
 }
 
 void InstallCodec(Agent& agent) {

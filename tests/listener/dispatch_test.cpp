@@ -84,7 +84,7 @@ TEST_F(Dispatch, TextWithoutKeywordIsDroppedWithoutReplyOrLogLine) {
     EXPECT_TRUE(c.replies.empty()) << text;
   }
   EXPECT_TRUE(NewMessages().empty());
-  EXPECT_TRUE(t->listener().PendingProtocolData.empty());
+  EXPECT_TRUE(listener::ListenerOf(*t).PendingProtocolData.empty());
 }
 
 }  // namespace

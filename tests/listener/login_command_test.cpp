@@ -29,8 +29,8 @@ struct LoginCommand : ::testing::Test, testing::LoginFixture {
                        "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=4711\r\nServer=" + server->address() +
                            "\r\nCurrentUser=" + user + "\r\nListeningPorts=1,0,2,3\r\n");
     LoadConfiguration(*t);
-    ASSERT_FALSE(t->listener().Listen(0));
-    ASSERT_EQ(console.Connect(t->listener().Listener().LocalPort()), "|READY|");
+    ASSERT_FALSE(listener::ListenerOf(*t).Listen(0));
+    ASSERT_EQ(console.Connect(listener::ListenerOf(*t).Listener().LocalPort()), "|READY|");
   }
   static loginsim::UserRecord Jsmith() {
     loginsim::UserRecord u = testing::Jsmith();
@@ -102,7 +102,7 @@ TEST_F(LoginCommand, AnotherConsoleIsServedDuringTheLogin) {
   t.service_control.on_send = [&](const std::string& service, int code) {
     if (service != "TDACMT" || code != 130) return;
     t->loop().Post([&] {
-      EXPECT_EQ(second.Connect(t->listener().Listener().LocalPort()), "|READY|");
+      EXPECT_EQ(second.Connect(listener::ListenerOf(*t).Listener().LocalPort()), "|READY|");
       second.Send("|GETINFO|");
       info = second.Reply();
       Service_Control(*t, 131);

@@ -6,10 +6,11 @@
 
 #include "common/files.h"
 #include "config/result_files.h"
+#include "listener/listener.h"
 #include "login/conversation.h"
 #include "login/drivers.h"
-#include "listener/listener.h"
 #include "login/login_fixture.h"
+#include "service/login_socket.h"
 
 namespace tdacli {
 namespace {
@@ -25,10 +26,11 @@ struct Recorder {
 };
 
 struct ConversationFixture : LoginFixture {
-  // Handles one reply as the data-arrival event would; returns the trace lines it wrote.
+  // Handles one reply as the data-arrival event would, the top acting on what it learned; returns the
+  // trace lines it wrote.
   std::vector<std::string> Reply(const std::string& data) {
     const size_t mark = Mark();
-    HandleReply(*t, data, recorder.sink());
+    ActOnLoginOutcome(*t, HandleReply(*t, data, recorder.sink()));
     return Since(mark);
   }
   Recorder recorder;
@@ -515,7 +517,7 @@ TEST(LoginConversation, UserSessionLoginOpensTheListenerAndTellsTheSiblings) {
   f.t->settings.ListeningPorts = "1,0,2,3";  // port 0: any free port
   const auto lines = f.Reply("AGENTTRACEFalse");
 
-  auto& listen = f.t->listener().Listener();
+  auto& listen = listener::ListenerOf(*f.t).Listener();
   ASSERT_EQ(listen.State(), platform::TcpSocket::kListening);
   const std::string port = std::to_string(listen.LocalPort());
   ASSERT_GE(lines.size(), 3u);
@@ -554,7 +556,7 @@ TEST(LoginConversation, UserSessionListenerReopenRetriesFiveTimesThenTellsTheSib
   EXPECT_EQ(tail[5], "Trace in TDACLI: Service is Now Listening on Port (" + p + ")");
   EXPECT_EQ(tail[6], "Trace in TDACLI: Made request file (" + f.App("20261114231512.TDACSC") + "), Message=Code=135");
   EXPECT_EQ(tail[7], "Trace in TDACLI: Made request file (" + f.App("20261114231512.TDACLM") + "), Message=Code=135");
-  EXPECT_NE(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_NE(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
 }
 
 TEST(LoginConversation, UserSessionListenerReopenSucceedsOnceThePortIsFree) {
@@ -585,8 +587,8 @@ TEST(LoginConversation, UserSessionListenerReopenSucceedsOnceThePortIsFree) {
                               "), Message=Code=135",
                           "Trace in TDACLI: Made request file (" + f.App("20261114231506.TDACLM") +
                               "), Message=Code=135"));
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), port);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), port);
 }
 
 // ---- listening ports pushed by the server
@@ -654,7 +656,7 @@ TEST(LoginConversation, NewListeningPortsPushedDuringALoginRewriteTheFileAndMove
   }
   const std::string old_list = "5001," + std::to_string(old_port) + ",6001,6002";
   const std::string new_list = "5001," + std::to_string(new_port) + ",6001,6002";
-  ASSERT_FALSE(f.t->listener().Listen(old_port));
+  ASSERT_FALSE(listener::ListenerOf(*f.t).Listen(old_port));
 
   f.Run(old_list, new_list);
 
@@ -673,8 +675,8 @@ TEST(LoginConversation, NewListeningPortsPushedDuringALoginRewriteTheFileAndMove
   EXPECT_EQ(f.t->login.HundredScreensParam, "10,02:00 AM,4");
   EXPECT_EQ(f.t->settings.ListeningPorts, new_list);
   EXPECT_THAT(testing::Lines(f.App("TDRegInfo.TXT")), ::testing::Contains("ListeningPorts=" + new_list));
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), new_port);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), new_port);
   // The siblings are told of the new port (unknown Windows version: by service control code).
   EXPECT_THAT(f.t.service_control.sent,
               ElementsAre(std::pair<std::string, int>("TDACSC", 135), std::pair<std::string, int>("TDACLM", 135)));
@@ -685,7 +687,7 @@ TEST(LoginConversation, SameListeningPortsPushedDuringALoginLeaveTheListener) {
   uint16_t port = 0;
   { auto a = testing::HoldLowPort(f.t->loop(), port); }
   const std::string list = "5001," + std::to_string(port) + ",6001,6002";
-  ASSERT_FALSE(f.t->listener().Listen(port));
+  ASSERT_FALSE(listener::ListenerOf(*f.t).Listen(port));
 
   f.Run(list, list);
 
@@ -694,7 +696,7 @@ TEST(LoginConversation, SameListeningPortsPushedDuringALoginLeaveTheListener) {
                             "Trace in TDACLI: Listening Ports did not change from original value of (" + list + ")"}));
   for (const auto& line : f.lines) EXPECT_EQ(line.find("Updated Registry"), std::string::npos) << line;
   EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), port);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), port);
   EXPECT_TRUE(f.t.service_control.sent.empty());
 }
 

@@ -115,7 +115,7 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
                 "SvrTemp=\\\\fs01\\tdtemp\\\r\nNotificationMethod=FileMessage\r\nPopEx=false\r\nPopWinName=false\r\n"
                 "ListeningPorts=w,x,y,z\r\n");
   // Not in user-session mode: the listener is left alone and no sibling is told anything.
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kClosed);
   // The exchange itself takes no waiting: the stages end as soon as their condition holds.
   EXPECT_LT(f.Now() - start, 1000);
 }

@@ -16,6 +16,7 @@
 #include "platform/tcp_socket.h"
 #include "seams/test_ca.h"
 #include "support/test_agent.h"
+#include "triggers/trigger_files.h"
 #include "web_server.h"
 
 namespace tdacli {
@@ -122,9 +123,9 @@ TEST(WebServiceOverHttp, LoginStatusPhoneHomeAndLogoff) {
   a.t->temp_access_status = 2;
   LoginStatus(*a.t);
   EXPECT_TRUE(a.t->login.StatusSucceeded);
-  WebService_PhoneHomeForScreenGrabberTasks(*a.t);
+  PhoneHomeForScreenGrabberTasks(*a.t);
   EXPECT_EQ(ReadFile(a.t->AppPath("SendFrames-JOB42.TSF")), "2026-11-14 10:00@2026-11-14 11:00@JOB42\r\n");
-  WebService_PhoneHomeForScreenGrabberTasks(*a.t);  // nothing more queued
+  PhoneHomeForScreenGrabberTasks(*a.t);  // nothing more queued
   LogOffUser(*a.t);
   EXPECT_TRUE(a.t->login.LogoffSucceeded);
 

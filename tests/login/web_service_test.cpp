@@ -10,6 +10,7 @@
 #include "common/text.h"
 #include "login/drivers.h"
 #include "support/test_agent.h"
+#include "triggers/trigger_files.h"
 
 namespace tdacli {
 namespace {
@@ -216,7 +217,7 @@ TEST(WebClientDifference, Status404IsNoResponseWhateverTheBody) {
 
   WebFixture g;
   g.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB9", 404);
-  WebService_PhoneHomeForScreenGrabberTasks(*g.t);
+  PhoneHomeForScreenGrabberTasks(*g.t);
   EXPECT_THAT(g.Since(0),
               ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                       "OpenURL() on: ") +
@@ -398,7 +399,7 @@ TEST(WebServicePhoneHome, ANulInATaskCutsTheJobFileLine) {
   using namespace std::string_literals;
   WebFixture f;
   f.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB8@c\0planted"s);
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(ReadFile(f.App("SendFrames-JOB8.TSF")), "a@b@JOB8@c\r\n");
   EXPECT_THAT(f.t.Messages(),
               ::testing::Contains("Warning in TDACLI: The value of (SendFrames) held a line break and was cut at it."));
@@ -571,7 +572,7 @@ TEST(WebServiceStatus, ReportsTheAccessResult) {
 TEST(WebServicePhoneHome, NothingToDo) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|NONE"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_THAT(f.t.http.urls, ElementsAre(kGrabberUrl));
   EXPECT_THAT(f.Since(0), ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - "
                                                   "Performing an OpenURL() on: ") + kGrabberUrl,
@@ -582,7 +583,7 @@ TEST(WebServicePhoneHome, NothingToDo) {
 TEST(WebServicePhoneHome, SendFramesTaskWritesTheJobFile) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|SENDFRAMES|2026-11-14 10:00{CRLF}@2026-11-14 11:00@JOB42|x@rest"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   const std::string file = f.App("SendFrames-JOB42.TSF");
   EXPECT_EQ(ReadFile(file), "2026-11-14 10:00@2026-11-14 11:00@JOB42|x@rest\r\n");
   const auto lines = f.Since(0);
@@ -592,14 +593,14 @@ TEST(WebServicePhoneHome, SendFramesTaskWritesTheJobFile) {
 TEST(WebServicePhoneHome, ATaskWithoutKeywordStillLogsReceipt) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|SOMETHING"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(f.Since(0).back(), "Trace in TDACLI: The Tyndrel Agent Client Received a Screen Grabber Task");
 }
 
 TEST(WebServicePhoneHome, ErrorLogsTheUrlAgain) {
   WebFixture f;
   f.t.http.Always(Xml("ERROR|"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   const std::string open = std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                        "OpenURL() on: ") + kGrabberUrl;
   EXPECT_THAT(f.Since(0),
@@ -614,12 +615,12 @@ TEST(WebServicePhoneHome, NotFoundEmptyAndRefused) {
   for (int status : {404, 200}) {
     WebFixture f;
     f.t.http.Always(status == 404 ? "SUCCESS|SENDFRAMES|a@b@c" : "", status);
-    WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+    PhoneHomeForScreenGrabberTasks(*f.t);
     EXPECT_EQ(f.Since(0).back(), no) << status;
     EXPECT_FALSE(Exists(f.App("SendFrames-c.TSF")));
   }
   WebFixture f;
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_THAT(f.Since(0),
               ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                       "OpenURL() on: ") + kGrabberUrl,
@@ -631,7 +632,7 @@ TEST(WebServicePhoneHome, NotFoundEmptyAndRefused) {
 TEST(WebServicePhoneHome, LineBreaksInATaskDoNotSplitTheJobFile) {
   WebFixture f;
   f.t.http.Always("SUCCESS|SENDFRAMES|a\r\n@b\n@JOB7\r\nx");
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(ReadFile(f.App("SendFrames-JOB7x.TSF")), "a@b@JOB7x\r\n");
 }
 

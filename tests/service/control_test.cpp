@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "login/login_fixture.h"
-#include "support/fault_file_system.h"
 #include "platform/file_times.h"
+#include "support/fault_file_system.h"
 #include "triggers/frames.h"
 
 namespace tdacli {

@@ -1,12 +1,13 @@
-#include "common/logging.h"
-#include "listener/listener.h"
-#include "service/control.h"
 #include "service/lifecycle.h"
-#include "support/test_agent.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
+
+#include "common/logging.h"
+#include "listener/listener.h"
+#include "service/control.h"
+#include "support/test_agent.h"
 
 
 namespace tdacli {
@@ -32,9 +33,9 @@ TEST(Lifecycle, ServiceRunLogsTheExactBanner) {
             "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=4711\r\nServer=10.1.1.9\r\nUseTrace=False\r\n"
             "NotificationMethod=Manual\r\nListeningPorts=1,0,2,3\r\n");
   StartService(t);
-  const uint16_t port = t->listener().Listener().LocalPort();
+  const uint16_t port = listener::ListenerOf(*t).Listener().LocalPort();
   ASSERT_NE(port, 0);
-  EXPECT_EQ(t->listener().Listener().State(), 2);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 2);
   const std::string banner =
       "2026-11-14 11:15:03 PM  -  Information in TDACLI: TD Agent Client Login Service Started\r\n"
       "\r\n"
@@ -99,7 +100,7 @@ TEST(Lifecycle, UserSessionRunDefersTheSocketAndSaysSo) {
   t->loop().RunFor(1000);
   EXPECT_EQ(t.service_host.install_calls, 0);
   EXPECT_TRUE(t.dialogs.shown.empty());
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   auto msgs = t.Messages();
   for (const auto& m : msgs) EXPECT_EQ(m.find("Form_Load Invoked"), std::string::npos);
   EXPECT_NE(std::find(msgs.begin(), msgs.end(),
@@ -135,7 +136,7 @@ TEST(Lifecycle, PortInUseGivesThirtyWarningsTwoSecondsApartThenTheBanner) {
   std::string trace = ReadFile(t.ProgramTrace());
   EXPECT_LT(trace.find("attempting again (30)"), trace.find("Service Started"));
   EXPECT_NE(trace.find("Listening Port: " + std::to_string(port) + "\r\n"), std::string::npos);
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   // The warnings stay out of the event log.
   for (const auto& e : t.event_log.entries) EXPECT_EQ(e.second.find("attempting again"), std::string::npos);
   // Two seconds apart.
@@ -163,16 +164,16 @@ TEST(Lifecycle, AfterTheRetriesTheListenerKeepsTryingQuietlyEveryThirtySeconds) 
   t->loop().RunFor(70'000);
   const std::string trace = ReadFile(t.ProgramTrace());
   ASSERT_NE(trace.find("Listening Port: " + std::to_string(port) + "\r\n"), std::string::npos);
-  EXPECT_TRUE(t->listener().RetryingListen());
+  EXPECT_TRUE(listener::ListenerOf(*t).RetryingListen());
   const size_t lines = Lines(t.ProgramTrace()).size();
   t->loop().RunFor(120'000);  // four quiet attempts while the port is taken
   EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
-  EXPECT_NE(t->listener().Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_NE(listener::ListenerOf(*t).Listener().State(), platform::TcpSocket::kListening);
   blocker.reset();  // the port is free: the next attempt takes it
   t->loop().RunFor(30'000);
-  EXPECT_EQ(t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(t->listener().Listener().LocalPort(), port);
-  EXPECT_FALSE(t->listener().RetryingListen());
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().LocalPort(), port);
+  EXPECT_FALSE(listener::ListenerOf(*t).RetryingListen());
   EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
 }
 
@@ -225,7 +226,7 @@ TEST(Lifecycle, ServiceStartBesideTheUserSessionMarkerEndsAtOnceAsFailedAndSaysW
   EXPECT_FALSE(t->startup_timer.Enabled());
   EXPECT_FALSE(t->request_file_timer.Enabled());
   EXPECT_FALSE(t->trigger_file_timer.Enabled());
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   const std::string line = "Error in TDACLI: THINTERMINAL - Started by the Service Manager, but [" +
                            t.dir.File("thinterminal.dat") +
                            "] is present: the agent runs in each user's session on this computer, so the service "

@@ -1,8 +1,4 @@
 // Message request files: "*.TDACLI" files taken up one per tick of `tmrMessage`.
-#include "listener/listener.h"
-#include "login/login_fixture.h"
-#include "service/control.h"
-#include "service/lifecycle.h"
 #include "service/request_files.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +6,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+
+#include "listener/listener.h"
+#include "login/login_fixture.h"
+#include "service/control.h"
+#include "service/lifecycle.h"
 
 
 namespace fs = std::filesystem;
@@ -389,11 +390,11 @@ TEST_F(RequestChain, InUserSessionModeTheListenerOpensAfterTheLoginFromARequestF
   t->startup_banner_written = false;
   Form_Load(*t);
   ASSERT_TRUE(t->WaitUntil(5, [&] { return t->request_file_timer.Enabled(); }));
-  EXPECT_FALSE(t->listener().Listener().State() == 2);
+  EXPECT_FALSE(listener::ListenerOf(*t).Listener().State() == 2);
   const std::string login = Request("20261114231502.TDACLI", "Code=128\r\n");
   ASSERT_TRUE(t->WaitUntil(60, [&] { return !Exists(login); }));
   EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_TRUE(t->listener().Listener().State() == 2);
+  EXPECT_TRUE(listener::ListenerOf(*t).Listener().State() == 2);
   EXPECT_TRUE(Has(t.Messages(), "Trace in TDACLI: Service is Now Listening on Port (" + std::to_string(port) + ")"));
 }
 

@@ -1,7 +1,5 @@
 // The trigger-file login poller: logins and logoffs from files, their retries, the codec install, the
 // live id and the phone-home schedule, on the simulated clock against the login server simulator.
-#include "triggers/trigger_files.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,6 +7,7 @@
 #include "login/login_fixture.h"
 #include "service/control.h"
 #include "service/request_files.h"
+#include "triggers/trigger_files.h"
 
 namespace tdacli {
 namespace {
