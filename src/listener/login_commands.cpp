@@ -28,8 +28,6 @@ void Step(F&& f) {
   }
 }
 
-long NumericValue(const std::string& text) { return ToLong(text).value_or(0); }
-
 }  // namespace
 
 void PerformRequestedLogin(Agent& agent, CommandReplies& replies) {
@@ -59,17 +57,15 @@ void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
 void RequestTraceFile(Agent& agent) {
   try {
     LogMessage(agent, "Agent Explorer Asked for Local Trace File, Calling TDACMT!", "Trace");
-    agent.TraceFileReply.assign(1, '0');  // (not `= "0"`: GCC 12 warns falsely on that assignment)
+    agent.trace_file_reply.Expect();
     if (RuleSUsesFiles(agent))
       MakeRequestFile(agent, "TDACMT", "Code=140");
     else
       SendServiceControl(agent, "TDACMT", 140);
     // At most 11 one-second waits; the answer (code 141 or 142) arrives through the control handler
     // inside them and ends the current one at once.
-    auto answered = [&agent] { return NumericValue(agent.TraceFileReply) != 0; };
-    for (int counter = 0; !answered() && counter <= 10 && !agent.Ended(); ++counter) agent.WaitUntil(1, answered);
-    if (agent.TraceFileReply != "0")
-      LogMessage(agent, "TDACMT Replied With: " + agent.TraceFileReply, "Trace");
+    if (agent.trace_file_reply.Await(agent, 11))
+      LogMessage(agent, "TDACMT Replied With: " + agent.trace_file_reply.Text(), "Trace");
     else
       LogMessage(agent, "No Response From TDACMT!", "Error");
   } catch (const std::exception&) {
@@ -83,7 +79,7 @@ void HandleGetTraceFile(Agent& agent, const std::string&, CommandReplies& replie
              "Trace");
   RequestTraceFile(agent);
   if (agent.Ended()) return;
-  replies.SendCommandReply("|GETTRACEFILE|<Status>" + agent.TraceFileReply, kAgentExplorerPeer);
+  replies.SendCommandReply("|GETTRACEFILE|<Status>" + agent.trace_file_reply.Text(), kAgentExplorerPeer);
 }
 
 }  // namespace tdacli::listener

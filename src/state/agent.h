@@ -15,6 +15,7 @@
 #include "state/facilities.h"
 #include "state/settings.h"
 #include "state/shared_state.h"
+#include "state/sibling_reply.h"
 
 namespace tdacli {
 
@@ -65,9 +66,10 @@ class Agent final : public Workstation {
   ScreenParams screen;
   int16_t temp_access_status = 0;  // `TempAccessStatus`: +1 local, +2 server temp folder not writable
 
-  // --- reply flags set by the control handler
-  int16_t MediaTransferReply = 0;
-  std::string TraceFileReply = "0";
+  // --- answers of TDACMT, resolved by the control handler: `MediaTransferReply` (131/132 to a 130)
+  // and `TraceFileReply` (141/142 to a 140)
+  SiblingReply media_transfer_reply;
+  SiblingReply trace_file_reply;
 
   // --- console command state, trigger-file poller, request files
   std::string component_report_text;

@@ -321,13 +321,13 @@ TEST(Lifecycle, PauseContinueAndUnknownCodesAreRefusedWithWarnings) {
 TEST(Lifecycle, ReplyCodesSetTheReplyFlags) {
   TestAgent t;
   Service_Control(*t, 131);
-  EXPECT_EQ(t->MediaTransferReply, 1);
+  EXPECT_EQ(t->media_transfer_reply.value(), 1);
   Service_Control(*t, 132);
-  EXPECT_EQ(t->MediaTransferReply, 2);
+  EXPECT_EQ(t->media_transfer_reply.value(), 2);
   Service_Control(*t, 141);
-  EXPECT_EQ(t->TraceFileReply, "1");
+  EXPECT_EQ(t->trace_file_reply.Text(), "1");
   Service_Control(*t, 142);
-  EXPECT_EQ(t->TraceFileReply, "2");
+  EXPECT_EQ(t->trace_file_reply.Text(), "2");
   EXPECT_FALSE(Exists(t.ProgramTrace()));
 }
 

@@ -140,7 +140,7 @@ TEST_F(RequestFileTest, ACodeGoesThroughTheControlHandler) {
   EXPECT_EQ(t.Messages(), (std::vector<std::string>{Discarded(129), "Trace in TDACLI: Processed Message Request: Code=129"}));
   Request("20261114231503.TDACLI", "Code=142");
   tmrMessage_Timer(*t);
-  EXPECT_EQ(t->TraceFileReply, "2");
+  EXPECT_EQ(t->trace_file_reply.Text(), "2");
 }
 
 TEST_F(RequestFileTest, OnlyTheFirstLineCounts) {

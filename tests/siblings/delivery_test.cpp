@@ -107,7 +107,7 @@ TEST_F(Delivery, AnswerOf132EndsTheWaitAtOnceWithFalse) {
   const int64_t start = t.clock.NowMs();
   EXPECT_FALSE(RequestServerTempCheck(*t));
   EXPECT_EQ(t.clock.NowMs() - start, 300);
-  EXPECT_EQ(t->MediaTransferReply, 2);
+  EXPECT_EQ(t->media_transfer_reply.value(), 2);
 }
 
 TEST_F(Delivery, NoAnswerGivesFalseAfterThirtyOneWaits) {
@@ -119,7 +119,7 @@ TEST_F(Delivery, NoAnswerGivesFalseAfterThirtyOneWaits) {
 }
 
 TEST_F(Delivery, ReplyFlagIsClearedBeforeAsking) {
-  t->MediaTransferReply = 1;  // a stale answer of an earlier request
+  t->media_transfer_reply.Resolve(1);  // a stale answer of an earlier request
   EXPECT_FALSE(RequestServerTempCheck(*t));
 }
 

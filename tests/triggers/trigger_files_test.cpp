@@ -267,7 +267,7 @@ TEST_F(TriggerFilePoller, RequestFilesAreHandledDuringTheRetryWait) {
     if (!written) {
       WriteFile(App("20261114231510.TDACLI"), "Code=141\r\n");
       written = true;
-    } else if (t->TraceFileReply == "1") {
+    } else if (t->trace_file_reply.Text() == "1") {
       handled_in_wait = true;
     }
   };
