@@ -63,7 +63,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < runs + 10; ++i) {
     const auto start = std::chrono::steady_clock::now();
     Service_Control(agent, 128);
-    if (!agent.login.LoginSucceeded || agent.temp_access_status != 0) ++failed;
+    if (!agent.login().LoginSucceeded || agent.temp_access_status != 0) ++failed;
     if (i >= 10) ms.push_back(std::chrono::duration<double, std::milli>(reached - start).count());
   }
   server.Stop();

@@ -117,7 +117,7 @@ void RunAll(Agent& a) {
   a.file_system = &files;
   auto login = [&] {
     LoginUser(a);
-    return a.login.LoginSucceeded && a.login.LastLoginResult.rfind("The Tyndrel", 0) == 0;
+    return a.login().LoginSucceeded && a.login().LastLoginResult.rfind("The Tyndrel", 0) == 0;
   };
   Print("login", Measure(login));
   PrintFlushes("login", files);
@@ -131,13 +131,13 @@ void RunAll(Agent& a) {
   PrintFlushes("login, changed", files);
   Print("logoff", Measure([&] {
           LogOffUser(a);
-          return a.login.LogoffSucceeded;
+          return a.login().LogoffSucceeded;
         }));
   a.temp_access_status = 0;
   Print("status report", Measure([&] {
-          a.login.StatusSucceeded = false;
+          a.WriteLogin().StatusSucceeded = false;
           LoginStatus(a);
-          return a.login.StatusSucceeded;
+          return a.login().StatusSucceeded;
         }));
   a.file_system = &platform::SystemFileSystem();
 }
@@ -176,11 +176,11 @@ int RunWeb(const std::filesystem::path& folder, bool https) {
               b.agent->settings.Server.c_str());
   Print(https ? "web login TLS" : "web login", Measure([&] {
           LoginUser(*b.agent);
-          return b.agent->login.LoginSucceeded;
+          return b.agent->login().LoginSucceeded;
         }));
   Print(https ? "web status TLS" : "web status", Measure([&] {
           LoginStatus(*b.agent);
-          return b.agent->login.StatusSucceeded;
+          return b.agent->login().StatusSucceeded;
         }));
   server.Stop();
   return 0;

@@ -199,8 +199,8 @@ void BuildComponentReport(Agent& agent) {
   r += "TD Server Temp: " + Underscored(s.SvrTemp) + crlf;
   r += "Current User: " + Underscored(s.CurrentUser) + crlf;
   r += "Current Event: " + Underscored(s.CurrentEvent) + crlf;
-  r += "Use WebCam: " + Bool(agent.login.UseWebCam) + crlf;
-  const FtpState& f = agent.ftp;
+  r += "Use WebCam: " + Bool(agent.login().UseWebCam) + crlf;
+  const FtpState& f = agent.ftp();
   r += "Use FTP: " + Bool(f.FtpCredentialsSaved) + crlf;
   if (f.FtpCredentialsSaved) {
     r += "FTP Server: " + Underscored(f.FtpServer) + crlf;

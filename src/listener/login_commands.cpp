@@ -51,7 +51,7 @@ void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
              "Trace");
   PerformRequestedLogin(agent, replies);
   if (agent.Ended()) return;
-  replies.SendCommandReply("|LOGIN|<Status>" + agent.login.LastLoginResult, kAgentExplorerPeer);
+  replies.SendCommandReply("|LOGIN|<Status>" + agent.login().LastLoginResult, kAgentExplorerPeer);
 }
 
 void RequestTraceFile(Agent& agent) {

@@ -30,7 +30,7 @@ struct ReplyRule {
   Action act;
 };
 
-bool Kind(const Agent& agent, std::string_view kind) { return agent.login.LoginRequestKind == kind; }
+bool Kind(const Agent& agent, std::string_view kind) { return agent.login().LoginRequestKind == kind; }
 
 }  // namespace
 
@@ -54,7 +54,7 @@ void UpdateListeningPorts(Agent& agent, const std::string& data, LoginOutcome& l
 }
 
 void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send, LoginOutcome& learned) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   Settings& s = agent.settings;
   // Asked as "USETRACE", answered as "AGENTTRACE": the value may carry "webcam" and the web-cam flag.
   const std::string value = Mid(data, 11);
@@ -100,8 +100,8 @@ const std::array<ReplyRule, 18>& Rules() {
       {"2", [](const Agent&, std::string_view d) { return d == "LOGOFF=OKAY"; },
        [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "TD Server Sent 'Logoff = Okay', Sending Disconnect Signal", "Trace");
-         a.login.ProtocolDone = true;
-         a.login.LogoffSucceeded = true;
+         a.WriteLogin().ProtocolDone = true;
+         a.WriteLogin().LogoffSucceeded = true;
          send(kDisconnect);
        }},
       {"3", [](const Agent& a, std::string_view d) { return d == "ID OK" && !Kind(a, "Login"); },
@@ -136,8 +136,8 @@ const std::array<ReplyRule, 18>& Rules() {
       // Pushed by the server at any time; nothing is answered.
       {"7", [](const Agent&, std::string_view d) { return StartsWith(d, "100SCREEN"); },
        [](Agent& a, const std::string& d, const RequestSink&, LoginOutcome&) {
-         a.login.HundredScreensParam = Mid(d, 10);
-         LogMessage(a, "Login Server Sent 100% Screens Param of (" + a.login.HundredScreensParam + ")!", "Trace");
+         a.WriteLogin().HundredScreensParam = Mid(d, 10);
+         LogMessage(a, "Login Server Sent 100% Screens Param of (" + a.WriteLogin().HundredScreensParam + ")!", "Trace");
          a.DoEvents();
        }},
       {"8",
@@ -156,9 +156,9 @@ const std::array<ReplyRule, 18>& Rules() {
          const std::string text =
              "The windows login name of (" + a.settings.CurrentUser + ") does not exist in the TD Agent Database!";
          LogMessage(a, text, "Error");
-         a.login.LastLoginResult = "[ERROR]" + text;
-         a.login.LoginSucceeded = false;
-         a.login.ProtocolDone = true;
+         a.WriteLogin().LastLoginResult = "[ERROR]" + text;
+         a.WriteLogin().LoginSucceeded = false;
+         a.WriteLogin().ProtocolDone = true;
          send(kDisconnect);
        }},
       // A bare "LISTENPORTS" is taken here and ignored, so it never counts as unexpected data.
@@ -175,14 +175,14 @@ const std::array<ReplyRule, 18>& Rules() {
        }},
       {"11", [](const Agent&, std::string_view d) { return StartsWith(d, "KEKINFO"); },
        [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
-         a.login.KekInfo = Mid(d, 8);
-         LogMessage(a, "Login Server Sent KekInfo (" + a.login.KekInfo + "), Sending Request for ValidIPMask", "Trace");
+         a.WriteLogin().KekInfo = Mid(d, 8);
+         LogMessage(a, "Login Server Sent KekInfo (" + a.WriteLogin().KekInfo + "), Sending Request for ValidIPMask", "Trace");
          send("VALIDIPMASK");
        }},
       {"12", [](const Agent&, std::string_view d) { return StartsWith(d, "VALIDIPMASK"); },
        [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
-         a.login.ValidIPMask = Mid(d, 12);
-         LogMessage(a, "Login Server Sent Valid IP Mask (" + a.login.ValidIPMask + "), Sending Request for UseTrace",
+         a.WriteLogin().ValidIPMask = Mid(d, 12);
+         LogMessage(a, "Login Server Sent Valid IP Mask (" + a.WriteLogin().ValidIPMask + "), Sending Request for UseTrace",
                     "Trace");
          send("USETRACE");
        }},
@@ -190,13 +190,13 @@ const std::array<ReplyRule, 18>& Rules() {
       {"14", [](const Agent&, std::string_view d) { return d == "STATUS OK"; },
        [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "Login Server Received Status Ok, Sending Disconnect Signal", "Trace");
-         a.login.ProtocolDone = true;
+         a.WriteLogin().ProtocolDone = true;
          send(kDisconnect);
        }},
       {"15", [](const Agent&, std::string_view) { return true; },
        [](Agent& a, const std::string& d, const RequestSink&, LoginOutcome&) {
          LogMessage(a, "Received Unexpected Data During Protocol: " + d, "Error");
-         a.login.ProtocolDone = true;
+         a.WriteLogin().ProtocolDone = true;
        }},
   }};
   return rules;
@@ -212,7 +212,7 @@ void Trapped(Agent& agent, long number, const std::string& description) {
   LogMessage(agent,
              "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(number) + ": " + description,
              "Error");
-  agent.login.ProtocolDone = true;
+  agent.WriteLogin().ProtocolDone = true;
 }
 
 template <typename Fn>

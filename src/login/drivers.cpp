@@ -30,7 +30,7 @@ enum class Outcome { kCloseTimeout, kConnectTimeout, kProtocolTimeout, kProtocol
 // stages (the login clears its capture parameters there).
 Outcome RunExchange(Agent& agent, const std::string& kind, const std::string& contact_line,
                     const std::function<void()>& before_connect) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   TcpSocket& socket = agent.login_socket;
   l.ProtocolDone = false;
   l.LoginRequestKind = kind;
@@ -60,13 +60,13 @@ Outcome RunExchange(Agent& agent, const std::string& kind, const std::string& co
 void TimedOut(Agent& agent, bool& flag, const std::string& text, bool sets_result) {
   flag = false;
   LogMessage(agent, text, "Error");
-  if (sets_result) agent.login.LastLoginResult = "[ERROR]" + text;
+  if (sets_result) agent.WriteLogin().LastLoginResult = "[ERROR]" + text;
 }
 
 }  // namespace
 
 void LoginUser(Agent& agent) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   const std::string live_id = agent.AppPath("TDLiveID.INI");
   if (FileExists(live_id)) {
     DeleteFile(agent, live_id);
@@ -123,7 +123,7 @@ void LoginUser(Agent& agent) {
 }
 
 void LogOffUser(Agent& agent) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   if (Contains(agent.settings.Server, ":")) {
     WebService_LogOffUser(agent);
     return;
@@ -165,7 +165,7 @@ void LogOffUser(Agent& agent) {
 }
 
 void LoginStatus(Agent& agent) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   if (Contains(agent.settings.Server, ":")) {
     WebService_LoginStatus(agent);
     return;

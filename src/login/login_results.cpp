@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "common/files.h"
+#include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
 #include "config/result_files.h"
@@ -13,7 +14,7 @@ namespace tdacli {
 // The live id fields: id, repeater address, repeater port and the peer-to-peer flag separated by ":".
 // Fields that are missing leave their values as they were.
 void StoreLiveIdFields(Agent& agent, std::string_view fields) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   std::vector<std::string> field;
   const int n = SplitString(fields, ":", field);
   if (n >= 1) l.TDLiveID = field[1];
@@ -25,8 +26,15 @@ void StoreLiveIdFields(Agent& agent, std::string_view fields) {
   }
 }
 
+void CutReceivedValues(Agent& agent, std::initializer_list<ReceivedValue> values) {
+  LoginState& l = agent.WriteLogin();
+  for (const ReceivedValue& v : values) CutAtLineBreak(agent, l.*v.field, v.name);
+}
+
+void AppendToLoginResult(Agent& agent, const std::string& text) { agent.WriteLogin().LastLoginResult += text; }
+
 void StoreLoginResults(Agent& agent) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   const std::string ftp_file = agent.AppPath("TDACFTP.INI");
   if (FileExists(ftp_file)) DeleteFile(agent, ftp_file);
   SaveFtpCredentials(agent);

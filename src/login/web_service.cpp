@@ -98,7 +98,7 @@ struct Request {
 };
 
 bool Exchange(Agent& agent, const Request& req, const std::string& url, std::string& response) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   LogMessage(agent, std::string(req.routine) + " - Performing an OpenURL() on: " + url, "Trace");
   const Fetched f = OpenUrl(agent, req.routine, url);
   if (NoResponse(f)) {
@@ -134,15 +134,15 @@ const std::array<ReplyKey, 11>& ReplyKeys() {
       {"RECORDINGMETHOD=", [](Agent&, const std::string&) {}},
       {"CAPTUREINFO=", [](Agent&, const std::string&) {}},
       {"USETRACE=", [](Agent& a, const std::string& v) { a.settings.UseTrace = v; }},
-      {"WEBCAM=", [](Agent& a, const std::string& v) { a.login.UseWebCam = ToBoolean(v); }},
-      {"SCREEN100=", [](Agent& a, const std::string& v) { a.login.HundredScreensParam = ReplaceAll(v, "_", "|"); }},
+      {"WEBCAM=", [](Agent& a, const std::string& v) { a.WriteLogin().UseWebCam = ToBoolean(v); }},
+      {"SCREEN100=", [](Agent& a, const std::string& v) { a.WriteLogin().HundredScreensParam = ReplaceAll(v, "_", "|"); }},
       {"PHONEHOME=",
        [](Agent& a, const std::string& v) {
-         a.login.PhoneHome = ToBoolean(v);
-         if (a.login.PhoneHome) a.login.NextPhoneHomeMs = a.clock().NowMs();
+         a.WriteLogin().PhoneHome = ToBoolean(v);
+         if (a.WriteLogin().PhoneHome) a.WriteLogin().NextPhoneHomeMs = a.clock().NowMs();
        }},
-      {"IPMASK=", [](Agent& a, const std::string& v) { a.login.ValidIPMask = v; }},
-      {"KEKINFO=", [](Agent& a, const std::string& v) { a.login.KekInfo = v; }},
+      {"IPMASK=", [](Agent& a, const std::string& v) { a.WriteLogin().ValidIPMask = v; }},
+      {"KEKINFO=", [](Agent& a, const std::string& v) { a.WriteLogin().KekInfo = v; }},
       {"TDLIVEID=", [](Agent& a, const std::string& v) { StoreLiveIdFields(a, v); }},
   }};
   return keys;
@@ -196,7 +196,7 @@ void ApplyLoginReplyFields(Agent& agent, std::string_view fields) {
 void WebService_LoginUser(Agent& agent) {
   constexpr std::string_view routine = "WebService_LoginUser";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     Settings& s = agent.settings;
     for (int attempt = 0;;) {
       LogMessage(agent, "Testing Internet Connection ...", "Trace");
@@ -253,7 +253,7 @@ void WebService_LoginUser(Agent& agent) {
 void WebService_LogOffUser(Agent& agent) {
   constexpr std::string_view routine = "WebService_LogOffUser";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     const Settings& s = agent.settings;
     const WebServer server = ParseWebServer(s.Server);
     const std::string url = server.Base() + std::string(kLoginService) + "LogOffMethod?" +
@@ -273,7 +273,7 @@ void WebService_LogOffUser(Agent& agent) {
 void WebService_LoginStatus(Agent& agent) {
   constexpr std::string_view routine = "WebService_LoginStatus";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     const Settings& s = agent.settings;
     const std::string status = std::to_string(agent.temp_access_status);
     const WebServer server = ParseWebServer(s.Server);
@@ -327,7 +327,7 @@ void AcknowledgeGrabberTask(Agent& agent) {
   agent.DoEvents();
 }
 
-void ScheduleNextPhoneHome(Agent& agent) { agent.login.NextPhoneHomeMs = agent.clock().NowMs() + 30'000; }
+void ScheduleNextPhoneHome(Agent& agent) { agent.WriteLogin().NextPhoneHomeMs = agent.clock().NowMs() + 30'000; }
 
 PhoneHomeOutcome WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
   constexpr std::string_view routine = "WebService_PhoneHomeForScreenGrabberTasks";

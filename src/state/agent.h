@@ -60,10 +60,14 @@ class Agent final : public Workstation {
   Settings settings;
   std::array<std::string, 21> stored_lines;
 
-  // --- shared login state, FTP values, capture parameters
-  LoginState login;
-  FtpState ftp;
-  ScreenParams screen;
+  // --- login state, FTP values, capture parameters: each written only by the room that owns it
+  // (ARCHITECTURE.md, "Who writes the shared state"; checked by the StateOwners test), read by all
+  const LoginState& login() const { return login_; }
+  const FtpState& ftp() const { return ftp_; }
+  const ScreenParams& screen() const { return screen_; }
+  LoginState& WriteLogin() { return login_; }      // login/
+  FtpState& WriteFtp() { return ftp_; }            // config/
+  ScreenParams& WriteScreen() { return screen_; }  // triggers/
   int16_t temp_access_status = 0;  // `TempAccessStatus`: +1 local, +2 server temp folder not writable
 
   // --- answers of TDACMT, resolved by the control handler: `MediaTransferReply` (131/132 to a 130)
@@ -103,6 +107,9 @@ class Agent final : public Workstation {
   const std::string& CurrentUserName() const override { return settings.CurrentUser; }
 
  private:
+  LoginState login_;
+  FtpState ftp_;
+  ScreenParams screen_;
   // Last: the listener's sockets go before the loop they live on.
   std::unique_ptr<OwnedControl> console_listener_;
   bool ended_ = false;

@@ -30,10 +30,10 @@ void DoUserLogOff(Agent& agent) {
   }
 
   LoadScreenParams(agent);
-  if (agent.screen.line == "NOTSET") return;
-  if (agent.screen.schedule == "AT-LOGIN")
+  if (agent.screen().line == "NOTSET") return;
+  if (agent.screen().schedule == "AT-LOGIN")
     agent.DoEvents();
-  else if (agent.screen.schedule == "ATLOGOUT")
+  else if (agent.screen().schedule == "ATLOGOUT")
     CleanupFrames(agent, "Log Off");
 }
 

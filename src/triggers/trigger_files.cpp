@@ -8,6 +8,7 @@
 #include "config/configuration.h"
 #include "config/result_files.h"
 #include "login/drivers.h"
+#include "login/login_results.h"
 #include "login/web_service.h"
 #include "platform/process_start.h"
 #include "siblings/delivery.h"
@@ -75,7 +76,7 @@ void PerformFileLogin(Agent& agent) {
   Ignoring([&] { LoginUser(agent); });
   if (agent.Ended()) return;
 
-  const bool succeeded = agent.login.LoginSucceeded;
+  const bool succeeded = agent.login().LoginSucceeded;
   if (succeeded) {
     poller.retry_counter = 0;
     DeleteFile(agent, login_file);
@@ -85,7 +86,7 @@ void PerformFileLogin(Agent& agent) {
       else
         LogMessage(agent, "Deleted File After login [" + login_file + "]", "Trace");
     });
-    if (UsableLiveID(agent.login.TDLiveID)) Ignoring([&] { ActOnLiveID(agent); });
+    if (UsableLiveID(agent.login().TDLiveID)) Ignoring([&] { ActOnLiveID(agent); });
   }
 
   Ignoring([&] { RunPostLoginSteps(agent); });
@@ -144,7 +145,7 @@ void tmrPollForLogin_Timer(Agent& agent) {
   if (FileExists(agent.AppPath("PerformLogoff.TXT"))) PerformFileLogoff(agent);
   if (agent.Ended()) return;
 
-  const LoginState& login = agent.login;
+  const LoginState& login = agent.login();
   if (login.PhoneHome && agent.clock().NowMs() > login.NextPhoneHomeMs) {
     Ignoring([&] {
       if (agent.poller.phone_home)
@@ -189,9 +190,12 @@ void InstallCodec(Agent& agent) {
 }
 
 void ActOnLiveID(Agent& agent) {
+  CutReceivedValues(agent, {{&LoginState::TDLiveID, "TDLiveID"},
+                            {&LoginState::RepeaterIP, "RepeaterIP"},
+                            {&LoginState::RepeaterPort, "RepeaterPort"}});
   SaveLiveID(agent);
   CreateRemoteControlSettings(agent);
-  if (!agent.login.PeerToPeerCapable) RequestRemoteControlLoad(agent);
+  if (!agent.login().PeerToPeerCapable) RequestRemoteControlLoad(agent);
 }
 
 }  // namespace tdacli

@@ -197,8 +197,8 @@ TEST_F(ComponentReport, ComponentNamesAreFoundWhateverTheirCase) {
 
 TEST_F(ComponentReport, SettingsWithBlanksAndTheFtpBlock) {
   t->settings.Server = "td server 01";
-  t->login.UseWebCam = true;
-  auto& f = t->ftp;
+  t->WriteLogin().UseWebCam = true;
+  auto& f = t->WriteFtp();
   f.FtpCredentialsSaved = true;
   f.FtpServer = "ftp.example.com";
   f.FtpUserName = "td user";

@@ -1,5 +1,3 @@
-#include "listener/listening_port.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +5,7 @@
 #include <functional>
 
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "platform/tcp_socket.h"
 #include "support/test_agent.h"
 

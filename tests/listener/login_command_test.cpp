@@ -84,7 +84,7 @@ TEST_F(LoginCommand, AFailedLoginStillRepliesWipesAndNotifies) {
   Start("nobody");
   console.Send("|LOGIN|");
   const std::string reply = console.Reply(120);
-  EXPECT_FALSE(t->login.LoginSucceeded);
+  EXPECT_FALSE(t->login().LoginSucceeded);
   EXPECT_EQ(reply, "|LOGIN|<Status>The Tyndrel Agent Client could not execute a login for (nobody) to (" +
                        server->address() + ":5003)");
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
@@ -121,7 +121,7 @@ TEST_F(LoginCommand, AConsoleThatHasGoneIsOnlyLoggedAsAWarning) {
   ASSERT_TRUE(t->WaitUntil(120, [&] {
     return Logged("Warning in TDACLI: Cannot send response - AgentExplorer (IP = 127.0.0.1) already disconnected!");
   }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
 }
 
 }  // namespace

@@ -311,7 +311,7 @@ TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait)
   const int64_t start = Now();
   t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(60, [&] { return !Exists(login); }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(t->temp_access_status, 0);   // the 131 answer arrived inside the wait
   EXPECT_LT(Now() - start, 10'000);    // long before the 31 s without an answer
   auto msgs = t.Messages();
@@ -393,7 +393,7 @@ TEST_F(RequestChain, InUserSessionModeTheListenerOpensAfterTheLoginFromARequestF
   EXPECT_FALSE(listener::ListenerOf(*t).Listener().State() == 2);
   const std::string login = Request("20261114231502.TDACLI", "Code=128\r\n");
   ASSERT_TRUE(t->WaitUntil(60, [&] { return !Exists(login); }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_TRUE(listener::ListenerOf(*t).Listener().State() == 2);
   EXPECT_TRUE(Has(t.Messages(), "Trace in TDACLI: Service is Now Listening on Port (" + std::to_string(port) + ")"));
 }

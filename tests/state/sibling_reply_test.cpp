@@ -1,9 +1,8 @@
-#include "state/sibling_reply.h"
-
 #include <gtest/gtest.h>
 
 #include "platform/event_loop.h"
 #include "state/agent.h"
+#include "state/sibling_reply.h"
 #include "support/test_agent.h"
 
 namespace tdacli {

@@ -81,7 +81,7 @@ TEST_F(TriggerFilePoller, LoginFileLogsTheUserInRunsThePostLoginStepsAndGoes) {
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
   EXPECT_FALSE(Exists(LoginFile()));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(t->poller.retry_counter, 0);
   auto msgs = t.Messages();
   const size_t notified = At(msgs,
@@ -109,7 +109,7 @@ TEST_F(TriggerFilePoller, TheFileTriggeredLoginRunsTheTempCheckAndStatusReport) 
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
-  EXPECT_TRUE(t->login.StatusSucceeded);
+  EXPECT_TRUE(t->login().StatusSucceeded);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS0"), requests.end());
 }
@@ -157,7 +157,7 @@ TEST_F(TriggerFilePoller, LogoffFileGoesBeforeTheLogoffRuns) {
   };
   tmrPollForLogin_Timer(*t);
   EXPECT_TRUE(file_gone_at_logoff);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   auto msgs = t.Messages();
   EXPECT_EQ(msgs.front(), "Trace in TDACLI: Received notification user (jsmith) just logged off.");
   EXPECT_EQ(msgs.back(), "Trace in TDACLI: Deleted File After LogOff [" + LogoffFile() + "]");
@@ -339,7 +339,7 @@ TEST_F(TriggerFilePoller, ACodecInstallThatCannotStartLogsProcessIdZeroAndStillD
   // No installer, no log: the size line is left out silently.
   EXPECT_FALSE(HasPrefix(msgs, "Trace in TDACLI: INSTALL CODEC: Install Log ["));
   EXPECT_TRUE(Has(msgs, "Trace in TDACLI: Deleted TSCC.bat after Install!"));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
 }
 
 #ifndef _WIN32
@@ -385,8 +385,8 @@ TEST_P(PollerLiveId, AnUnusableLiveIdSkipsActOnLiveID) {
   Start("jsmith", u);
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
-  ASSERT_TRUE(t->login.LoginSucceeded);
-  EXPECT_EQ(t->login.TDLiveID, GetParam());
+  ASSERT_TRUE(t->login().LoginSucceeded);
+  EXPECT_EQ(t->login().TDLiveID, GetParam());
   EXPECT_FALSE(Exists(App("TDLiveID.INI")));
   for (auto& e : std::filesystem::directory_iterator(t.dir.path())) EXPECT_NE(e.path().extension(), ".TDACLD");
   EXPECT_FALSE(HasPrefix(t.Messages(), "Trace in TDACLI: Saved [TDLiveID="));
@@ -397,8 +397,8 @@ INSTANTIATE_TEST_SUITE_P(ZeroMinusOneEmpty, PollerLiveId, ::testing::Values("0",
 TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOffNoCallIsEverMade) {
   int calls = 0;
   t->poller.phone_home = [&](Agent&) { ++calls; };
-  t->login.PhoneHome = false;
-  t->login.NextPhoneHomeMs = 0;  // long past
+  t->WriteLogin().PhoneHome = false;
+  t->WriteLogin().NextPhoneHomeMs = 0;  // long past
   RunPoller(120, [] { return false; });
   EXPECT_EQ(calls, 0);
 }
@@ -406,9 +406,9 @@ TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOffNoCallIsEverMade) {
 TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOnTheCallComesWhenDueAndThirtySecondsLaterAgain) {
   std::vector<int64_t> calls;
   t->poller.phone_home = [&](Agent&) { calls.push_back(Now()); };
-  t->login.PhoneHome = true;
+  t->WriteLogin().PhoneHome = true;
   const int64_t start = Now();
-  t->login.NextPhoneHomeMs = start + 7'000;
+  t->WriteLogin().NextPhoneHomeMs = start + 7'000;
   RunPoller(80, [] { return false; });
   // Ticks every 3 s: the first one past the time is at 9 s; then 30 s later on, the first tick past it.
   ASSERT_GE(calls.size(), 3u);
@@ -416,7 +416,7 @@ TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOnTheCallComesWhenDueAndThirtySeco
   EXPECT_GT(calls[1] - calls[0], 30'000);
   EXPECT_LE(calls[1] - calls[0], 33'000);
   EXPECT_GT(calls[2] - calls[1], 30'000);
-  EXPECT_EQ(t->login.NextPhoneHomeMs, calls.back() + 30'000);
+  EXPECT_EQ(t->login().NextPhoneHomeMs, calls.back() + 30'000);
 }
 
 TEST_F(TriggerFilePoller, FoldersNamedLikeTheTriggerFilesAreNoTriggersAndStay) {
@@ -438,7 +438,7 @@ TEST_F(TriggerFilePoller, ALinkNamedPerformLogoffGoesItselfAndItsTargetKeepsItsM
   std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
   std::filesystem::create_symlink(victim, LogoffFile());
   tmrPollForLogin_Timer(*t);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(LogoffFile())));
   EXPECT_EQ(ReadFile(victim), "outside");
   EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
@@ -453,7 +453,7 @@ TEST_F(TriggerFilePoller, ALinkNamedTDLiveIDGoesBeforeTheLoginAndItsTargetStays)
   std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
   std::filesystem::create_symlink(victim, App("TDLiveID.INI"));
   LoginUser(*t);
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(ReadFile(victim), "outside");
   EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
   EXPECT_FALSE(std::filesystem::is_symlink(App("TDLiveID.INI")));

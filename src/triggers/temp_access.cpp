@@ -1,7 +1,8 @@
-#include "siblings/temp_access.h"
+#include "triggers/temp_access.h"
 
 #include "common/files.h"
 #include "common/logging.h"
+#include "login/login_results.h"
 #include "siblings/delivery.h"
 #include "state/agent.h"
 
@@ -16,15 +17,15 @@ int16_t CheckTempFolderAccess(Agent& agent) {
   if (!CanWriteToFolder(agent, local)) {
     agent.temp_access_status += 1;
     LogMessage(agent, "TD Agent Client Can't Write to Local Temp of: " + local, "Error");
-    agent.login.LastLoginResult += "{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + local;
+    AppendToLoginResult(agent, "{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + local);
   }
   if (!RequestServerTempCheck(agent)) {
     agent.temp_access_status += 2;
-    agent.login.LastLoginResult += "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: " + agent.settings.SvrTemp;
+    AppendToLoginResult(agent, "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: " + agent.settings.SvrTemp);
   }
   if (agent.temp_access_status != 0) return agent.temp_access_status;
   LogMessage(agent, "User has proper access to both temp folders", "Trace");
-  agent.login.LastLoginResult += "{CRLF}{CRLF}User has proper access to both temp folders.";
+  AppendToLoginResult(agent, "{CRLF}{CRLF}User has proper access to both temp folders.");
   return 0;
 }
 

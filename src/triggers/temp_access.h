@@ -1,5 +1,6 @@
 #pragma once
-// Whether the user can write to both temporary folders, the server one as TDACMT finds it.
+// Whether the user can write to both temporary folders, the server one as TDACMT finds it: part of the
+// post-login work, reported to the server and to the console.
 #include <cstdint>
 
 namespace tdacli {
