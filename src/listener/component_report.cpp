@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
@@ -58,15 +59,6 @@ void AppendServiceRow(Agent& agent, std::string& report, const ServiceRow& row) 
     report += "     " + c.state + "     " + c.account + std::string(kCrlf);
   } else {
     report += row.short_label + details + std::string(row.short_ending);
-  }
-}
-
-// Each step of the report runs on its own: a fault in one leaves its part out and the next runs.
-template <typename F>
-void Step(F&& f) {
-  try {
-    f();
-  } catch (const std::exception&) {
   }
 }
 
@@ -135,63 +127,63 @@ void BuildComponentReport(Agent& agent) {
   std::string r = "Agent Client Components Information:{CRLF}{CRLF}"
                   "Component name                     Version       State                 Account{CRLF}{CRLF}";
 
-  Step([&] {
+  Ignoring([&] {
     if (user_session)
       r += "Agent Login Service: " + details("tdacli.exe") + crlf;
     else
       AppendServiceRow(agent, r, {"TDACLI.EXE", "TDACLI", "Agent Login Service:              ",
                                   "Agent Login Service: ", kCrlf});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern)
       AppendServiceRow(agent, r, {"TDACSC.EXE", "TDACSC", "Screen Capture Service :         ",
                                   "Screen Capture Service : ", kCrlf});
   });
-  Step([&] {
+  Ignoring([&] {
     if (user_session)
       r += "Media Transfer Service: " + details("tdacmt.exe") + crlf;
     else
       AppendServiceRow(agent, r, {"TDACMT.EXE", "TDACMT", "Media Transfer Service:           ",
                                   "Media Transfer Service: ", "{CRLF}{CRLF}"});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern)
       AppendServiceRow(agent, r, {"TDACLM.EXE", "TDACLM", "Live Monitor Service:             ",
                                   "Live Monitor Service:   ", "{CRLF}{CRLF}"});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern) return;
     r += "Screen Capture Service: " + details("tdacsc.exe") + crlf;
     r += "Live Monitor Service: " + details("tdaclm.exe") + crlf;
   });
-  Step([&] {
+  Ignoring([&] {
     r += "System Event Detector: " +
          (ComponentExists(agent.AppPath("TDACSE.EXE")) ? Dotted(details("TDACSE.EXE")) : std::string("N/A")) + crlf;
   });
-  Step([&] {
+  Ignoring([&] {
     r += "Web Cam Control: " +
          (ComponentExists(agent.AppPath("TDACWC.EXE")) ? Dotted(details("TDACWC.EXE")) : std::string("N/A")) + crlf;
   });
-  Step([&] { r += "Update Manager: " + details("UPDMGR.EXE") + crlf; });
-  Step([&] { r += "Agent Login Detector: " + details("TDACLD.EXE") + crlf; });
-  Step([&] { r += "Agent Configuration: " + details("TDACCF.EXE") + crlf; });
-  Step([&] { r += "Agent Desktop: " + details("TDACAD.EXE") + "{CRLF}{CRLF}"; });
-  Step([&] { r += "TDNTService Control: " + Dotted(details("SVCCTL.OCX")) + crlf; });
-  Step([&] {
+  Ignoring([&] { r += "Update Manager: " + details("UPDMGR.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Login Detector: " + details("TDACLD.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Configuration: " + details("TDACCF.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Desktop: " + details("TDACAD.EXE") + "{CRLF}{CRLF}"; });
+  Ignoring([&] { r += "TDNTService Control: " + Dotted(details("SVCCTL.OCX")) + crlf; });
+  Ignoring([&] {
     r += "TDCamCorder Control: " +
          (ComponentExists(agent.AppPath("SCRREC3.OCX")) ? details("SCRREC3.OCX") : details("SCRREC2.OCX")) + crlf;
   });
-  Step([&] { r += "Agent Client Remote Control: " + Dotted(details(rc + "TDACVC.EXE")) + crlf; });
-  Step([&] {
+  Ignoring([&] { r += "Agent Client Remote Control: " + Dotted(details(rc + "TDACVC.EXE")) + crlf; });
+  Ignoring([&] {
     r += "Agent Client Remote Library: " +
          Dotted(ComponentExists(agent.AppPath(rc + "RCHOOKS.DLL")) ? details(rc + "RCHOOKS.DLL")
                                                                    : details(rc + "rchooks2.dll")) +
          crlf;
   });
-  Step([&] { r += "Agent Client Remote Contro2: " + Dotted(details(rc + "TDACV2.EXE")) + crlf; });
-  Step([&] { r += "Agent Client Remote IP Port: " + ReadRemoteControlPort(agent) + "{CRLF}{CRLF}"; });
+  Ignoring([&] { r += "Agent Client Remote Contro2: " + Dotted(details(rc + "TDACV2.EXE")) + crlf; });
+  Ignoring([&] { r += "Agent Client Remote IP Port: " + ReadRemoteControlPort(agent) + "{CRLF}{CRLF}"; });
   r += " - - - - - - - - - - - - - - : " + crlf;
-  Step([&] { r += "Agent Client FTP Control: " + Dotted(details("FTPLIB2.DLL")) + crlf; });
+  Ignoring([&] { r += "Agent Client FTP Control: " + Dotted(details("FTPLIB2.DLL")) + crlf; });
 
   const Settings& s = agent.settings;
   r += "TD Server: " + Underscored(s.Server) + crlf;

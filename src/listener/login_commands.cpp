@@ -4,6 +4,7 @@
 
 #include <exception>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
@@ -17,31 +18,18 @@
 
 namespace tdacli::listener {
 
-namespace {
-
-// Each step's faults are ignored and the next step runs.
-template <typename F>
-void Step(F&& f) {
-  try {
-    f();
-  } catch (const std::exception&) {
-  }
-}
-
-}  // namespace
-
 void PerformRequestedLogin(Agent& agent, CommandReplies& replies) {
   // An earlier login's capture parameters still in place: that user is logged off first.
-  Step([&] {
+  Ignoring([&] {
     if (FileExists(agent.AppPath("100ScreenParam.TXT"))) DoUserLogOff(agent);
   });
   if (agent.Ended()) return;
-  Step([&] { LoadConfiguration(agent); });
-  Step([&] {
+  Ignoring([&] { LoadConfiguration(agent); });
+  Ignoring([&] {
     LogMessage(agent, "Received request from AgentExplorer at (" + replies.RemoteHostIP() + ") to perform a login.",
                "Trace");
   });
-  Step([&] { RunPostLoginSequence(agent); });
+  Ignoring([&] { RunPostLoginSequence(agent); });
 }
 
 void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
@@ -55,7 +43,7 @@ void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
 }
 
 void RequestTraceFile(Agent& agent) {
-  try {
+  Ignoring([&] {
     LogMessage(agent, "Agent Explorer Asked for Local Trace File, Calling TDACMT!", "Trace");
     agent.trace_file_reply.Expect();
     if (RuleSUsesFiles(agent))
@@ -68,8 +56,7 @@ void RequestTraceFile(Agent& agent) {
       LogMessage(agent, "TDACMT Replied With: " + agent.trace_file_reply.Text(), "Trace");
     else
       LogMessage(agent, "No Response From TDACMT!", "Error");
-  } catch (const std::exception&) {
-  }
+  });
 }
 
 void HandleGetTraceFile(Agent& agent, const std::string&, CommandReplies& replies) {

@@ -208,23 +208,13 @@ const ReplyRule& RuleFor(const Agent& agent, std::string_view data) {
   return Rules().back();
 }
 
-void Trapped(Agent& agent, long number, const std::string& description) {
-  LogMessage(agent,
-             "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(number) + ": " + description,
-             "Error");
-  agent.WriteLogin().ProtocolDone = true;
-}
-
+// The data-arrival trap: any error is logged in the handler's own wording and ends the exchange.
 template <typename Fn>
 void WithTrap(Agent& agent, Fn&& fn) {
-  try {
-    fn();
-  } catch (const SendFault& fault) {
-    Trapped(agent, fault.number, fault.what());
-  } catch (const std::exception& e) {
-    const TrappedError error = Describe(e);
-    Trapped(agent, error.number, error.description);
-  }
+  const auto text = [](const TrappedError& e) {
+    return "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(e.number) + ": " + e.description;
+  };
+  if (!TrapAndLog(agent, text, std::forward<Fn>(fn))) agent.WriteLogin().ProtocolDone = true;
 }
 
 }  // namespace

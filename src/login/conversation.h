@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/errors.h"
 #include "login/login_results.h"
 
 namespace tdacli {
@@ -19,9 +20,8 @@ class Agent;
 // A sink that cannot send throws SendFault, which the data-arrival trap logs like any run-time error.
 using RequestSink = std::function<void(std::string_view request)>;
 
-struct SendFault : std::runtime_error {
-  SendFault(int number, const std::string& description) : std::runtime_error(description), number(number) {}
-  int number;
+struct SendFault : NumberedError {
+  using NumberedError::NumberedError;
 };
 
 // The label of the first rule that matches `data` ("1", "1'", "2", ... "15"), in the order of testing.

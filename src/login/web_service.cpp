@@ -24,12 +24,6 @@ constexpr std::string_view kNoResponse = " - Received the following Response: NO
 constexpr int kInternetTries = 20;
 constexpr double kInternetPauseSeconds = 30;
 
-// A run-time error with the number and text of the classic error it stands for.
-struct NumberedError : std::runtime_error {
-  NumberedError(long number, const std::string& text) : std::runtime_error(text), number(number) {}
-  long number;
-};
-
 // Web answers may carry line breaks anywhere; none may reach a stored value (they would plant lines
 // in the settings and result files).
 std::string WithoutLineBreaks(std::string_view s) {
@@ -73,21 +67,11 @@ Fetched OpenUrl(Agent& agent, std::string_view routine, const std::string& url) 
 
 bool NoResponse(const Fetched& f) { return f.body.empty() || f.not_found || Contains(f.body, "HTTP 404"); }
 
+// The web-service routines' trap: their wording has a blank after "Routine:".
 template <typename Fn>
 void Trapped(Agent& agent, std::string_view routine, Fn&& fn) {
-  try {
-    fn();
-  } catch (const NumberedError& e) {
-    LogMessage(agent,
-               "Detected Error In " + std::string(routine) + "() Routine: " + std::to_string(e.number) + ", " + e.what(),
-               "Error");
-  } catch (const std::exception& e) {
-    const TrappedError error = Describe(e);
-    LogMessage(agent,
-               "Detected Error In " + std::string(routine) + "() Routine: " + std::to_string(error.number) + ", " +
-                   error.description,
-               "Error");
-  }
+  TrapAndLog(agent, [routine](const TrappedError& e) { return DetectedErrorIn(routine, e, " "); },
+             std::forward<Fn>(fn));
 }
 
 // The common part of the three login-service requests (steps 4 to 9 of the login): fetch, log, and

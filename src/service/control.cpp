@@ -36,7 +36,7 @@ void RunServiceMessageLogin(Agent& agent) {
 }
 
 void Service_Control(Agent& agent, int code) {
-  try {
+  TrapAndLog(agent, "Service_Control", [&] {
     switch (code) {
       case 128: RunServiceMessageLogin(agent); break;
       case 133: DoUserLogOff(agent); break;
@@ -50,12 +50,7 @@ void Service_Control(Agent& agent, int code) {
                        ") was recevied and discarded. The service does not recognize that request",
                    "Warning");
     }
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent,
-               "Detected Error In Service_Control() Routine:" + std::to_string(err.number) + ", " + err.description,
-               "Error");
-  }
+  });
 }
 
 }  // namespace tdacli

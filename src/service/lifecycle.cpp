@@ -23,19 +23,6 @@ namespace {
 
 constexpr const char* kTitle = "Tyndrel - By Marlock!";
 
-template <typename Fn>
-void Trap(Agent& agent, const char* routine, Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent,
-               std::string("Detected Error In ") + routine + "() Routine:" + std::to_string(err.number) + ", " +
-                   err.description,
-               "Error");
-  }
-}
-
 void ResetProcessValues(Agent& agent) {
   agent.date_format = "YYYY-MM-DD";
   agent.language_label = "English";
@@ -127,9 +114,7 @@ void Form_Load(Agent& agent) {
     }
     agent.EndProcess();
   } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent, "Detected Error In Form_Load() Routine:" + std::to_string(err.number) + ", " + err.description,
-               "Error");
+    LogMessage(agent, DetectedErrorIn("Form_Load", Describe(e)), "Error");
     agent.EndProcess();
   }
 }
@@ -149,7 +134,7 @@ void RefuseServiceStartInUserSessionMode(Agent& agent) {
 }
 
 void Form_QueryUnload(Agent& agent, bool& cancel) {
-  Trap(agent, "Form_QueryUnload", [&] {
+  TrapAndLog(agent, "Form_QueryUnload", [&] {
     if (agent.UserSessionMode()) {
       Service_Stop(agent);
       return;
@@ -160,7 +145,7 @@ void Form_QueryUnload(Agent& agent, bool& cancel) {
 }
 
 void Service_Start(Agent& agent) {
-  Trap(agent, "Service_Start", [&] {
+  TrapAndLog(agent, "Service_Start", [&] {
     ResetProcessValues(agent);
     agent.startup_timer.SetInterval(1000);
     agent.startup_timer.SetEnabled(true);
@@ -184,7 +169,7 @@ std::string BuildStartupBanner(Agent& agent) {
 }
 
 void LoadTimer_Timer(Agent& agent) {
-  Trap(agent, "LoadTimer_Timer", [&] {
+  TrapAndLog(agent, "LoadTimer_Timer", [&] {
     agent.startup_timer.SetInterval(0);
     agent.startup_timer.SetEnabled(false);
     ResetProcessValues(agent);
@@ -232,7 +217,7 @@ void LoadTimer_Timer(Agent& agent) {
 }
 
 void Service_Stop(Agent& agent) {
-  Trap(agent, "Service_Stop", [&] {
+  TrapAndLog(agent, "Service_Stop", [&] {
     LogMessage(agent, "TD Agent Client Login Service Stopped", "Information");
     WriteProgramTrace(agent, "**********", "Information");
     WriteProgramTrace(agent, "*  STOP  *", "Information");
@@ -242,7 +227,7 @@ void Service_Stop(Agent& agent) {
 }
 
 void Service_ShutDown(Agent& agent) {
-  Trap(agent, "Service_ShutDown", [&] {
+  TrapAndLog(agent, "Service_ShutDown", [&] {
     LogMessage(agent, "Windows Shutdown", "Trace");
     Service_Stop(agent);
   });

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "config/configuration.h"
@@ -23,15 +24,6 @@ namespace tdacli {
 namespace {
 
 constexpr int16_t kGiveUpAt = 16;  // one trigger file earns 16 attempts, although the text says 15
-
-// The poll routine goes on past any failing step.
-template <typename Fn>
-void Ignoring(Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::exception&) {
-  }
-}
 
 bool UsableLiveID(const std::string& id) { return !id.empty() && id != "0" && id != "-1"; }
 
