@@ -8,37 +8,15 @@
 #   console_linux.sh --tdacli F --standin F --login-server F --explorer F --fixtures DIR
 set -u
 
-TDACLI= STANDIN= LOGIN_SERVER= EXPLORER= FIXTURES=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --standin) STANDIN=$2; shift 2 ;;
-    --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    --explorer) EXPLORER=$2; shift 2 ;;
-    --fixtures) FIXTURES=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$EXPLORER" ] && [ -n "$FIXTURES" ] ||
-  { echo "missing arguments" >&2; exit 2; }
-
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+take_options tdacli=TDACLI standin=STANDIN login-server=LOGIN_SERVER explorer=EXPLORER fixtures=FIXTURES -- "$@"
 begin_run tdacli-console
 USER_NAME=jsmith
 fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
 explorer() { "$EXPLORER" "127.0.0.1:$PORT" "$@"; }
 
-mkdir -p "$APP"
-cp "$TDACLI" "$APP/tdacli"
-
-step "login server simulator on a loopback address of its own"
-start_login_server 300
-PIDS+=("$SERVER_PID")
-
-step "settings: the simulator, the user, a free listening port below 32768"
-PORT=$(free_port) || fail "no free port"
-settings_text "$PORT" ServiceMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
+prepare_login_run ServiceMessage
 
 step "components: version-resource images beside the agent"
 cp "$FIXTURES/full64.dll" "$APP/TDACLI.EXE"
@@ -47,20 +25,9 @@ mkdir -p "$APP/RC"
 cp "$FIXTURES/full32.dll" "$APP/RC/TDACVC.EXE"
 printf '%s\r\n' "[Config]" "ServerPort=5020" >"$APP/RC/TDACLM.INI"
 
-step "stand-ins for TDACMT (130 -> 131, 140 -> 141) and TDACSC"
-"$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131,140=141 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
-TDACMT_PID=$!
-PIDS+=("$TDACMT_PID")
-"$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &
-PIDS+=("$!")
-wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" || fail "the stand-ins did not open their endpoints"
-
-step "tdacli in its application folder"
-(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
-AGENT=$!
-PIDS+=("$AGENT")
-wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
-wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint TDACLI.svc"
+start_standins TDACMT:130=131,140=141 TDACSC
+TDACMT_PID=${STANDIN_PID_OF[TDACMT]}
+launch_service_agent
 has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
 
 SUCCESS="The Tyndrel Agent Client Successfully Logged in User ($USER_NAME).{CRLF}{CRLF}User has proper access to both temp folders."
@@ -75,7 +42,7 @@ in_order \
   "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
   "Trace in TDACLI: User has proper access to both temp folders"
 same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
-has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+server_heard STATUS0 || fail "no status report at the server"
 
 step "login again: the parameter file of the first login means a logoff first; the console's format"
 out=$(explorer login) || fail "second login: no reply ($?)"
@@ -84,7 +51,7 @@ The Tyndrel Agent Client Successfully Logged in User ($USER_NAME).
 
 User has proper access to both temp folders." ] || fail "second login printed: $out"
 same_bytes "$WORK/TDACSC.log" '130\r\n'
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff before the second login"
+server_heard "Logoff$USER_NAME:[0-9.]+" || fail "no logoff before the second login"
 
 step "gettracefile: TDACMT answers 141"
 out=$(explorer --raw gettracefile) || fail "gettracefile: no reply ($?)"
@@ -132,7 +99,7 @@ out=$("$EXPLORER" control TDACLI 77 --app-dir "$APP" 2>&1)
 
 step "gettracefile without TDACMT: about 11 seconds, then 0"
 kill -TERM "$TDACMT_PID"
-wait_for 20 bash -c "! kill -0 $TDACMT_PID" || fail "the TDACMT stand-in did not stop"
+wait_for 20 ended "$TDACMT_PID" || fail "the TDACMT stand-in did not stop"
 out=$(explorer --raw --timeout 30 gettracefile) || fail "gettracefile without TDACMT: no reply ($?)"
 [ "$out" = "|GETTRACEFILE|<Status>0" ] || fail "gettracefile without TDACMT: $out"
 has_message "Error in TDACLI: No Response From TDACMT!" || fail "no error line for the missing answer"
@@ -144,8 +111,7 @@ echo "gettracefile without TDACMT: $took s between the agent's stamps"
 [ "$took" -ge 10 ] && [ "$took" -le 13 ] || fail "gettracefile without TDACMT waited $took s, expected 11"
 
 step "stop"
-kill -TERM "$AGENT"
-wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
+term_agent
 stop_all
 
 echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"

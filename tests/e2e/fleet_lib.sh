@@ -128,6 +128,46 @@ rtt_json() {
   sed -E 's/^(      "rtt_ms": )[0-9]+,$/\1RTT,/; s/^(  "time": )"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}",$/\1"TIME",/' "$1"
 }
 
+# The host file of agents 1..N, after the comment line "# $1".
+write_hosts_file() {
+  local i
+  {
+    echo "# $1"
+    for i in $(seq 1 "$N"); do echo "127.0.0.1:${PORT[i]}"; done
+  } >"$WORK/hosts.txt"
+}
+# The port of fleet-peers' host of the kind $1 (its ports file has CR LF under Wine).
+peer() { tr -d '\r' <"$WORK/peers.txt" | awk -v n="$1" '$1 == n { print $2 }'; }
+read_peers() { SILENT=$(peer silent) WRONG=$(peer wrong) FLOOD=$(peer flood) TRICKLE=$(peer trickle); }
+
+# getinfo over $HOSTS as $1 (table, csv or json) with the time-out $2: exit code 1, and the output is
+# what agents 1..N and OTHERS give (the round-trip times and the time stamp aside). $3: the function
+# that compares standard error with $SUMMARY (same_text's arguments), or "" to leave it unchecked;
+# further arguments: the JSON summary's counts after "ok" (expected_json's).
+getinfo_as() {
+  local format=$1 timeout=$2 same_err=$3 rc t0 what args=(--format "$1")
+  shift 3
+  case $format in
+    table) what=table args=() ;;
+    csv) what=CSV ;;
+    json) what=JSON ;;
+  esac
+  step "getinfo as ${what/table/a table}"
+  t0=$(date +%s%N)
+  fleet getinfo --hosts "$HOSTS" --timeout "$timeout" "${args[@]}" >"$WORK/out.$format" 2>"$WORK/err.$format"
+  rc=$?
+  echo "getinfo over $((N + ${#OTHERS[@]})) hosts: $(( ($(date +%s%N) - t0) / 1000000 )) ms"
+  [ $rc -eq 1 ] || fail "getinfo ${args[*]}: exit code $rc"
+  [ -z "$same_err" ] || "$same_err" "$WORK/err.$format" "$SUMMARY
+" "standard error of getinfo${args[*]:+ ${args[*]}}"
+  case $format in
+    table) table_cells "$WORK/out.table" >"$WORK/table.txt"; expected_cells >"$WORK/table.expected" ;;
+    csv) rtt_csv "$WORK/out.csv" >"$WORK/csv.txt"; expected_csv >"$WORK/csv.expected" ;;
+    json) rtt_json "$WORK/out.json" >"$WORK/json.txt"; expected_json "$@" >"$WORK/json.expected" ;;
+  esac
+  same_output "$WORK/$format.txt" "$WORK/$format.expected" "the $what"
+}
+
 # The two set steps of a run: without --apply the change is shown and no settings file changes; with
 # it every answering agent stores the new server and the refusing one keeps its own. $1: the
 # time-out; $2: the function that compares standard error with a text (same_text's arguments).

@@ -10,23 +10,13 @@
 #   fleet_linux.sh --tdacli F --explorer F --peers F --fixtures DIR [--agents N]
 set -u
 
-TDACLI= EXPLORER= PEERS= FIXTURES= N=200
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --explorer) EXPLORER=$2; shift 2 ;;
-    --peers) PEERS=$2; shift 2 ;;
-    --fixtures) FIXTURES=$2; shift 2 ;;
-    --agents) N=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$EXPLORER" ] && [ -n "$PEERS" ] && [ -n "$FIXTURES" ] || { echo "missing arguments" >&2; exit 2; }
-[ "$N" -ge 8 ] || { echo "--agents: at least 8" >&2; exit 2; }
 export LC_ALL=C
 
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+N=200
+take_options tdacli=TDACLI explorer=EXPLORER peers=PEERS fixtures=FIXTURES agents=N? -- "$@"
+[ "$N" -ge 8 ] || { echo "--agents: at least 8" >&2; exit 2; }
 begin_run tdacli-fleet
 # KEEP_WORK=1 keeps the scratch folder for a look after the run (the programs are stopped all the same).
 [ -n "${KEEP_WORK:-}" ] && trap "stop_all" EXIT
@@ -48,18 +38,14 @@ step "peers that are no agents, and ports where nothing listens"
 "$PEERS" --ports-file "$WORK/peers.txt" --exit-after 300 2>"$WORK/peers.err" &
 PIDS+=("$!")
 wait_for 20 test -s "$WORK/peers.txt" || fail "fleet-peers did not start"
-peer() { awk -v n="$1" '$1 == n { print $2 }' "$WORK/peers.txt"; }
-SILENT=$(peer silent) WRONG=$(peer wrong) FLOOD=$(peer flood) TRICKLE=$(peer trickle)
+read_peers
 DEAD1=$(free_port) DEAD2=$(free_port)
 while [ "$DEAD2" = "$DEAD1" ] || [ -n "${TAKEN[$DEAD1]:-}" ] || [ -n "${TAKEN[$DEAD2]:-}" ]; do
   DEAD1=$(free_port) DEAD2=$(free_port)
 done
 
 # The floor in a host file; the others (and one agent again) on the command line.
-{
-  echo "# third floor"
-  for i in $(seq 1 "$N"); do echo "127.0.0.1:${PORT[i]}"; done
-} >"$WORK/hosts.txt"
+write_hosts_file "third floor"
 HOSTS="@$WORK/hosts.txt,127.0.0.1:$DEAD1,127.0.0.1:${PORT[1]},127.0.0.1:$SILENT,127.0.0.1:$WRONG"
 HOSTS+=",127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE,127.0.0.1:${PORT[0]},127.0.0.1:$DEAD2"
 OTHERS=("$DEAD1 refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: reply too long" "$TRICKLE timeout"
@@ -67,35 +53,9 @@ OTHERS=("$DEAD1 refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: 
 TOTAL=$((N + 7))
 SUMMARY="$TOTAL hosts: $N ok, 2 timeout, 2 refused, 1 closed, 1 not-an-agent, 1 error"
 
-step "getinfo as a table"
-t0=$(date +%s%N)
-fleet getinfo --hosts "$HOSTS" --timeout 2 >"$WORK/out.table" 2>"$WORK/err.table"
-rc=$?
-echo "getinfo over $TOTAL hosts: $(( ($(date +%s%N) - t0) / 1000000 )) ms"
-[ $rc -eq 1 ] || fail "getinfo with hosts that did not answer: exit code $rc"
-same_text "$WORK/err.table" "$SUMMARY
-" "standard error of getinfo"
-table_cells "$WORK/out.table" >"$WORK/cells.txt"
-expected_cells >"$WORK/cells.expected"
-same_output "$WORK/cells.txt" "$WORK/cells.expected" "the table"
-
-step "getinfo as CSV"
-fleet getinfo --hosts "$HOSTS" --timeout 2 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
-rc=$?
-[ $rc -eq 1 ] || fail "getinfo --format csv: exit code $rc"
-same_text "$WORK/err.csv" "$SUMMARY
-" "standard error of getinfo --format csv"
-rtt_csv "$WORK/out.csv" >"$WORK/csv.txt"
-expected_csv >"$WORK/csv.expected"
-same_output "$WORK/csv.txt" "$WORK/csv.expected" "the CSV"
-
-step "getinfo as JSON"
-fleet getinfo --hosts "$HOSTS" --timeout 2 --format json >"$WORK/out.json" 2>"$WORK/err.json"
-rc=$?
-[ $rc -eq 1 ] || fail "getinfo --format json: exit code $rc"
-rtt_json "$WORK/out.json" >"$WORK/json.txt"
-expected_json '"timeout": 2' '"refused": 2' '"closed": 1' '"not-an-agent": 1' '"error": 1' >"$WORK/json.expected"
-same_output "$WORK/json.txt" "$WORK/json.expected" "the JSON"
+getinfo_as table 2 same_text
+getinfo_as csv 2 same_text
+getinfo_as json 2 "" '"timeout": 2' '"refused": 2' '"closed": 1' '"not-an-agent": 1' '"error": 1'
 
 step "getver: the component report's rows as columns"
 fleet getver --hosts "127.0.0.1:${PORT[8]},127.0.0.1:${PORT[9]},127.0.0.1:$DEAD1" --format csv >"$WORK/out.getver" \

@@ -9,31 +9,19 @@
 #   fleet_wine.sh --tdacli HOST-PROGRAM --explorer EXE --peers EXE --wine-run SCRIPT --prefix DIR [--agents N]
 set -u
 
-TDACLI= EXPLORER= PEERS= WINE_RUN= PREFIX= N=8
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --explorer) EXPLORER=$2; shift 2 ;;
-    --peers) PEERS=$2; shift 2 ;;
-    --wine-run) WINE_RUN=$2; shift 2 ;;
-    --prefix) PREFIX=$2; shift 2 ;;
-    --agents) N=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$EXPLORER" ] && [ -n "$PEERS" ] && [ -n "$WINE_RUN" ] && [ -n "$PREFIX" ] ||
-  { echo "missing arguments" >&2; exit 2; }
-[ "$N" -ge 8 ] || { echo "--agents: at least 8" >&2; exit 2; }
 export LC_ALL=C
 
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+N=8
+take_options tdacli=TDACLI explorer=EXPLORER peers=PEERS wine-run=WINE_RUN prefix=PREFIX agents=N? -- "$@"
+[ "$N" -ge 8 ] || { echo "--agents: at least 8" >&2; exit 2; }
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/wine_lib.sh"
 # shellcheck source=tests/e2e/fleet_lib.sh
 source "$(dirname "$0")/fleet_lib.sh"
 begin_run tdacli-fleet-wine
 fail() { fail_showing "$*" "$WORK"/err.* "$WORK"/peers.err "$WORK"/diff.txt; }
-wine_run() { "$WINE_RUN" "--prefix=$PREFIX" "$@"; }
-winpath() { wine_run winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 fleet() { wine_run "$EXPLORER" fleet "$@"; }
 # Standard error is a text stream on Windows (CR LF); standard output is written in binary.
 same_err() {
@@ -51,15 +39,11 @@ PEERS_FILE=$(winpath "$WORK/peers.txt")
 wine_run "$PEERS" --ports-file "$PEERS_FILE" --exit-after 240 </dev/null >/dev/null 2>"$WORK/peers.err" &
 PIDS+=("$!")
 wait_for 60 test -s "$WORK/peers.txt" || fail "fleet-peers.exe did not start"
-peer() { tr -d '\r' <"$WORK/peers.txt" | awk -v n="$1" '$1 == n { print $2 }'; }
-SILENT=$(peer silent) WRONG=$(peer wrong) FLOOD=$(peer flood) TRICKLE=$(peer trickle)
+read_peers
 DEAD=$(free_port)
 while [ -n "${TAKEN[$DEAD]:-}" ]; do DEAD=$(free_port); done
 
-{
-  echo "# the floor"
-  for i in $(seq 1 "$N"); do echo "127.0.0.1:${PORT[i]}"; done
-} >"$WORK/hosts.txt"
+write_hosts_file "the floor"
 HOSTS_FILE=$(winpath "$WORK/hosts.txt")
 HOSTS="@$HOSTS_FILE,127.0.0.1:$DEAD,127.0.0.1:$SILENT,127.0.0.1:$WRONG,127.0.0.1:$FLOOD,127.0.0.1:$TRICKLE"
 HOSTS+=",127.0.0.1:${PORT[0]},127.0.0.1:${PORT[1]}"
@@ -67,32 +51,10 @@ OTHERS=("$DEAD refused" "$SILENT timeout" "$WRONG not-an-agent" "$FLOOD error: r
   "${PORT[0]} closed")
 SUMMARY="$((N + 6)) hosts: $N ok, 2 timeout, 1 refused, 1 closed, 1 not-an-agent, 1 error"
 
-step "getinfo as a table"
-fleet getinfo --hosts "$HOSTS" --timeout 3 >"$WORK/out.table" 2>"$WORK/err.table"
-rc=$?
-[ $rc -eq 1 ] || fail "getinfo: exit code $rc"
-same_err "$WORK/err.table" "$SUMMARY
-" "standard error of getinfo"
+getinfo_as table 3 same_err
 grep -q $'\r' "$WORK/out.table" && fail "the table holds a carriage return"
-table_cells "$WORK/out.table" >"$WORK/cells.txt"
-expected_cells >"$WORK/cells.expected"
-same_output "$WORK/cells.txt" "$WORK/cells.expected" "the table"
-
-step "getinfo as CSV"
-fleet getinfo --hosts "$HOSTS" --timeout 3 --format csv >"$WORK/out.csv" 2>"$WORK/err.csv"
-rc=$?
-[ $rc -eq 1 ] || fail "getinfo --format csv: exit code $rc"
-rtt_csv "$WORK/out.csv" >"$WORK/csv.txt"
-expected_csv >"$WORK/csv.expected"
-same_output "$WORK/csv.txt" "$WORK/csv.expected" "the CSV"
-
-step "getinfo as JSON"
-fleet getinfo --hosts "$HOSTS" --timeout 3 --format json >"$WORK/out.json" 2>"$WORK/err.json"
-rc=$?
-[ $rc -eq 1 ] || fail "getinfo --format json: exit code $rc"
-rtt_json "$WORK/out.json" >"$WORK/json.txt"
-expected_json '"timeout": 2' '"refused": 1' '"closed": 1' '"not-an-agent": 1' '"error": 1' >"$WORK/json.expected"
-same_output "$WORK/json.txt" "$WORK/json.expected" "the JSON"
+getinfo_as csv 3 ""
+getinfo_as json 3 "" '"timeout": 2' '"refused": 1' '"closed": 1' '"not-an-agent": 1' '"error": 1'
 
 check_set_dry_and_apply 3 same_err
 

@@ -16,6 +16,31 @@ fail_showing() {
   done
   exit 1
 }
+# Takes the command line's "--option value" pairs into variables. Each spec "option=VAR" names an
+# option that must be given, "option=VAR?" one that may be left out (VAR keeps the value it has); then
+# "--" and the arguments:  take_options tdacli=TDACLI agents=N? -- "$@"
+# An unknown option or a missing one ends the run with exit code 2.
+take_options() {
+  local -A var_of=()
+  local required=() spec option
+  while [ "$1" != -- ]; do
+    option=${1%%=*} spec=${1#*=}
+    shift
+    var_of[$option]=${spec%\?}
+    [ "$spec" != "${spec%\?}" ] || { required+=("$spec"); printf -v "$spec" '%s' ""; }
+  done
+  shift
+  while [ $# -gt 0 ]; do
+    option=${1#--}
+    [ "$option" != "$1" ] && [ -n "${var_of[$option]:-}" ] && [ $# -ge 2 ] ||
+      { echo "unknown argument $1" >&2; exit 2; }
+    printf -v "${var_of[$option]}" '%s' "$2"
+    shift 2
+  done
+  for spec in "${required[@]}"; do
+    [ -n "${!spec}" ] || { echo "missing arguments" >&2; exit 2; }
+  done
+}
 
 # A run of programs on Linux: a scratch folder $WORK named after $1 with the application folder $APP
 # in it, and PIDS, the programs to stop; at exit they are stopped and the folder removed.
@@ -39,6 +64,64 @@ stop_all() {
 end_run() {
   stop_all
   rm -rf "$WORK"
+}
+# What became of a code sent with `agent-explorer control` ("code 128 sent to TDACLI", or why not);
+# wine_lib.sh has the one of the runs under Wine.
+control() { "$EXPLORER" control "$1" "$2" --app-dir "$APP"; }
+
+# The agent's folder $APP with a copy of $TDACLI and a console-made settings file: the user $USER_NAME
+# against $SERVER, the notification method $1, a free listening port PORT below 32768.
+prepare_agent() {
+  step "settings: the server, the user, the $1 method, a free listening port below 32768"
+  mkdir -p "$APP"
+  cp "$TDACLI" "$APP/tdacli"
+  PORT=$(free_port) || fail "no free port"
+  settings_text "$PORT" "$1" "$WORK/temp" >"$APP/TDRegInfo.TXT"
+}
+# prepare_agent's $1 against the login server simulator, which is stopped with the run.
+prepare_login_run() {
+  step "login server simulator on a loopback address of its own"
+  start_login_server 300
+  PIDS+=("$SERVER_PID")
+  prepare_agent "$1"
+}
+# Starts a sibling stand-in in $APP for each argument "NAME" or "NAME:ANSWERS" (130=131,...), each
+# writing what it hears to $WORK/NAME.log, and waits for their endpoints. STANDIN_PID_OF[NAME] is its
+# process; all are stopped with the run.
+start_standins() {
+  local spec name answer
+  declare -gA STANDIN_PID_OF=()
+  step "stand-ins (name:answers) $*"
+  for spec; do
+    name=${spec%%:*} answer=()
+    [ "$name" = "$spec" ] || answer=(--answer "${spec#*:}")
+    "$STANDIN" --name "$name" --app-dir "$APP" "${answer[@]}" --log "$WORK/$name.log" 2>"$WORK/$name.err" &
+    STANDIN_PID_OF[$name]=$!
+    PIDS+=("$!")
+  done
+  endpoints_open() { local n; for n in "${!STANDIN_PID_OF[@]}"; do [ -S "$APP/$n.svc" ] || return 1; done; }
+  wait_for 20 endpoints_open || fail "the stand-ins did not open their endpoints"
+}
+# Starts the agent in $APP as AGENT, its output in $WORK/tdacli.log (stopped with the run), and waits
+# for the trace message $1. Further arguments: the command that starts it, ./tdacli unless given.
+launch_agent() {
+  local banner=$1
+  shift
+  step "tdacli in its application folder"
+  (cd "$APP" && exec "${@:-./tdacli}") >"$WORK/tdacli.log" 2>&1 &
+  AGENT=$!
+  PIDS+=("$AGENT")
+  wait_for 60 has_message "$banner" || fail "no start-up banner"
+}
+# launch_agent for the agent run as a service: its banner, then its control endpoint.
+launch_service_agent() {
+  launch_agent "Running As: WinService" "$@"
+  wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint TDACLI.svc"
+}
+# SIGTERM to the agent, which ends within 30 seconds.
+term_agent() {
+  kill -TERM "$AGENT"
+  wait_for 30 ended "$AGENT" || fail "the agent did not stop"
 }
 
 # Polls (10 times a second, at most $1 seconds) until the command succeeds.
@@ -81,6 +164,48 @@ stamps_of() {
 }
 has_line() { [ -f "$1" ] && tr -d '\r' <"$1" | grep -qE -- "$2"; }
 alive() { kill -0 "$1" 2>/dev/null; }
+ended() { ! alive "$1"; }
+# A trace message holds the text $1.
+trace_says() { messages | grep -qF -- "$1"; }
+# The login server simulator heard the line matching $1 (extended regular expression) from the agent.
+server_heard() { has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> $1\$"; }
+# No Error line in the trace.
+no_errors_logged() { ! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"; }
+# Code $1 goes to TDACLI through the script's control(), and is sent.
+send_code() {
+  local out
+  out=$(control TDACLI "$1")
+  [ "$out" = "code $1 sent to TDACLI" ] || fail "code $1 not delivered: $out"
+}
+# The process $1, a child of this shell, ends within $2 seconds with exit status 0.
+ends_with_status_0() {
+  local rc
+  wait_for "$2" ended "$1" || fail "still running after $2 s"
+  wait "$1"
+  rc=$?
+  [ "$rc" -eq 0 ] || fail "exit status $rc"
+}
+# A "STOP=MySelf" request file ends the agent AGENT within $1 seconds: exit status 0, the request's
+# trace line last, no STOP banner, no request file left.
+stop_myself() {
+  request "STOP=MySelf" stop
+  ends_with_status_0 "$AGENT" "$1"
+  [ "$(messages | tail -n 1)" = "Trace in TDACLI: Processed Message Request: STOP=MySelf" ] ||
+    fail "the trace ends with: $(messages | tail -n 1)"
+  ! messages | grep -qF '*  STOP  *' || fail "the STOP banner was written"
+  ! ls "$APP"/*.TDACLI >/dev/null 2>&1 || fail "request files left: $(ls "$APP"/*.TDACLI)"
+}
+# The trace ends with the STOP banner.
+ends_with_stop_banner() {
+  [ "$(messages | tail -n 4)" = "Information in TDACLI: TD Agent Client Login Service Stopped
+Information in TDACLI: **********
+Information in TDACLI: *  STOP  *
+Information in TDACLI: **********" ]
+}
+# Drops a request file for the agent, named as the siblings name theirs.
+request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }
+# The greeting of the listener on $1.
+greeting() { (exec 3<>"/dev/tcp/127.0.0.1/$1" && timeout 5 head -c 7 <&3) 2>/dev/null; }
 # The messages appear in this order in the trace (other lines may come in between).
 in_order() {
   local all want at start=1

@@ -11,39 +11,18 @@
 #   login_linux.sh --tdacli F --standin F --login-server F --explorer F
 set -u
 
-TDACLI= STANDIN= LOGIN_SERVER= EXPLORER=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --standin) STANDIN=$2; shift 2 ;;
-    --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    --explorer) EXPLORER=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] && [ -n "$EXPLORER" ] ||
-  { echo "missing arguments" >&2; exit 2; }
-
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+# shellcheck source=tests/e2e/login_lib.sh
+source "$(dirname "$0")/login_lib.sh"
+take_options tdacli=TDACLI standin=STANDIN login-server=LOGIN_SERVER explorer=EXPLORER -- "$@"
 begin_run tdacli-e2e
 USER_NAME=jsmith
 fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
-# agent-explorer says what became of the code ("code 128 sent to TDACLI", or why not).
-control() { "$EXPLORER" control "$1" "$2" --app-dir "$APP"; }
 
-mkdir -p "$APP"
-cp "$TDACLI" "$APP/tdacli"
+prepare_login_run ServiceMessage
 
-step "login server simulator on a loopback address of its own"
-start_login_server 300
-PIDS+=("$SERVER_PID")
-
-step "settings: the simulator, the user, a free listening port below 32768"
-PORT=$(free_port) || fail "no free port"
-settings_text "$PORT" ServiceMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
-
-step "stand-ins for TDACMT (130 -> 131) and TDACSC"
+step "stand-ins with bad arguments refuse to start"
 for bad in "--answer 130" "--answer 130=1310" "--answer 130=131," "--answer =131" "--log" "--name"; do
   # shellcheck disable=SC2086
   timeout 10 "$STANDIN" --name TDACMT --app-dir "$APP" $bad 2>/dev/null
@@ -51,24 +30,14 @@ for bad in "--answer 130" "--answer 130=1310" "--answer 130=131," "--answer =131
   [ $rc -eq 2 ] || fail "sibling-standin $bad: exit code $rc, expected 2"
 done
 [ ! -e "$APP/TDACMT.svc" ] || fail "a stand-in with bad arguments opened its endpoint"
-"$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
-PIDS+=("$!")
-"$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &
-PIDS+=("$!")
-wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" || fail "the stand-ins did not open their endpoints"
+start_standins TDACMT:130=131 TDACSC
 
-step "tdacli in its application folder"
-(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
-AGENT=$!
-PIDS+=("$AGENT")
-wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
-wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint TDACLI.svc"
+launch_service_agent
 has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
 has_message "TD Server: $SERVER(Port: 5003)" || fail "the banner names another server"
 
 step "code 128: the user logs in"
-out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
-[ "$out" = "code 128 sent to TDACLI" ] || fail "code 128: $out"
+send_code 128
 # 131 is the last message of the chain.
 wait_for 60 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
@@ -77,23 +46,17 @@ in_order \
   "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User ($USER_NAME) to Server ($SERVER)" \
   "Trace in TDACLI: Sending message 130 to TDACMT Service" \
   "Trace in TDACLI: User has proper access to both temp folders"
-! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+no_errors_logged
 ! messages | grep -qF 'WIPE OUT' || fail "the login wiped capture activity out"
-same_bytes "$APP/TDACFTP.INI" '%s\r\n' "[Tyndrel - Agent Client - FTP Credentials]" "" "[Config]" \
-  'ServerTemp=\\fs01\tdtemp\' "FTPServer=ftp.example.com" "UserName=tduser" "EncryptedPassword=9F8E7D6C" \
-  "Port=21" "Ssl=False" "AuthTLS=False" "Passive=False" "PassiveUseHostAddr=False" "Protocol=FTP"
-same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=127.0.0."
-same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
-same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-0001"
-same_bytes "$APP/UseWebCam.TXT" '%s\r\n' "WEBCAM=True"
+same_login_files
 # The local temp folder named by the server was made, and the settings file keeps both folders.
 [ -d "$APP/capture" ] || fail "local temp folder $APP/capture not made"
 has_line "$APP/TDRegInfo.TXT" "^LocalTemp=$APP/capture\$" || fail "TDRegInfo.TXT: $(tr -d '\r' <"$APP/TDRegInfo.TXT")"
 has_line "$APP/TDRegInfo.TXT" '^SvrTemp=\\\\fs01\\tdtemp\\$' || fail "TDRegInfo.TXT: $(tr -d '\r' <"$APP/TDRegInfo.TXT")"
 # The server heard the login and then the status report.
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
+server_heard "ID$USER_NAME" || fail "no login at the server"
 has_line "$WORK/transcript.txt" '^\[[0-9]+\] S> TDLIVEID=48213:10.1.2.3:5020:T$' || fail "no live id sent"
-has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+server_heard STATUS0 || fail "no status report at the server"
 login_line=$(tr -d '\r' <"$WORK/transcript.txt" | grep -nE "C> ID$USER_NAME\$" | head -n 1 | cut -d: -f1)
 status_line=$(tr -d '\r' <"$WORK/transcript.txt" | grep -nE 'C> STATUS0$' | head -n 1 | cut -d: -f1)
 [ "$login_line" -lt "$status_line" ] || fail "the status report came before the login"
@@ -110,8 +73,7 @@ printf 'x' >"$FRAMES/notes.TXT"
 # Noon five calendar days ago: the age is a difference of calendar days in local time.
 touch -d "$(date -d '5 days ago' +%Y-%m-%d) 12:00:00" "$FRAMES/20261101-old.TVF" "$FRAMES/20261101-old.TDK" \
   "$FRAMES/notes.TXT"
-out=$(control TDACLI 133) || fail "code 133 not delivered: $out"
-[ "$out" = "code 133 sent to TDACLI" ] || fail "code 133: $out"
+send_code 133
 wait_for 60 has_line "$WORK/TDACSC.log" '^130$' || fail "TDACSC never heard 130"
 same_bytes "$WORK/TDACSC.log" '130\r\n'
 in_order \
@@ -125,39 +87,17 @@ for f in 20261101-old.TDK 20261101-old.TVF; do
     fail "no trace line for the deletion of $f"
 done
 [ "$(cd "$FRAMES" && ls | sort | tr '\n' ' ')" = "notes.TXT today.TVF.ENC " ] || fail "frames left: $(ls "$FRAMES")"
-! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
+no_errors_logged
+server_heard "Logoff$USER_NAME:[0-9.]+" || fail "no logoff at the server"
 has_line "$WORK/transcript.txt" '^\[[0-9]+\] S> LOGOFF=OKAY$' || fail "the server did not accept the logoff"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
 
-step "code 128 for a user whose server answers hold a NUL: each stored value is cut there"
-sed -i "s/^CurrentUser=.*\r\$/CurrentUser=nuluser\r/" "$APP/TDRegInfo.TXT"
-out=$(control TDACLI 128) || fail "code 128 not delivered: $out"
-# The web-cam trigger is the last file of the post-login work; the first login wrote one line already.
-second_post_login() { [ "$(messages | grep -cF 'Trace in TDACLI: WebCam Enabled, Making Trigger File')" -eq 2 ]; }
-wait_for 60 second_post_login || fail "the login of nuluser did not run its post-login work"
+nuluser_login 60 tdacli
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n130\r\n131\r\n'
-has_message "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (nuluser) to Server ($SERVER)" ||
-  fail "nuluser was not logged in"
-same_bytes "$APP/TDIPMASK.INI" '%s\r\n' "[Tyndrel - Agent Client - Valid IP Mask]" "" "[Config]" "IPMask=10.9."
-same_bytes "$APP/100Screen.KEK" '%s\r\n' "KEK-9"
-same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010"
-for name in IPMask KekInfo HundredScreensParam; do
-  [ "$(messages | grep -cxF "Warning in TDACLI: The value of ($name) held a line break and was cut at it.")" -eq 1 ] ||
-    fail "not one Warning line for $name"
-done
-while IFS= read -r -d '' f; do
-  [ "$(tr -cd '\000' <"$f" | wc -c)" -eq 0 ] || fail "a NUL reached $f"
-done < <(find "$APP" -type f ! -name '*-TraceFile.TXT' ! -name '*-Error.LOG' ! -name tdacli -print0)
-! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"
 
 step "stop: SIGTERM ends the agent with its STOP banner"
-kill -TERM "$AGENT"
-wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
-[ "$(messages | tail -n 4)" = "Information in TDACLI: TD Agent Client Login Service Stopped
-Information in TDACLI: **********
-Information in TDACLI: *  STOP  *
-Information in TDACLI: **********" ] || fail "the trace does not end with the STOP banner"
+term_agent
+ends_with_stop_banner || fail "the trace does not end with the STOP banner"
 [ ! -e "$APP/TDACLI.svc" ] || fail "the control endpoint outlived the agent"
 stop_all
 [ ! -e "$APP/TDACMT.svc" ] && [ ! -e "$APP/TDACSC.svc" ] || fail "a stand-in's endpoint outlived it"

@@ -11,47 +11,17 @@
 #   trigger_files_linux.sh --tdacli F --standin F --login-server F
 set -u
 
-TDACLI= STANDIN= LOGIN_SERVER=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --standin) STANDIN=$2; shift 2 ;;
-    --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] || { echo "missing arguments" >&2; exit 2; }
-
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+take_options tdacli=TDACLI standin=STANDIN login-server=LOGIN_SERVER -- "$@"
 begin_run tdacli-e2e-triggers
 USER_NAME=jsmith
 fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
 count_message() { messages | grep -cxF -- "$1"; }
 
-mkdir -p "$APP"
-cp "$TDACLI" "$APP/tdacli"
-
-step "login server simulator on a loopback address of its own"
-start_login_server 300
-PIDS+=("$SERVER_PID")
-
-step "settings: the simulator, the user, the FileMessage method, a free listening port"
-PORT=$(free_port) || fail "no free port"
-settings_text "$PORT" FileMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
-
-step "stand-ins for TDACMT (130 -> 131) and TDACSC"
-"$STANDIN" --name TDACMT --app-dir "$APP" --answer 130=131 --log "$WORK/TDACMT.log" 2>"$WORK/TDACMT.err" &
-PIDS+=("$!")
-"$STANDIN" --name TDACSC --app-dir "$APP" --log "$WORK/TDACSC.log" 2>"$WORK/TDACSC.err" &
-PIDS+=("$!")
-wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" || fail "the stand-ins did not open their endpoints"
-
-step "tdacli in its application folder"
-(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
-AGENT=$!
-PIDS+=("$AGENT")
-wait_for 60 has_message "Notification Method: FileMessage" || fail "no start-up banner"
+prepare_login_run FileMessage
+start_standins TDACMT:130=131 TDACSC
+launch_agent "Notification Method: FileMessage"
 
 step "PerformLogin.TXT: the user logs in and the file goes"
 : >"$APP/PerformLogin.TXT"
@@ -67,12 +37,12 @@ in_order \
   "Trace in TDACLI: Saved [TDLiveID=48213] to [$APP/TDLiveID.INI]" \
   "Trace in TDACLI: Sending message 130 to TDACMT Service" \
   "Trace in TDACLI: User has proper access to both temp folders"
-! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+no_errors_logged
 same_bytes "$APP/TDLiveID.INI" '%s\r\n' "[LiveID]" "TDLiveID=48213" "RepeaterIP=10.1.2.3" "RepeaterPort=5020" \
   "PeerToPeerCapable=True"
 same_bytes "$APP/100ScreenParam.TXT" '%s\r\n' "SCR:010|ATLOGO:2|010|001"
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
-has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+server_heard "ID$USER_NAME" || fail "no login at the server"
+server_heard STATUS0 || fail "no status report at the server"
 
 step "PerformLogoff.TXT: the user logs off and the file goes"
 : >"$APP/PerformLogoff.TXT"
@@ -83,7 +53,7 @@ in_order \
   "Trace in TDACLI: Received notification user ($USER_NAME) just logged off." \
   "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User ($USER_NAME) to Server ($SERVER)" \
   "Trace in TDACLI: Deleted File After LogOff [$APP/PerformLogoff.TXT]"
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> Logoff$USER_NAME:[0-9.]+\$" || fail "no logoff at the server"
+server_heard "Logoff$USER_NAME:[0-9.]+" || fail "no logoff at the server"
 wait_for 20 has_line "$WORK/TDACSC.log" '^130$' || fail "TDACSC never heard 130"
 
 step "the server stopped: the login fails, the retry is announced and the file stays"
@@ -99,16 +69,15 @@ has_message "Error in TDACLI: Login Attempt - Timeout connecting socket for logi
 # The next attempt follows the 15-s wait and the 3-s interval: 18 s between the agent's own stamps of
 # the announcement and of the attempt, give or take the trace's one-second resolution.
 retry_line="Trace in TDACLI: LOGIN NOT OKAY, Delaying 15 Seconds, Trying Again [Attempt=1]."
-wait_for 60 bash -c "[ \$(sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' '$(program_trace)' | tr -d '\r' | grep -cxF -- '$login_line') -ge 3 ]" ||
-  fail "no second attempt"
+third_login() { [ "$(count_message "$login_line")" -ge 3 ]; }
+wait_for 60 third_login || fail "no second attempt"
 waited=$(( $(stamp_of "$login_line" 3) - $(stamp_of "$retry_line") ))
 echo "second attempt $waited s after the retry was announced (agent's stamps)"
 [ "$waited" -ge 17 ] && [ "$waited" -le 20 ] || fail "the second attempt came $waited s after the retry was announced, expected 18"
 [ -e "$APP/PerformLogin.TXT" ] || fail "PerformLogin.TXT went during the retries"
 
 step "stop: SIGTERM ends the agent with its STOP banner"
-kill -TERM "$AGENT"
-wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
+term_agent
 [ "$(messages | tail -n 1)" = "Information in TDACLI: **********" ] || fail "the trace does not end with the STOP banner"
 stop_all
 

@@ -8,20 +8,10 @@
 #   untrusted_input_linux.sh --tdacli F --abuse F [--burst N] [--leave N]
 set -u
 
-TDACLI= ABUSE= BURST=5000 LEAVE=10000
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --abuse) ABUSE=$2; shift 2 ;;
-    --burst) BURST=$2; shift 2 ;;
-    --leave) LEAVE=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$ABUSE" ] || { echo "missing arguments" >&2; exit 2; }
-
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+BURST=5000 LEAVE=10000
+take_options tdacli=TDACLI abuse=ABUSE burst=BURST? leave=LEAVE? -- "$@"
 begin_run tdacli-abuse
 # Freed memory of the sanitizer build is reused soon, so that its RSS shows what the agent holds.
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4:detect_leaks=0"
@@ -37,19 +27,15 @@ start_agent() {
   local limit=${1:-}
   rm -f "$(program_trace)"
   if [ -n "$limit" ]; then
-    (cd "$APP" && ulimit -n "$limit" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+    launch_service_agent bash -c "ulimit -n $limit && exec ./tdacli"
   else
-    (cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
+    launch_service_agent
   fi
-  AGENT=$!
-  PIDS+=("$AGENT")
-  wait_for 60 has_message "Running As: WinService" || fail "no start-up banner"
   has_message "Listening Port: $PORT" || fail "the agent does not listen on $PORT"
-  wait_for 20 test -S "$APP/TDACLI.svc" || fail "no control endpoint"
 }
 stop_agent() {
   kill -TERM "$AGENT" 2>/dev/null
-  wait_for 20 bash -c "! kill -0 $AGENT 2>/dev/null" || fail "the agent did not stop"
+  wait_for 20 ended "$AGENT" || fail "the agent did not stop"
   wait "$AGENT" 2>/dev/null
   PIDS=()
 }

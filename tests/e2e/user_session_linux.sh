@@ -13,53 +13,19 @@
 #   user_session_linux.sh --tdacli F --standin F --login-server F
 set -u
 
-TDACLI= STANDIN= LOGIN_SERVER=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --standin) STANDIN=$2; shift 2 ;;
-    --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$LOGIN_SERVER" ] || { echo "missing arguments" >&2; exit 2; }
-
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/lib.sh"
+take_options tdacli=TDACLI standin=STANDIN login-server=LOGIN_SERVER -- "$@"
 begin_run tdacli-e2e-session
 USER_NAME=jsmith
 fail() { fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/*.log "$WORK"/*.err; }
-# Drops a request file for the agent, named as the siblings name theirs.
-request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }
-# The greeting of the listener on $1.
-greeting() { (exec 3<>"/dev/tcp/127.0.0.1/$1" && timeout 5 head -c 7 <&3) 2>/dev/null; }
 
-mkdir -p "$APP"
-cp "$TDACLI" "$APP/tdacli"
+prepare_login_run ServiceMessage
 : >"$APP/thinterminal.dat"
+start_standins TDACMT:130=131 TDACSC TDACLM
 
-step "login server simulator on a loopback address of its own"
-start_login_server 300
-PIDS+=("$SERVER_PID")
-
-step "settings: the simulator, the user, a free listening port"
-PORT=$(free_port) || fail "no free port"
-settings_text "$PORT" ServiceMessage "$WORK/temp" >"$APP/TDRegInfo.TXT"
-
-step "stand-ins for TDACMT (130 -> 131), TDACSC and TDACLM"
-for name in TDACMT TDACSC TDACLM; do
-  answer=()
-  [ "$name" = TDACMT ] && answer=(--answer 130=131)
-  "$STANDIN" --name "$name" --app-dir "$APP" "${answer[@]}" --log "$WORK/$name.log" 2>"$WORK/$name.err" &
-  PIDS+=("$!")
-done
-wait_for 20 test -S "$APP/TDACMT.svc" -a -S "$APP/TDACSC.svc" -a -S "$APP/TDACLM.svc" ||
-  fail "the stand-ins did not start"
-
-step "tdacli in user-session mode: no listener before the login"
-(cd "$APP" && exec ./tdacli) >"$WORK/tdacli.log" 2>&1 &
-AGENT=$!
-wait_for 60 has_message "Running As: UserSession (Terminal Server)" || fail "no user-session banner"
+# In user-session mode nothing listens before the login.
+launch_agent "Running As: UserSession (Terminal Server)"
 has_message "Trace! in TDACLI: THINTERMINAL - Deferring opening of socket until after login!" ||
   fail "the listening socket was not deferred"
 port_free "$PORT" || fail "something listens on $PORT before the login"
@@ -79,9 +45,9 @@ in_order \
 has_message "Trace in TDACLI: Service is Now Listening on Port ($PORT)" || fail "the listener was not opened"
 [ "$(messages | grep -cxF "Trace in TDACLI: Processed Message Request: Code=128")" = 1 ] ||
   fail "the 128 request was handled more than once"
-! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
-has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> ID$USER_NAME\$" || fail "no login at the server"
-has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
+no_errors_logged
+server_heard "ID$USER_NAME" || fail "no login at the server"
+server_heard STATUS0 || fail "no status report at the server"
 out=$(greeting "$PORT")
 [ "$out" = "|READY|" ] || fail "the listener on $PORT greets with '$out'"
 wait_for 20 has_line "$WORK/TDACSC.log" '^135$' || fail "TDACSC never heard of the new port"
@@ -91,15 +57,7 @@ wait_for 10 bash -c "! ls '$APP' | grep -qE '\\.(TDACLI|TDACMT|TDACSC|TDACLM)\$'
   fail "request files left: $(ls "$APP")"
 
 step "a STOP=MySelf request file ends the agent: exit status 0, no STOP banner"
-request "STOP=MySelf" stop
-wait_for 30 bash -c "! kill -0 $AGENT" || fail "the agent did not stop"
-wait "$AGENT"
-rc=$?
-[ "$rc" = 0 ] || fail "exit status $rc"
-[ "$(messages | tail -n 1)" = "Trace in TDACLI: Processed Message Request: STOP=MySelf" ] ||
-  fail "the trace ends with: $(messages | tail -n 1)"
-! messages | grep -qF '*  STOP  *' || fail "the STOP banner was written"
-! ls "$APP"/*.TDACLI >/dev/null 2>&1 || fail "the STOP request file is still there"
+stop_myself 30
 [ ! -e "$APP/TDACLI.svc" ] || fail "the control endpoint outlived the agent"
 stop_all
 

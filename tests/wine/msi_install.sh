@@ -12,34 +12,12 @@
 #                  --svctool <svctool.exe> --work <dir>
 set -u
 
-MSI= MSI_NEXT= CODE= CODE_NEXT= SVCTOOL= WORK=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --msi) MSI=$2; shift 2 ;;
-    --msi-next) MSI_NEXT=$2; shift 2 ;;
-    --code) CODE=$2; shift 2 ;;
-    --code-next) CODE_NEXT=$2; shift 2 ;;
-    --svctool) SVCTOOL=$2; shift 2 ;;
-    --work) WORK=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$MSI" ] && [ -n "$MSI_NEXT" ] && [ -n "$CODE" ] && [ -n "$CODE_NEXT" ] && [ -n "$SVCTOOL" ] && [ -n "$WORK" ] ||
-  { echo "missing arguments" >&2; exit 2; }
-
-WINE=/usr/lib/wine/wine64
-WINESERVER=/usr/lib/wine/wineserver
-[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
-LOG=$WORK/wine-stderr.log
-export WINEPREFIX=$WORK/prefix
-export WINEDEBUG=-all
-export WINEDLLOVERRIDES="mscoree,mshtml="
-export DISPLAY=
-
-rm -rf "$WORK"
-mkdir -p "$WORK"
-cleanup() { "$WINESERVER" -k >/dev/null 2>&1 || true; }
-trap cleanup EXIT
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/../e2e/lib.sh"
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/../e2e/wine_lib.sh"
+take_options msi=MSI msi-next=MSI_NEXT code=CODE code-next=CODE_NEXT svctool=SVCTOOL work=WORK -- "$@"
+begin_wine_run
 
 APP="$WINEPREFIX/drive_c/Program Files/Tyndrel/Agent Client"
 WIN_APP='C:\Program Files\Tyndrel\Agent Client'
@@ -48,35 +26,19 @@ UNINSTALL_KEY='HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall'
 EVENT_KEY='HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TDACLI'
 RUN_KEY='HKLM\Software\Microsoft\Windows\CurrentVersion\Run'
 
-step() { echo "== $*"; }
+# Shows the trace, and the installer's logs as text beside wine-stderr.log.
 fail() {
-  echo "FAIL: $*"
-  for f in "$APP"/*TraceFile.TXT; do
-    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 30 "$f"; }
-  done
+  local f
   for f in "$PKG"/*.log; do
-    [ -f "$f" ] && { echo "--- $(basename "$f") (last lines)"; log_text "$f" | tail -n 30; }
+    [ -f "$f" ] && log_text "$f" >"$WORK/$(basename "$f")"
   done
-  echo "--- wine-stderr.log (last lines)"
-  tail -n 30 "$LOG" 2>/dev/null
-  exit 1
+  fail_showing "$*" "$APP"/*TraceFile.TXT "$WORK"/*.log
 }
-svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
 msiexec() { "$WINE" msiexec "$@" </dev/null >>"$LOG" 2>&1; }
 reg_query() { "$WINE" reg query "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
 # A Windows Installer log as text, whatever its encoding.
 log_text() {
   if head -c 2 "$1" | od -An -tx1 | grep -q 'ff fe'; then iconv -f UTF-16LE -t UTF-8 "$1"; else cat "$1"; fi | tr -d '\r'
-}
-program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-wait_trace() {
-  local deadline=$((SECONDS + $2)) f
-  while [ $SECONDS -le $deadline ]; do
-    f=$(program_trace)
-    [ -n "$f" ] && grep -qF -- "$1" "$f" && return 0
-    sleep 0.5
-  done
-  return 1
 }
 fresh_settings() {  # ext server ports
   printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=$1" "Server=$2" "UseTrace=False" \
@@ -84,11 +46,7 @@ fresh_settings() {  # ext server ports
     "PopEx=false" "PopWinName=false" "ListeningPorts=$3"
 }
 
-step "fresh prefix"
-WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
-"$WINESERVER" -w
-"$WINESERVER" -p
-"$WINE" wineboot >>"$LOG" 2>&1 || fail "wineboot"
+start_wine
 mkdir -p "$PKG"
 cp "$MSI" "$PKG/tdacli.msi"
 cp "$MSI_NEXT" "$PKG/tdacli-next.msi"
@@ -99,15 +57,8 @@ msiexec /i 'C:\pkg\tdacli.msi' /qn SERVER=127.0.0.1 EXT=4711 LISTENINGPORTS=1,0,
   'CONSOLEHOSTS=127.0.0.1, 10.0.0.0/8' /l*v 'C:\pkg\install.log' || fail "msiexec /i exited with $?"
 [ -f "$APP/tdacli.exe" ] || fail "tdacli.exe not installed"
 [ -f "$APP/thinterminal.dat" ] && fail "thinterminal.dat installed without USERSESSION=1"
-cfg=$(svctool config TDACLI) || fail "no service: $cfg"
-echo "$cfg"
-for want in "display=TD - Agent Client Login Service" "type=16" "start=2" "account=LocalSystem" \
-            "description=Tyndrel Agent Client Login Service"; do
-  grep -qxF -- "$want" <<<"$cfg" || fail "configuration lacks '$want'"
-done
+check_service_config
 grep -qF 'binary=' <<<"$cfg" && grep -qiF "$WIN_APP\\tdacli.exe" <<<"$cfg" || fail "unexpected binary path"
-svc=$(reg_query 'HKLM\SYSTEM\CurrentControlSet\Services\TDACLI')
-grep -q 'DependOnService *REG_MULTI_SZ *lanmanworkstation\(\\0\|$\)' <<<"$svc" || fail "dependency missing: $svc"
 reg=$(reg_query "$EVENT_KEY") || fail "event source not registered"
 grep -qiF "EventMessageFile    REG_SZ    $WIN_APP\\tdacli.exe" <<<"$reg" || fail "event message file: $reg"
 grep -q 'TypesSupported.*0x7' <<<"$reg" || fail "event source types: $reg"
@@ -116,7 +67,7 @@ reg_query "$RUN_KEY" /v TDACLI >/dev/null 2>&1 && fail "Run entry without USERSE
 
 step "the service runs with the given settings"
 out=$(svctool wait TDACLI 4 60) || fail "service not running: $out"
-wait_trace "Running As: WinService" 60 || fail "no start-up banner"
+wait_for 60 trace_says "Running As: WinService" || fail "no start-up banner"
 trace=$(program_trace)
 grep -qF "TD Server: 127.0.0.1(Port: 5003)" "$trace" || fail "banner lacks the server"
 grep -qF "Extension: 4711" "$trace" || fail "banner lacks the extension"

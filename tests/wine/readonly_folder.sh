@@ -13,19 +13,9 @@
 set -u
 export LC_ALL=C
 
-WINE_RUN= PREFIX= TDACLI= SVCTOOL= WORK=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --wine-run) WINE_RUN=$2; shift 2 ;;
-    --prefix) PREFIX=$2; shift 2 ;;
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --svctool) SVCTOOL=$2; shift 2 ;;
-    --work) WORK=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$WINE_RUN" ] && [ -n "$PREFIX" ] && [ -n "$TDACLI" ] && [ -n "$SVCTOOL" ] && [ -n "$WORK" ] ||
-  { echo "missing arguments" >&2; exit 2; }
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/../e2e/lib.sh"
+take_options wine-run=WINE_RUN prefix=PREFIX tdacli=TDACLI svctool=SVCTOOL work=WORK -- "$@"
 
 WINE_RUN=$(cd "$(dirname "$WINE_RUN")" && pwd)/$(basename "$WINE_RUN")
 WINESERVER=/usr/lib/wine/wineserver
@@ -46,14 +36,7 @@ cleanup() {
   WINEPREFIX=$PREFIX "$WINESERVER" -k >/dev/null 2>&1
 }
 trap cleanup EXIT
-fail() {
-  echo "FAIL: $*"
-  for f in "$WORK"/*.log; do
-    [ -f "$f" ] && { echo "--- $(basename "$f") (last lines)"; tail -n 20 "$f"; }
-  done
-  exit 1
-}
-step() { echo "== $*"; }
+fail() { fail_showing "$*" "$WORK"/*.log; }
 # A read-only application folder holding tdacli.exe and the files named.
 folder() {
   local app=$WORK/$1 f
@@ -101,24 +84,16 @@ agent "$app" "$WORK/session.log" &
 PID=$!
 # The hidden form exists once the start-up checks are behind it.
 found=
-for _ in $(seq 1 120); do
-  out=$(WINEDEBUG=-all wine_run "$SVCTOOL" close-form desktop find 2>/dev/null | tr -d '\r')
-  grep -qx 'window=yes' <<<"$out" && { found=1; break; }
-  kill -0 "$PID" 2>/dev/null || break
-  sleep 0.5
-done
+form_or_end() {
+  WINEDEBUG=-all wine_run "$SVCTOOL" close-form desktop find 2>/dev/null | tr -d '\r' | grep -qx 'window=yes' && found=1 ||
+    ended "$PID"
+}
+wait_for 120 form_or_end
 [ -n "$found" ] || fail "the agent's form never appeared"
 WINEDEBUG=-all wine_run wineboot --end-session </dev/null >>"$WORK/wineboot.log" 2>&1 ||
   fail "wineboot --end-session failed"
-for _ in $(seq 1 120); do
-  kill -0 "$PID" 2>/dev/null || break
-  sleep 0.5
-done
-kill -0 "$PID" 2>/dev/null && fail "still running after the end of the session"
-wait "$PID"
-rc=$?
+ends_with_status_0 "$PID" 60
 PID=
-[ "$rc" -eq 0 ] || fail "exit status $rc"
 [ "$(entries "$WORK/session.log")" -eq 0 ] ||
   fail "event-log entries in user-session mode: $(grep 'eventlog:ReportEvent' "$WORK/session.log")"
 [ "$(files_of "$app")" = "TDRegInfo.TXT tdacli.exe thinterminal.dat " ] ||

@@ -16,21 +16,12 @@
 #                    --login-server <host td-login-server> --work <dir>
 set -u
 
-WINE_RUN= PREFIX= TDACLI= STANDIN= INSTALLER= LOGIN_SERVER= WORK=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --wine-run) WINE_RUN=$2; shift 2 ;;
-    --prefix) PREFIX=$2; shift 2 ;;
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --standin) STANDIN=$2; shift 2 ;;
-    --installer) INSTALLER=$2; shift 2 ;;
-    --login-server) LOGIN_SERVER=$2; shift 2 ;;
-    --work) WORK=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$WINE_RUN" ] && [ -n "$PREFIX" ] && [ -n "$TDACLI" ] && [ -n "$STANDIN" ] && [ -n "$INSTALLER" ] &&
-  [ -n "$LOGIN_SERVER" ] && [ -n "$WORK" ] || { echo "missing arguments" >&2; exit 2; }
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/../e2e/lib.sh"
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/../e2e/wine_lib.sh"
+take_options wine-run=WINE_RUN prefix=PREFIX tdacli=TDACLI standin=STANDIN installer=INSTALLER \
+  login-server=LOGIN_SERVER work=WORK -- "$@"
 
 STARTED=$(date +%s%N)
 APP=$WORK/app
@@ -54,21 +45,11 @@ fail() {
   fail_showing "$*" "$(program_trace)" "$WORK"/transcript.txt "$WORK"/TDACMT.log "$WORK"/TDACMT.err \
     "$APP"/TSCCLog.txt "$LOG" "$WORK"/login-server.err
 }
-# shellcheck source=tests/e2e/lib.sh
-source "$(dirname "$0")/../e2e/lib.sh"
-wine_run() { "$WINE_RUN" "--prefix=$PREFIX" "$@"; }
-winpath() { wine_run winepath -w "$1" 2>>"$LOG" | tr -d '\r'; }
-greeting() { (exec 3<>"/dev/tcp/127.0.0.1/$1" && timeout 5 head -c 7 <&3) 2>/dev/null; }
-request() { printf '%s\r\n' "$1" >"$APP/$(date +%Y%m%d%H%M%S)-$2.TDACLI"; }
 
 step "login server simulator on a loopback address of its own"
 start_login_server 500
 
-step "settings: the simulator, the user, a free listening port below 32768"
-PORT=$(free_port) || fail "no free port"
-APP_W=$(winpath "$APP")
-[ -n "$APP_W" ] || fail "no Windows path for $APP"
-settings_text "$PORT" FileMessage "$(winpath "$WORK/temp")" >"$APP/TDRegInfo.TXT"
+prepare_agent_settings FileMessage
 
 step "sibling-standin.exe by hand as TDACMT (130 -> 131)"
 (cd "$APP" && exec "$WINE_RUN" "--prefix=$PREFIX" sibling-standin.exe --name TDACMT --app-dir "$APP_W" \
@@ -99,8 +80,8 @@ out=$(greeting "$PORT")
 [ "$out" = "|READY|" ] || fail "the listener on $PORT greets with '$out'"
 wait_for 30 has_line "$WORK/TDACMT.log" '^131$' || fail "TDACMT never heard 131"
 same_bytes "$WORK/TDACMT.log" '130\r\n131\r\n'
-has_line "$WORK/transcript.txt" '^\[[0-9]+\] C> STATUS0$' || fail "no status report at the server"
-! messages | grep -q '^Error in ' || fail "the login logged an error: $(messages | grep '^Error in ')"
+server_heard STATUS0 || fail "no status report at the server"
+no_errors_logged
 
 step "PerformLogin.TXT with TSCC.bat: the codec install starts the installer hidden"
 : >"$APP/TSCC.bat"
@@ -131,20 +112,8 @@ no_requests() { ! ls "$APP"/*.TDACLI >/dev/null 2>&1; }
 wait_for 30 no_requests || fail "request files left: $(ls "$APP"/*.TDACLI)"
 
 step "a STOP=MySelf request file ends the program: exit code 0, no STOP banner"
-request "STOP=MySelf" stop
-for _ in $(seq 1 120); do
-  kill -0 "$AGENT" 2>/dev/null || break
-  sleep 0.5
-done
-kill -0 "$AGENT" 2>/dev/null && fail "still running after STOP=MySelf"
-wait "$AGENT"
-rc=$?
+stop_myself 60
 AGENT=
-[ "$rc" -eq 0 ] || fail "exit code $rc"
-[ "$(messages | tail -n 1)" = "Trace in TDACLI: Processed Message Request: STOP=MySelf" ] ||
-  fail "the trace ends with: $(messages | tail -n 1)"
-! messages | grep -qF '*  STOP  *' || fail "the STOP banner was written"
-! ls "$APP"/*.TDACLI >/dev/null 2>&1 || fail "request files left: $(ls "$APP"/*.TDACLI)"
 
 echo "elapsed: $(( ($(date +%s%N) - STARTED) / 1000000 )) ms"
 echo "PASS: request files in user-session mode under Wine"

@@ -12,72 +12,18 @@
 #   service_roundtrip.sh --tdacli <tdacli.exe> --svctool <svctool.exe> --work <dir> --revision <n>
 set -u
 
-TDACLI= SVCTOOL= WORK= REVISION=
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --tdacli) TDACLI=$2; shift 2 ;;
-    --svctool) SVCTOOL=$2; shift 2 ;;
-    --work) WORK=$2; shift 2 ;;
-    --revision) REVISION=$2; shift 2 ;;
-    *) echo "unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-[ -n "$TDACLI" ] && [ -n "$SVCTOOL" ] && [ -n "$WORK" ] && [ -n "$REVISION" ] || { echo "missing arguments" >&2; exit 2; }
+# shellcheck source=tests/e2e/lib.sh
+source "$(dirname "$0")/../e2e/lib.sh"
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/../e2e/wine_lib.sh"
+take_options tdacli=TDACLI svctool=SVCTOOL work=WORK revision=REVISION -- "$@"
+begin_wine_run +eventlog
+fail() { fail_showing "$*" "$(program_trace)" "$LOG"; }
 
-WINE=/usr/lib/wine/wine64
-WINESERVER=/usr/lib/wine/wineserver
-[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
-APP=$WORK/app
-LOG=$WORK/wine-stderr.log
-export WINEPREFIX=$WORK/prefix
-export WINEDEBUG=+eventlog
-export WINEDLLOVERRIDES="mscoree,mshtml="
-export DISPLAY=
-
-rm -rf "$WORK"
-mkdir -p "$APP"
 cp "$TDACLI" "$APP/tdacli.exe"
 # Any free listening port: the fixed default may be taken on a build machine.
 printf 'ListeningPorts=0,0,0,0\r\n' >"$APP/TDRegInfo.TXT"
-
-cleanup() { "$WINESERVER" -k >/dev/null 2>&1 || true; }
-trap cleanup EXIT
-
-step() { echo "== $*"; }
-fail() {
-  echo "FAIL: $*"
-  for f in "$APP"/*TraceFile.TXT; do
-    [ -f "$f" ] && { echo "--- $(basename "$f")"; tail -n 40 "$f"; }
-  done
-  echo "--- wine-stderr.log (last lines)"
-  tail -n 40 "$LOG" 2>/dev/null
-  exit 1
-}
-svctool() { "$WINE" "$SVCTOOL" "$@" 2>>"$LOG" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
-agent() { (cd "$APP" && "$WINE" tdacli.exe "$@" >>"$LOG" 2>&1); }
-program_trace() { ls "$APP"/*-TDACLI-TraceFile.TXT 2>/dev/null | head -n 1; }
-# Waits up to $2 seconds for the fixed text $1 in the program trace.
-wait_trace() {
-  local deadline=$((SECONDS + $2)) f
-  while [ $SECONDS -le $deadline ]; do
-    f=$(program_trace)
-    [ -n "$f" ] && grep -qF -- "$1" "$f" && return 0
-    sleep 0.5
-  done
-  return 1
-}
-
-step "private prefix and service manager"
-# Create the prefix and let every set-up process finish, so that nothing rewrites the service
-# database under the test.
-WINEDEBUG=-all "$WINE" wineboot -i >/dev/null 2>&1 || fail "wineboot -i"
-# The agent's hidden main form is a real window: windows need a display driver, the null one here.
-WINEDEBUG=-all "$WINE" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 || fail "reg add"
-"$WINESERVER" -w
-# One server for the rest of the run; the first program started under it starts the service manager,
-# which thereby inherits this environment and standard error.
-"$WINESERVER" -p
-"$WINE" wineboot >>"$LOG" 2>&1 || fail "wineboot"
+start_wine
 
 step "version resource"
 ver=$(svctool version "$(cd "$APP" && pwd)/tdacli.exe") || fail "no version resource: $ver"
@@ -90,18 +36,10 @@ done
 grep -q '^LegalCopyright=.*Tyndrel' <<<"$ver" || fail "version resource lacks the copyright"
 
 step "install: tdacli.exe /s"
-agent /s || fail "tdacli.exe /s exited with $?"
+agent_exe /s || fail "tdacli.exe /s exited with $?"
 out=$(svctool installed TDACLI) || fail "service not installed: $out"
-cfg=$(svctool config TDACLI) || fail "no configuration: $cfg"
-echo "$cfg"
-for want in "display=TD - Agent Client Login Service" "type=16" "start=2" "account=LocalSystem" \
-            "description=Tyndrel Agent Client Login Service"; do
-  grep -qxF -- "$want" <<<"$cfg" || fail "configuration lacks '$want'"
-done
+check_service_config
 grep -q '^binary=.*\\app\\tdacli.exe"\?$' <<<"$cfg" || fail "unexpected binary path"
-# Wine's configuration query leaves the dependencies out; its registry entry holds them.
-svc=$("$WINE" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\TDACLI' 2>>"$LOG" | tr -d '\r')
-grep -q 'DependOnService *REG_MULTI_SZ *lanmanworkstation\(\\0\|$\)' <<<"$svc" || fail "dependency missing: $svc"
 reg=$("$WINE" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TDACLI' 2>>"$LOG" | tr -d '\r')
 grep -q 'EventMessageFile.*REG_EXPAND_SZ.*\\app\\tdacli.exe$' <<<"$reg" || fail "event source not registered: $reg"
 grep -q 'TypesSupported.*0x7' <<<"$reg" || fail "event source types: $reg"
@@ -112,7 +50,7 @@ out=$(svctool control TDACLI 200); grep -qx 'result=1062' <<<"$out" || fail "exp
 step "start through the service manager"
 out=$(svctool start TDACLI) || fail "StartService: $out"
 out=$(svctool wait TDACLI 4 60) || fail "service not running: $out"
-wait_trace "Running As: WinService" 60 || fail "no start-up banner"
+wait_for 60 trace_says "Running As: WinService" || fail "no start-up banner"
 trace=$(program_trace)
 grep -qF "Version: 3.0 (Build: $((100 + REVISION)))" "$trace" || fail "banner lacks the build $((100 + REVISION))"
 grep -q 'Listening Port: [1-9][0-9]*' "$trace" || fail "banner lacks the listening port"
@@ -120,7 +58,7 @@ grep -qF "Information in TDACLI: TD Agent Client Login Service Started" "$trace"
 
 step "user-defined control code 200"
 out=$(svctool control TDACLI 200); grep -qx 'result=0' <<<"$out" || fail "ControlService(200): $out"
-wait_trace "Warning in TDACLI: The message (200) was recevied and discarded. The service does not recognize that request" 30 ||
+wait_for 30 trace_says "Warning in TDACLI: The message (200) was recevied and discarded. The service does not recognize that request" ||
   fail "code 200 not logged"
 
 step "a NUL inside a SET value is cut like a line break"
@@ -137,22 +75,22 @@ printf '%s\r\n' "Tyndrel - Agent Client Configuration" "[Config]" "Ext=1234" "Se
   "LocalTemp=unknown" "CurrentUser=N/A" "CurrentEvent=N/A" "SvrTemp=Unknown" "NotificationMethod=FileMessage" \
   "PopEx=false" "PopWinName=false" "ListeningPorts=0,0,0,0" >"$WORK/settings.expected"
 cmp -s "$WORK/settings.expected" "$APP/TDRegInfo.TXT" || fail "TDRegInfo.TXT: $(od -c "$APP/TDRegInfo.TXT" | head -n 20)"
-wait_trace "Warning in TDACLI: The value of (Server) held a line break and was cut at it." 30 ||
+wait_for 30 trace_says "Warning in TDACLI: The value of (Server) held a line break and was cut at it." ||
   fail "no Warning line for the cut server"
 
 step "pause and continue are logged and refused"
 out=$(svctool pause TDACLI) || fail "pause: $out"
-wait_trace "Warning in TDACLI: The service received, and discarded, a 'Pause' request. This service does not accept pause/continue requests." 30 ||
+wait_for 30 trace_says "Warning in TDACLI: The service received, and discarded, a 'Pause' request. This service does not accept pause/continue requests." ||
   fail "pause not logged"
 out=$(svctool continue TDACLI) || fail "continue: $out"
-wait_trace "Warning in TDACLI: The service received, and discarded, a 'Continue' request. This service does not accept pause/continue requests." 30 ||
+wait_for 30 trace_says "Warning in TDACLI: The service received, and discarded, a 'Continue' request. This service does not accept pause/continue requests." ||
   fail "continue not logged"
 out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after pause: $out"
 
 step "closing the service's hidden form is logged and refused"
 out=$(svctool close-form service) || fail "close-form: $out"
 grep -qx 'window=yes' <<<"$out" || fail "the form was closed: $out"
-wait_trace "Trace in TDACLI: Form_QueryUnload Invoked" 30 || fail "no Form_QueryUnload Invoked"
+wait_for 30 trace_says "Trace in TDACLI: Form_QueryUnload Invoked" || fail "no Form_QueryUnload Invoked"
 out=$(svctool close-form service end-session) || fail "close-form end-session: $out"
 grep -qx 'answer=0' <<<"$out" || fail "the end of the session was not refused: $out"
 out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after the close: $out"
@@ -173,14 +111,9 @@ WINEDEBUG=-all "$WINE" wineboot --end-session >>"$LOG" 2>&1 || fail "wineboot --
 out=$(svctool query TDACLI); grep -qx 'state=4' <<<"$out" || fail "service not running after wineboot --end-session: $out"
 
 step "stop through the service manager"
-out=$(svctool stop TDACLI) || fail "stop: $out"
-out=$(svctool wait TDACLI 1 60) || fail "service not stopped: $out"
-wait_trace "*  STOP  *" 30 || fail "no STOP banner"
-tail -n 4 "$trace" | sed -E 's/^[0-9-]+ [0-9:]+ [AP]M  -  //' | tr -d '\r' >"$WORK/tail.txt"
-printf '%s\n' "Information in TDACLI: TD Agent Client Login Service Stopped" \
-  "Information in TDACLI: **********" "Information in TDACLI: *  STOP  *" "Information in TDACLI: **********" \
-  >"$WORK/tail.expected"
-diff "$WORK/tail.expected" "$WORK/tail.txt" || fail "trace does not end with the STOP banner"
+stop_service TDACLI
+wait_for 30 trace_says "*  STOP  *" || fail "no STOP banner"
+ends_with_stop_banner || fail "trace does not end with the STOP banner"
 host_trace=$(ls "$APP"/*-TraceFile.TXT | grep -v -- '-TDACLI-TraceFile.TXT$' | head -n 1)
 [ -n "$host_trace" ] || fail "no host-wide trace"
 grep -qF "TD Agent Client Login Service Stopped" "$host_trace" || fail "stop line missing in the host-wide trace"
@@ -224,7 +157,7 @@ out=$(svctool stop TDACLI); grep -qx 'result=1062' <<<"$out" || fail "stop after
 rm -f "$APP/thinterminal.dat"
 
 step "uninstall: tdacli.exe /u /s"
-agent /u /s || fail "tdacli.exe /u /s exited with $?"
+agent_exe /u /s || fail "tdacli.exe /u /s exited with $?"
 out=$(svctool installed TDACLI) && fail "service still installed"
 grep -qx 'installed=no' <<<"$out" || fail "unexpected answer: $out"
 out=$(svctool control TDACLI 200); grep -qx 'result=1060' <<<"$out" || fail "expected 1060, got: $out"
