@@ -302,6 +302,9 @@ struct RequestChain : RequestFileTest {
 TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait) {
   loginsim::UserRecord u = testing::Jsmith();
   u.server_temp = "\\\\fs01\\tdtemp\\";
+  // The write test's file, named by user and second, is written into the test's own folder: tests
+  // that run side by side at the same simulated second would otherwise share one in a Windows folder.
+  u.local_temp = "C:\\%APPDIR%\\Temp";
   u.hundred_screen = "SCR:010|ATLOGO:2|010|001";
   StartServer(testing::Users({u}));
   WriteSettings();
@@ -333,6 +336,9 @@ TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait)
 TEST_F(RequestChain, TicksInsideAWaitingRequestTakeTheNextFilesInNameOrder) {
   loginsim::UserRecord u = testing::Jsmith();
   u.server_temp = "\\\\fs01\\tdtemp\\";
+  // The write test's file, named by user and second, is written into the test's own folder: tests
+  // that run side by side at the same simulated second would otherwise share one in a Windows folder.
+  u.local_temp = "C:\\%APPDIR%\\Temp";
   StartServer(testing::Users({u}));
   WriteSettings();
   WriteFile(App("thinterminal.dat"), "");
