@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "service/agent.h"
-#include "service/quiet_agent.h"
+#include "seams/quiet_agent.h"
+#include "service/wiring.h"
 
 namespace tdacli::bench {
 

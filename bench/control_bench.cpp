@@ -12,6 +12,7 @@
 #include "login/drivers.h"
 #include "login_server.h"
 #include "service/control.h"
+#include "service/login_socket.h"
 
 int main(int argc, char** argv) {
   using namespace tdacli;
@@ -24,7 +25,7 @@ int main(int argc, char** argv) {
   bench::BenchFolder folder("tdacli-control-bench");
   bench::BenchAgent b(folder.path());
   Agent& agent = *b.agent;
-  WireLoginClient(agent);
+  WireLoginSocket(agent);
 
   loginsim::UserRecord u;
   u.name = "jsmith";
@@ -62,7 +63,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < runs + 10; ++i) {
     const auto start = std::chrono::steady_clock::now();
     Service_Control(agent, 128);
-    if (!agent.login.LoginSucceeded || agent.TempAccessStatus != 0) ++failed;
+    if (!agent.login().LoginSucceeded || agent.temp_access_status != 0) ++failed;
     if (i >= 10) ms.push_back(std::chrono::duration<double, std::milli>(reached - start).count());
   }
   server.Stop();

@@ -15,6 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench_agent.h"
+#include "bench_args.h"
+#include "config/configuration.h"
+#include "listener/listener.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/host_identity.h"
@@ -26,10 +30,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "bench_agent.h"
-#include "bench_args.h"
-#include "config/configuration.h"
-#include "listener/listener.h"
 #endif
 
 namespace fs = std::filesystem;
@@ -191,11 +191,11 @@ int main(int argc, char** argv) {
     auto a = std::make_unique<bench::BenchAgent>(dir);
     a->agent->startup_banner_written = true;
     LoadConfiguration(*a->agent);
-    if (a->agent->listener().Listen(0)) {
+    if (listener::ListenerOf(*a->agent).Listen(0)) {
       std::fprintf(stderr, "agent %d cannot listen\n", i);
       return 1;
     }
-    hosts += "127.0.0.1:" + std::to_string(a->agent->listener().Listener().LocalPort()) + "\n";
+    hosts += "127.0.0.1:" + std::to_string(listener::ListenerOf(*a->agent).Listener().LocalPort()) + "\n";
     agents.push_back(std::move(a));
   }
   std::ofstream(folder.path() + "/agents.txt") << hosts;

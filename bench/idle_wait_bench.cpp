@@ -21,9 +21,9 @@
 #include "common/logging.h"
 #include "bench_agent.h"
 #include "bench_args.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "service/request_files.h"
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 namespace {
 
@@ -56,8 +56,8 @@ int main(int argc, char** argv) {
   bench::BenchAgent b(dir.path());
   Agent& agent = *b.agent;
   // The agent's own timers run as in service: the request-file timer ticks every second.
-  agent.tmrMessage.on_tick = [] {};
-  agent.tmrMessage.SetEnabled(true);
+  agent.request_file_timer.on_tick = [] {};
+  agent.request_file_timer.SetEnabled(true);
 
   const uint64_t polls_before = agent.loop().poll_calls();
   const double cpu0 = CpuSeconds();
@@ -87,18 +87,18 @@ int main(int argc, char** argv) {
   Agent& a = *idle.agent;
   a.settings.NotificationMethod = "FileMessage";
   int message_ticks = 0, poll_ticks = 0;
-  a.tmrMessage.on_tick = [&] {
+  a.request_file_timer.on_tick = [&] {
     ++message_ticks;
     tmrMessage_Timer(a);
   };
-  a.tmrPollForLogin.on_tick = [&] {
+  a.trigger_file_timer.on_tick = [&] {
     ++poll_ticks;
     tmrPollForLogin_Timer(a);
   };
-  a.tmrMessage.SetInterval(1000);
-  a.tmrMessage.SetEnabled(true);
-  a.tmrPollForLogin.SetInterval(3000);
-  a.tmrPollForLogin.SetEnabled(true);
+  a.request_file_timer.SetInterval(1000);
+  a.request_file_timer.SetEnabled(true);
+  a.trigger_file_timer.SetInterval(3000);
+  a.trigger_file_timer.SetEnabled(true);
   const uint64_t idle_polls0 = a.loop().poll_calls();
   const long sleeps0 = Sleeps();
   const double idle_cpu0 = CpuSeconds();

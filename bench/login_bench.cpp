@@ -19,13 +19,14 @@
 #include "login_server.h"
 #ifdef TDACLI_SIM_WEB
 #include "platform/internet.h"
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 #include "web_server.h"
 #endif
 #include "platform/clock.h"
 #include "platform/file_system.h"
 #include "bench_agent.h"
-#include "service/agent.h"
+#include "service/wiring.h"
+#include "service/login_socket.h"
 
 namespace {
 
@@ -116,7 +117,7 @@ void RunAll(Agent& a) {
   a.file_system = &files;
   auto login = [&] {
     LoginUser(a);
-    return a.login.LoginSucceeded && a.login.LastLoginResult.rfind("The Tyndrel", 0) == 0;
+    return a.login().LoginSucceeded && a.login().LastLoginResult.rfind("The Tyndrel", 0) == 0;
   };
   Print("login", Measure(login));
   PrintFlushes("login", files);
@@ -130,13 +131,13 @@ void RunAll(Agent& a) {
   PrintFlushes("login, changed", files);
   Print("logoff", Measure([&] {
           LogOffUser(a);
-          return a.login.LogoffSucceeded;
+          return a.login().LogoffSucceeded;
         }));
-  a.TempAccessStatus = 0;
+  a.temp_access_status = 0;
   Print("status report", Measure([&] {
-          a.login.StatusSucceeded = false;
+          a.WriteLogin().StatusSucceeded = false;
           LoginStatus(a);
-          return a.login.StatusSucceeded;
+          return a.login().StatusSucceeded;
         }));
   a.file_system = &platform::SystemFileSystem();
 }
@@ -175,11 +176,11 @@ int RunWeb(const std::filesystem::path& folder, bool https) {
               b.agent->settings.Server.c_str());
   Print(https ? "web login TLS" : "web login", Measure([&] {
           LoginUser(*b.agent);
-          return b.agent->login.LoginSucceeded;
+          return b.agent->login().LoginSucceeded;
         }));
   Print(https ? "web status TLS" : "web status", Measure([&] {
           LoginStatus(*b.agent);
-          return b.agent->login.StatusSucceeded;
+          return b.agent->login().StatusSucceeded;
         }));
   server.Stop();
   return 0;
@@ -204,7 +205,7 @@ int main(int argc, char** argv) {
   {
     fs::create_directories(folder / "thread");
     BenchAgent b((folder / "thread").string());
-    WireLoginClient(*b.agent);
+    WireLoginSocket(*b.agent);
     loginsim::LoginServerThread server(Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());
@@ -218,7 +219,7 @@ int main(int argc, char** argv) {
   {
     fs::create_directories(folder / "loop");
     BenchAgent b((folder / "loop").string());
-    WireLoginClient(*b.agent);
+    WireLoginSocket(*b.agent);
     loginsim::LoginServer server(b.agent->loop(), Users(), {});
     if (platform::SocketError e = server.StartOnFreeLoopback()) {
       std::printf("cannot start the simulator: %d %s\n", e.number, e.description.c_str());

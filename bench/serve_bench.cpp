@@ -174,11 +174,11 @@ int main(int argc, char** argv) {
         auto agent = std::make_unique<bench::BenchAgent>(dir);
         agent->agent->startup_banner_written = true;
         LoadConfiguration(*agent->agent);
-        if (agent->agent->listener().Listen(0)) {
+        if (listener::ListenerOf(*agent->agent).Listen(0)) {
           std::fprintf(stderr, "agent %d cannot listen\n", i);
           _exit(1);
         }
-        hosts += "127.0.0.1:" + std::to_string(agent->agent->listener().Listener().LocalPort()) + "\n";
+        hosts += "127.0.0.1:" + std::to_string(listener::ListenerOf(*agent->agent).Listener().LocalPort()) + "\n";
         agents.push_back(std::move(agent));
       }
       std::ofstream(hosts_file) << hosts;

@@ -21,8 +21,8 @@
 #include "fuzz_agent.h"
 #include "listener/listener.h"
 #include "login/conversation.h"
-#include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "seams/quiet_facilities.h"
+#include "service/wiring.h"
 
 namespace {
 
@@ -31,29 +31,29 @@ namespace fs = std::filesystem;
 
 struct Harness : fuzzing::FuzzAgent {
   Harness() : FuzzAgent("conversation", 0) {  // no peer to wait for: time jumps at once
-    agent->listener().Listener().SetLocalHost("127.0.0.1");
+    listener::ListenerOf(*agent).Listener().SetLocalHost("127.0.0.1");
     agent->startup_banner_written = true;
   }
 
   void Prepare(uint8_t flags) {
     static const char* const kKinds[] = {"Login", "Logoff", "Status", ""};
-    agent->login = LoginState{};
-    agent->login.LoginRequestKind = kKinds[flags & 3];
-    agent->ftp = FtpState{};
+    agent->WriteLogin() = LoginState{};
+    agent->WriteLogin().LoginRequestKind = kKinds[flags & 3];
+    agent->WriteFtp() = FtpState{};
     agent->settings = Settings{};
     agent->settings.CurrentUser = "jsmith";
     agent->settings.ListeningPorts = "1,0,2,3";  // any free port unless the reply names one
     agent->stored_lines = {};
-    agent->TempAccessStatus = static_cast<int16_t>(flags >> 6);
+    agent->temp_access_status = static_cast<int16_t>(flags >> 6);
     agent->local_ip = (flags & 4) ? "" : "192.168.5.20";
     if (flags & 8) WriteTextFile(agent->AppPath("thinterminal.dat"), "");
-    if (flags & 16) agent->login.ValidIPMask = "192.168.5.";
+    if (flags & 16) agent->WriteLogin().ValidIPMask = "192.168.5.";
     agent->os_code = (flags & 32) ? 10 : 99;
   }
 
   // Leaves the folder empty, and the listener closed, for the next input.
   void Clean() {
-    agent->listener().CloseListener();
+    listener::ListenerOf(*agent).CloseListener();
     ResetFolder();
   }
 };
@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // One reply, at most one request; the exchange ends exactly on the rules that end it.
   if (sent.size() != (SendsNothing(rule) ? 0u : 1u)) std::abort();
-  if (h.agent->login.ProtocolDone != EndsTheExchange(rule)) std::abort();
+  if (h.agent->login().ProtocolDone != EndsTheExchange(rule)) std::abort();
   // No NUL reaches a file the siblings read (settings, result and capture files, request files); the
   // logs quote the reply as it came.
   if (NulInAFileBesideTheLogs(h.app)) std::abort();

@@ -8,9 +8,10 @@
 #include <string>
 
 #include "fuzz_agent.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
+#include "listener/dispatch.h"
 #include "listener/listener.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Discard replies;
   listener::DispatchCommand(agent, std::string(reinterpret_cast<const char*>(data), size), replies);
   // Keep no port bound and no file between inputs.
-  agent.listener().CloseListener();
+  listener::ListenerOf(agent).CloseListener();
   world.ResetFolder();
   return 0;
 }

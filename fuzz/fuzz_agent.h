@@ -11,8 +11,8 @@
 #include <system_error>
 
 #include "platform/clock.h"
-#include "service/agent.h"
-#include "service/quiet_agent.h"
+#include "seams/quiet_agent.h"
+#include "service/wiring.h"
 
 namespace tdacli::fuzzing {
 

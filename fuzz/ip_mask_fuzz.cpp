@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -23,7 +23,7 @@
 #include "fuzz_agent.h"
 #include "listener/listener.h"
 #include "platform/tcp_socket.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 
@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World world;
   static int64_t baseline = -1;
   Agent& agent = *world.agent;
-  auto& listener = agent.listener();
+  auto& listener = listener::ListenerOf(agent);
   if (listener.Listener().State() != TcpSocket::kListening) {
     if (listener.Listen(0)) std::abort();
   }
@@ -130,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   consoles.clear();
   // Every accepted socket goes once its peer has gone. A console's LOGIN leaves the agent's own
   // login socket as the failed connect left it, until the next exchange closes it: one at most.
-  auto expected = [&] { return baseline + (agent.Broadcast.State() != TcpSocket::kClosed ? 1 : 0); };
+  auto expected = [&] { return baseline + (agent.login_socket.State() != TcpSocket::kClosed ? 1 : 0); };
   agent.WaitUntil(10, [&] { return TcpSocket::OpenSocketCount() == expected(); });
   if (TcpSocket::OpenSocketCount() != expected()) {
     std::fprintf(stderr, "%lld sockets still open, %lld expected (connection index %d)\n",

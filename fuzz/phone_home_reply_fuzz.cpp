@@ -12,8 +12,9 @@
 #include "common/text.h"
 #include "fuzz_agent.h"
 #include "login/web_service.h"
-#include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "seams/quiet_facilities.h"
+#include "service/wiring.h"
+#include "triggers/trigger_files.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return r;
   };
 
-  WebService_PhoneHomeForScreenGrabberTasks(*h.agent);
+  PhoneHomeForScreenGrabberTasks(*h.agent);
 
   const bool task = status != 0 && status != 404 && !Contains(body, "HTTP 404") && !Contains(body, "ERROR|") &&
                     !Contains(body, "SUCCESS|NONE") && Contains(body, "|SENDFRAMES|");

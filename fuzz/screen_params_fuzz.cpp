@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "triggers/capture_files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

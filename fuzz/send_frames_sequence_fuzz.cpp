@@ -13,9 +13,10 @@
 #include <string>
 
 #include "fuzz_agent.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/listener.h"
-#include "service/agent.h"
+#include "listener/send_frames_command.h"
+#include "service/wiring.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ const char* const kWords[] = {"[BEGIN_PROTOCOL]", "[END_PROTOCOL]", "|SENDFRAMES
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World world;
   Agent& agent = *world.agent;
-  std::string& pending = agent.listener().PendingProtocolData;
+  std::string& pending = listener::ListenerOf(agent).PendingProtocolData;
   FuzzedDataProvider in(data, size);
   Replies replies;
   bool wrote = false;

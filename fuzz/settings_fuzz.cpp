@@ -15,7 +15,7 @@
 #include "common/files.h"
 #include "config/configuration.h"
 #include "fuzz_agent.h"
-#include "service/agent.h"
+#include "service/wiring.h"
 
 namespace {
 

@@ -10,11 +10,11 @@
 #include <string>
 
 #include "common/files.h"
-#include "fuzz_agent.h"
 #include "common/text.h"
+#include "fuzz_agent.h"
 #include "login/web_service.h"
-#include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "seams/quiet_facilities.h"
+#include "service/wiring.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Harness h;
   if (size == 0) return 0;
   Agent& a = *h.agent;
-  a.login = LoginState{};
+  a.WriteLogin() = LoginState{};
   a.settings = Settings{};
   const std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
   if ((data[0] & 7) == 1) {
@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     WebService_LoginUser(a);
     const bool answered = status != 0 && status != 404 && !input.empty() && !Contains(input, "HTTP 404");
     const bool success = answered && !Contains(input, "ERROR|") && Contains(input, "SUCCESS|");
-    if (a.login.LoginSucceeded != success) std::abort();
+    if (a.login().LoginSucceeded != success) std::abort();
     std::vector<std::string> lines;
     if (ReadLines(a.AppPath("TDRegInfo.TXT"), lines) && lines.size() != 13) std::abort();
     h.ResetFolder();
@@ -68,11 +68,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   const Settings& s = a.settings;
-  const LoginState& l = a.login;
+  const LoginState& l = a.login();
   for (const std::string* v : std::initializer_list<const std::string*>{
            &s.SvrTemp, &s.LocalTemp, &s.UseTrace, &l.HundredScreensParam, &l.ValidIPMask, &l.KekInfo, &l.TDLiveID,
-           &l.RepeaterIP, &l.RepeaterPort, &a.ftp.FtpServer, &a.ftp.FtpUserName, &a.ftp.FtpEncryptedPassword,
-           &a.ftp.FtpPort})
+           &l.RepeaterIP, &l.RepeaterPort, &a.ftp().FtpServer, &a.ftp().FtpUserName, &a.ftp().FtpEncryptedPassword,
+           &a.ftp().FtpPort})
     if (HasLineBreak(*v)) std::abort();
   return 0;
 }

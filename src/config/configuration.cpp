@@ -6,8 +6,8 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
+
 
 namespace tdacli {
 
@@ -224,12 +224,8 @@ bool SaveNotificationMethod(Agent& agent) { return SaveOneSetting(agent, &Settin
 bool SavePopEx(Agent& agent) { return SaveOneSetting(agent, &Settings::PopEx); }
 bool SavePopWinName(Agent& agent) { return SaveOneSetting(agent, &Settings::PopWinName); }
 
-bool SaveListeningPorts(Agent& agent) {
-  if (!SaveOneSetting(agent, &Settings::ListeningPorts)) return false;
-  // The listener moves to the port of the new list; accepted connections stay where they are.
-  if (agent.hooks.ListenOnSavedPort && !agent.hooks.ListenOnSavedPort(agent)) return false;
-  NotifyNewListeningPort(agent);
-  return true;
-}
+// Only the file: the listener's move to the new port and the notice to the siblings belong to whoever
+// asked for the save (the console's SETLISTEN, the login server's LISTENPORTS).
+bool SaveListeningPorts(Agent& agent) { return SaveOneSetting(agent, &Settings::ListeningPorts); }
 
 }  // namespace tdacli

@@ -73,7 +73,7 @@ FtpCredentials ParseFtpCredentials(std::string_view svr_temp) {
 }
 
 void SaveFtpCredentials(Agent& agent) {
-  FtpState& ftp = agent.ftp;
+  FtpState& ftp = agent.WriteFtp();
   ftp = FtpState{};
   FtpCredentials c = ParseFtpCredentials(agent.settings.SvrTemp);
   if (!c.present) return;  // a bare folder: no transfer credentials, nothing written
@@ -122,16 +122,19 @@ void SaveValidIPMask(Agent& agent, std::string& mask) {
 }
 
 void SaveLiveID(Agent& agent) {
-  CutAtLineBreak(agent, agent.login.TDLiveID, "TDLiveID");
-  CutAtLineBreak(agent, agent.login.RepeaterIP, "RepeaterIP");
-  CutAtLineBreak(agent, agent.login.RepeaterPort, "RepeaterPort");
-  const LoginState& l = agent.login;
+  // Whoever asks, the file never takes a line break: the values are cut as they go in (the login keeps
+  // its own cut before the poller asks for this file, so they warn once).
+  const LoginState& l = agent.login();
+  std::string id = l.TDLiveID, repeater_ip = l.RepeaterIP, repeater_port = l.RepeaterPort;
+  CutAtLineBreak(agent, id, "TDLiveID");
+  CutAtLineBreak(agent, repeater_ip, "RepeaterIP");
+  CutAtLineBreak(agent, repeater_port, "RepeaterPort");
   const std::string path = agent.AppPath("TDLiveID.INI");
-  SaveLines(agent, path, {"[LiveID]", "TDLiveID=" + l.TDLiveID, "RepeaterIP=" + l.RepeaterIP,
-                          "RepeaterPort=" + l.RepeaterPort, "PeerToPeerCapable=" + TrueFalse(l.PeerToPeerCapable)});
-  LogMessage(agent, "Saved [TDLiveID=" + l.TDLiveID + "] to [" + path + "]", "Trace");
-  LogMessage(agent, "Saved [RepeaterIP=[" + l.RepeaterIP + "] to [" + path + "]", "Trace");
-  LogMessage(agent, "Saved [RepeaterPort=" + l.RepeaterPort + "] to [" + path + "]", "Trace");
+  SaveLines(agent, path, {"[LiveID]", "TDLiveID=" + id, "RepeaterIP=" + repeater_ip,
+                          "RepeaterPort=" + repeater_port, "PeerToPeerCapable=" + TrueFalse(l.PeerToPeerCapable)});
+  LogMessage(agent, "Saved [TDLiveID=" + id + "] to [" + path + "]", "Trace");
+  LogMessage(agent, "Saved [RepeaterIP=[" + repeater_ip + "] to [" + path + "]", "Trace");
+  LogMessage(agent, "Saved [RepeaterPort=" + repeater_port + "] to [" + path + "]", "Trace");
   LogMessage(agent, "Saved [PeerToPeerCapable=" + TrueFalse(l.PeerToPeerCapable) + "] to [" + path + "]", "Trace");
 }
 

@@ -123,7 +123,7 @@ void AllowedConsoles::Load(Agent& agent) {
 
 void AllowedConsoles::Refresh(Agent& agent) {
   // The request-file timer's interval: the file is looked at no more often than that timer ticks.
-  const int interval = agent.tmrMessage.Interval() > 0 ? agent.tmrMessage.Interval() : 1000;
+  const int interval = agent.request_file_timer.Interval() > 0 ? agent.request_file_timer.Interval() : 1000;
   if (checked_ && agent.clock().NowMs() - last_check_ms_ < interval) return;
   Load(agent);
 }

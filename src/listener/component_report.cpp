@@ -1,15 +1,18 @@
 // "|GETVER|": the report of the suite's components installed beside the agent (version, date, time
 // and size of each file, state and account of the services), then the main and the FTP settings.
+#include "listener/component_report.h"
+
 #include <exception>
 #include <filesystem>
 #include <system_error>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "platform/file_times.h"
 #include "platform/version_info.h"
 #include "state/agent.h"
@@ -56,15 +59,6 @@ void AppendServiceRow(Agent& agent, std::string& report, const ServiceRow& row) 
     report += "     " + c.state + "     " + c.account + std::string(kCrlf);
   } else {
     report += row.short_label + details + std::string(row.short_ending);
-  }
-}
-
-// Each step of the report runs on its own: a fault in one leaves its part out and the next runs.
-template <typename F>
-void Step(F&& f) {
-  try {
-    f();
-  } catch (const std::exception&) {
   }
 }
 
@@ -133,63 +127,63 @@ void BuildComponentReport(Agent& agent) {
   std::string r = "Agent Client Components Information:{CRLF}{CRLF}"
                   "Component name                     Version       State                 Account{CRLF}{CRLF}";
 
-  Step([&] {
+  Ignoring([&] {
     if (user_session)
       r += "Agent Login Service: " + details("tdacli.exe") + crlf;
     else
       AppendServiceRow(agent, r, {"TDACLI.EXE", "TDACLI", "Agent Login Service:              ",
                                   "Agent Login Service: ", kCrlf});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern)
       AppendServiceRow(agent, r, {"TDACSC.EXE", "TDACSC", "Screen Capture Service :         ",
                                   "Screen Capture Service : ", kCrlf});
   });
-  Step([&] {
+  Ignoring([&] {
     if (user_session)
       r += "Media Transfer Service: " + details("tdacmt.exe") + crlf;
     else
       AppendServiceRow(agent, r, {"TDACMT.EXE", "TDACMT", "Media Transfer Service:           ",
                                   "Media Transfer Service: ", "{CRLF}{CRLF}"});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern)
       AppendServiceRow(agent, r, {"TDACLM.EXE", "TDACLM", "Live Monitor Service:             ",
                                   "Live Monitor Service:   ", "{CRLF}{CRLF}"});
   });
-  Step([&] {
+  Ignoring([&] {
     if (!modern) return;
     r += "Screen Capture Service: " + details("tdacsc.exe") + crlf;
     r += "Live Monitor Service: " + details("tdaclm.exe") + crlf;
   });
-  Step([&] {
+  Ignoring([&] {
     r += "System Event Detector: " +
          (ComponentExists(agent.AppPath("TDACSE.EXE")) ? Dotted(details("TDACSE.EXE")) : std::string("N/A")) + crlf;
   });
-  Step([&] {
+  Ignoring([&] {
     r += "Web Cam Control: " +
          (ComponentExists(agent.AppPath("TDACWC.EXE")) ? Dotted(details("TDACWC.EXE")) : std::string("N/A")) + crlf;
   });
-  Step([&] { r += "Update Manager: " + details("UPDMGR.EXE") + crlf; });
-  Step([&] { r += "Agent Login Detector: " + details("TDACLD.EXE") + crlf; });
-  Step([&] { r += "Agent Configuration: " + details("TDACCF.EXE") + crlf; });
-  Step([&] { r += "Agent Desktop: " + details("TDACAD.EXE") + "{CRLF}{CRLF}"; });
-  Step([&] { r += "TDNTService Control: " + Dotted(details("SVCCTL.OCX")) + crlf; });
-  Step([&] {
+  Ignoring([&] { r += "Update Manager: " + details("UPDMGR.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Login Detector: " + details("TDACLD.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Configuration: " + details("TDACCF.EXE") + crlf; });
+  Ignoring([&] { r += "Agent Desktop: " + details("TDACAD.EXE") + "{CRLF}{CRLF}"; });
+  Ignoring([&] { r += "TDNTService Control: " + Dotted(details("SVCCTL.OCX")) + crlf; });
+  Ignoring([&] {
     r += "TDCamCorder Control: " +
          (ComponentExists(agent.AppPath("SCRREC3.OCX")) ? details("SCRREC3.OCX") : details("SCRREC2.OCX")) + crlf;
   });
-  Step([&] { r += "Agent Client Remote Control: " + Dotted(details(rc + "TDACVC.EXE")) + crlf; });
-  Step([&] {
+  Ignoring([&] { r += "Agent Client Remote Control: " + Dotted(details(rc + "TDACVC.EXE")) + crlf; });
+  Ignoring([&] {
     r += "Agent Client Remote Library: " +
          Dotted(ComponentExists(agent.AppPath(rc + "RCHOOKS.DLL")) ? details(rc + "RCHOOKS.DLL")
                                                                    : details(rc + "rchooks2.dll")) +
          crlf;
   });
-  Step([&] { r += "Agent Client Remote Contro2: " + Dotted(details(rc + "TDACV2.EXE")) + crlf; });
-  Step([&] { r += "Agent Client Remote IP Port: " + ReadRemoteControlPort(agent) + "{CRLF}{CRLF}"; });
+  Ignoring([&] { r += "Agent Client Remote Contro2: " + Dotted(details(rc + "TDACV2.EXE")) + crlf; });
+  Ignoring([&] { r += "Agent Client Remote IP Port: " + ReadRemoteControlPort(agent) + "{CRLF}{CRLF}"; });
   r += " - - - - - - - - - - - - - - : " + crlf;
-  Step([&] { r += "Agent Client FTP Control: " + Dotted(details("FTPLIB2.DLL")) + crlf; });
+  Ignoring([&] { r += "Agent Client FTP Control: " + Dotted(details("FTPLIB2.DLL")) + crlf; });
 
   const Settings& s = agent.settings;
   r += "TD Server: " + Underscored(s.Server) + crlf;
@@ -197,8 +191,8 @@ void BuildComponentReport(Agent& agent) {
   r += "TD Server Temp: " + Underscored(s.SvrTemp) + crlf;
   r += "Current User: " + Underscored(s.CurrentUser) + crlf;
   r += "Current Event: " + Underscored(s.CurrentEvent) + crlf;
-  r += "Use WebCam: " + Bool(agent.login.UseWebCam) + crlf;
-  const FtpState& f = agent.ftp;
+  r += "Use WebCam: " + Bool(agent.login().UseWebCam) + crlf;
+  const FtpState& f = agent.ftp();
   r += "Use FTP: " + Bool(f.FtpCredentialsSaved) + crlf;
   if (f.FtpCredentialsSaved) {
     r += "FTP Server: " + Underscored(f.FtpServer) + crlf;
@@ -218,7 +212,7 @@ void BuildComponentReport(Agent& agent) {
   // from the server, cannot break the console's lines.
   for (char& c : r)
     if (c == '\r' || c == '\n') c = ' ';
-  agent.ComponentReportText = std::move(r);
+  agent.component_report_text = std::move(r);
 }
 
 void HandleGetVer(Agent& agent, const std::string&, CommandReplies& replies) {
@@ -228,7 +222,7 @@ void HandleGetVer(Agent& agent, const std::string&, CommandReplies& replies) {
              "Trace");
   LoadConfiguration(agent);
   BuildComponentReport(agent);
-  replies.SendCommandReply("|GETVER|<Status>" + agent.ComponentReportText, kAgentExplorerPeer);
+  replies.SendCommandReply("|GETVER|<Status>" + agent.component_report_text, kAgentExplorerPeer);
 }
 
 }  // namespace tdacli::listener

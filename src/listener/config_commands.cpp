@@ -1,10 +1,14 @@
 // The configuration commands of Agent Explorer: GETINFO, the single SET commands and SETALL.
+#include "listener/config_commands.h"
+
 #include <optional>
 
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
+#include "listener/host_names.h"
+#include "listener/listening_port.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {
@@ -33,7 +37,7 @@ const SettingCommand kExt{&Settings::Ext, &SaveExt, "|SETEXT|", "<Extension>"};
 const SettingCommand kServer{&Settings::Server, &SaveServer, "|SETSERVER|", "<TD Server>"};
 const SettingCommand kNotify{&Settings::NotificationMethod, &SaveNotificationMethod, "|SETNOTIFY|",
                              "<Notification Method>"};
-const SettingCommand kListen{&Settings::ListeningPorts, &SaveListeningPorts, "|SETLISTEN|", "<Listening Ports>"};
+const SettingCommand kListen{&Settings::ListeningPorts, &SaveListeningPortsAndFollow, "|SETLISTEN|", "<Listening Ports>"};
 const SettingCommand kPop4Ext{&Settings::PopEx, &SavePopEx, "|SETPOP4EXT|", "<Pop4Ext>"};
 const SettingCommand kPop4Win{&Settings::PopWinName, &SavePopWinName, "|SETPOP4WIN|", "<Pop4Win>"};
 

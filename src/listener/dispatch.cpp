@@ -1,5 +1,11 @@
+#include "listener/dispatch.h"
+
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
+#include "listener/component_report.h"
+#include "listener/config_commands.h"
+#include "listener/login_commands.h"
+#include "listener/send_frames_command.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

@@ -1,5 +1,6 @@
+#include "listener/host_names.h"
+
 #include "common/text.h"
-#include "listener/commands.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {

@@ -5,9 +5,20 @@
 
 #include "common/errors.h"
 #include "common/logging.h"
+#include "listener/dispatch.h"
 #include "state/agent.h"
 
+
 namespace tdacli::listener {
+
+namespace {
+
+// The line of everything that goes wrong with a connection request.
+std::string ConnectionRequestError(long number, const std::string& description) {
+  return "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description;
+}
+
+}  // namespace
 
 class CommandListener::HandlerScope {
  public:
@@ -41,10 +52,12 @@ CommandListener::CommandListener(Agent& agent)
 
 CommandListener::~CommandListener() = default;
 
+CommandListener& ListenerOf(Agent& agent) { return static_cast<CommandListener&>(*agent.console_listener()); }
+
 void CommandListener::OnAcceptError(int number, const std::string& description) {
   // The request could not even be taken (for example at the descriptor limit): the same line as a
   // failed accept; the socket control rests a second before it tries again instead of spinning.
-  LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description, "Error");
+  LogMessage(agent_, ConnectionRequestError(number, description), "Error");
 }
 
 void CommandListener::KeepTryingToListen(uint16_t port) {
@@ -144,10 +157,10 @@ void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t reques
   // created for it, so the newest console stays the one that is served.
   if (!allowed_consoles_.Admit(agent_, listen_->PendingRemoteHostIP())) return;
   auto fault = [this](long number, const std::string& description) {
-    LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(number) + ":" + description,
-               "Error");
+    LogMessage(agent_, ConnectionRequestError(number, description), "Error");
   };
-  try {
+  const auto text = [](const TrappedError& e) { return ConnectionRequestError(e.number, e.description); };
+  TrapAndLog(agent_, text, [&] {
     if (ListenConnectionIndex == std::numeric_limits<int16_t>::max()) {
       // The 16-bit counter cannot go on. The fault is logged and this request is refused (the socket
       // control closes it), and the counter starts again at 1 so that the listener serves for ever;
@@ -182,16 +195,12 @@ void CommandListener::wsckListen_ConnectionRequest(int16_t index, int64_t reques
     slot.remote_ip = InternIP(element.RemoteHostIP());
     if (!Greet(n, element)) return;
     agent_.DoEvents();
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    fault(err.number, err.description);
-  }
+  });
 }
 
 bool CommandListener::Greet(int16_t /*n*/, platform::TcpSocket& element) {
   if (platform::SocketError e = element.SendData("|READY|")) {
-    LogMessage(agent_, "wsckListen_ConnectionRequest() Error - " + std::to_string(e.number) + ":" + e.description,
-               "Error");
+    LogMessage(agent_, ConnectionRequestError(e.number, e.description), "Error");
     return false;
   }
   return true;
@@ -213,7 +222,10 @@ void CommandListener::wsckListen_DataArrival(int16_t /*index*/, size_t /*bytes*/
 }
 
 void CommandListener::wsckListen_Close(int16_t /*index*/) {
-  try {
+  const auto text = [](const TrappedError& e) {
+    return "wsckListen_close() Error - " + std::to_string(e.number) + ":" + e.description;
+  };
+  TrapAndLog(agent_, text, [&] {
     if (ListenConnectionIndex == 0) {
       // After the counter started again, an old connection's close must not take the listener with
       // it: element 0 is only closed while no connection was ever made.
@@ -221,10 +233,7 @@ void CommandListener::wsckListen_Close(int16_t /*index*/) {
       return;
     }
     Release(ListenConnectionIndex);
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent_, "wsckListen_close() Error - " + std::to_string(err.number) + ":" + err.description, "Error");
-  }
+  });
 }
 
 void CommandListener::SendCommandReply(const std::string& reply, std::string_view prefix) {
@@ -242,6 +251,11 @@ void CommandListener::SendCommandReply(const std::string& reply, std::string_vie
   }
   LogMessage(agent_, std::string(prefix) + ElementRemoteHostIP(ListenConnectionIndex) + ") already disconnected!",
              "Warning");
+}
+
+bool CommandListener::ReplyConnectionUp() {
+  platform::TcpSocket* element = Element(ListenConnectionIndex);
+  return element && element->State() == platform::TcpSocket::kConnected;
 }
 
 std::string CommandListener::RemoteHostIP() { return ElementRemoteHostIP(ListenConnectionIndex); }

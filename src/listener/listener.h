@@ -8,26 +8,13 @@
 #include <vector>
 
 #include "listener/allowed_consoles.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "platform/tcp_socket.h"
-
-namespace tdacli {
-class Agent;
-}
+#include "state/agent.h"
 
 namespace tdacli::listener {
 
-// The port element 0 listens on, from the second entry of the `ListeningPorts` setting.
-int16_t GetListeningPort(Agent& agent);
-// After a new `ListeningPorts` was saved: element 0 closes and listens on the port of the new list.
-// When it cannot, the error is logged, the port it listened on before is opened again and false
-// returned.
-bool ListenOnSavedPort(Agent& agent);
-// In user-session mode the Agent Explorer listener is opened only once a user has logged in (tries
-// again up to five times), and the siblings are told the port.
-void ReopenListenerAfterLogin(Agent& agent);
-
-class CommandListener : public CommandReplies {
+class CommandListener : public CommandReplies, public OwnedControl {
  public:
   explicit CommandListener(Agent& agent);
   ~CommandListener() override;
@@ -113,5 +100,8 @@ class CommandListener : public CommandReplies {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   AllowedConsoles allowed_consoles_;
 };
+
+// The agent's console listener, as the top built it (NewAgent).
+CommandListener& ListenerOf(Agent& agent);
 
 }  // namespace tdacli::listener

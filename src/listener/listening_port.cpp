@@ -1,7 +1,11 @@
+#include "listener/listening_port.h"
+
 #include "common/logging.h"
 #include "common/text.h"
+#include "config/configuration.h"
 #include "listener/listener.h"
-#include "siblings/messaging.h"
+#include "siblings/notify_new_listening_port.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli::listener {
@@ -20,7 +24,7 @@ int16_t GetListeningPort(Agent& agent) {
 
 
 bool ListenOnSavedPort(Agent& agent) {
-  auto& listener = agent.listener();
+  auto& listener = ListenerOf(agent);
   const bool was_listening = listener.Listener().State() == platform::TcpSocket::kListening;
   const uint16_t old_port = listener.Listener().LocalPort();
   listener.CloseListener();
@@ -37,9 +41,19 @@ bool ListenOnSavedPort(Agent& agent) {
   return true;
 }
 
+bool FollowSavedListeningPorts(Agent& agent) {
+  if (!ListenOnSavedPort(agent)) return false;
+  NotifyNewListeningPort(agent);
+  return true;
+}
+
+bool SaveListeningPortsAndFollow(Agent& agent) {
+  return SaveListeningPorts(agent) && FollowSavedListeningPorts(agent);
+}
+
 // In user-session mode the Agent Explorer listener is opened only once a user has logged in.
 void ReopenListenerAfterLogin(Agent& agent) {
-  auto& listener = agent.listener();
+  auto& listener = ListenerOf(agent);
   int tries = 0;
   for (;;) {
     if (!agent.UserSessionMode()) return;

@@ -1,46 +1,35 @@
 // "|LOGIN|" and "|GETTRACEFILE|": a login on the console's request, and the local trace file sent by
 // TDACMT. Both wait with events flowing, so other connections are served meanwhile.
+#include "listener/login_commands.h"
+
 #include <exception>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
-#include "siblings/messaging.h"
+#include "listener/command_replies.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
 
 namespace tdacli::listener {
 
-namespace {
-
-// Each step's faults are ignored and the next step runs.
-template <typename F>
-void Step(F&& f) {
-  try {
-    f();
-  } catch (const std::exception&) {
-  }
-}
-
-long NumericValue(const std::string& text) { return ToLong(text).value_or(0); }
-
-}  // namespace
-
 void PerformRequestedLogin(Agent& agent, CommandReplies& replies) {
   // An earlier login's capture parameters still in place: that user is logged off first.
-  Step([&] {
+  Ignoring([&] {
     if (FileExists(agent.AppPath("100ScreenParam.TXT"))) DoUserLogOff(agent);
   });
   if (agent.Ended()) return;
-  Step([&] { LoadConfiguration(agent); });
-  Step([&] {
+  Ignoring([&] { LoadConfiguration(agent); });
+  Ignoring([&] {
     LogMessage(agent, "Received request from AgentExplorer at (" + replies.RemoteHostIP() + ") to perform a login.",
                "Trace");
   });
-  Step([&] { RunPostLoginSequence(agent); });
+  Ignoring([&] { RunPostLoginSequence(agent); });
 }
 
 void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
@@ -50,27 +39,24 @@ void HandleLogin(Agent& agent, const std::string&, CommandReplies& replies) {
              "Trace");
   PerformRequestedLogin(agent, replies);
   if (agent.Ended()) return;
-  replies.SendCommandReply("|LOGIN|<Status>" + agent.login.LastLoginResult, kAgentExplorerPeer);
+  replies.SendCommandReply("|LOGIN|<Status>" + agent.login().LastLoginResult, kAgentExplorerPeer);
 }
 
 void RequestTraceFile(Agent& agent) {
-  try {
+  Ignoring([&] {
     LogMessage(agent, "Agent Explorer Asked for Local Trace File, Calling TDACMT!", "Trace");
-    agent.TraceFileReply.assign(1, '0');  // (not `= "0"`: GCC 12 warns falsely on that assignment)
+    agent.trace_file_reply.Expect();
     if (RuleSUsesFiles(agent))
       MakeRequestFile(agent, "TDACMT", "Code=140");
     else
       SendServiceControl(agent, "TDACMT", 140);
     // At most 11 one-second waits; the answer (code 141 or 142) arrives through the control handler
     // inside them and ends the current one at once.
-    auto answered = [&agent] { return NumericValue(agent.TraceFileReply) != 0; };
-    for (int counter = 0; !answered() && counter <= 10 && !agent.Ended(); ++counter) agent.WaitUntil(1, answered);
-    if (agent.TraceFileReply != "0")
-      LogMessage(agent, "TDACMT Replied With: " + agent.TraceFileReply, "Trace");
+    if (agent.trace_file_reply.Await(agent, 11))
+      LogMessage(agent, "TDACMT Replied With: " + agent.trace_file_reply.Text(), "Trace");
     else
       LogMessage(agent, "No Response From TDACMT!", "Error");
-  } catch (const std::exception&) {
-  }
+  });
 }
 
 void HandleGetTraceFile(Agent& agent, const std::string&, CommandReplies& replies) {
@@ -80,7 +66,7 @@ void HandleGetTraceFile(Agent& agent, const std::string&, CommandReplies& replie
              "Trace");
   RequestTraceFile(agent);
   if (agent.Ended()) return;
-  replies.SendCommandReply("|GETTRACEFILE|<Status>" + agent.TraceFileReply, kAgentExplorerPeer);
+  replies.SendCommandReply("|GETTRACEFILE|<Status>" + agent.trace_file_reply.Text(), kAgentExplorerPeer);
 }
 
 }  // namespace tdacli::listener

@@ -1,5 +1,6 @@
+#include "listener/protocol_body.h"
+
 #include "common/text.h"
-#include "listener/commands.h"
 
 namespace tdacli::listener {
 

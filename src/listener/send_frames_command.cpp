@@ -1,11 +1,14 @@
 // Send-frames jobs from the TD Server: one reception, or a transmission chopped over several that is
 // collected in `PendingProtocolData` until both protocol tags have arrived.
+#include "listener/send_frames_command.h"
+
 #include <string>
 
 #include "common/logging.h"
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/listener.h"
+#include "listener/protocol_body.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 
@@ -32,13 +35,8 @@ void Discard(Agent& agent, std::string& pending, const std::string& ip, size_t s
 
 }  // namespace
 
-bool CommandListener::ReplyConnectionUp() {
-  platform::TcpSocket* element = Element(ListenConnectionIndex);
-  return element && element->State() == platform::TcpSocket::kConnected;
-}
-
 void HandleSendFramesData(Agent& agent, const std::string& data, CommandReplies& replies) {
-  std::string& pending = agent.listener().PendingProtocolData;
+  std::string& pending = ListenerOf(agent).PendingProtocolData;
   std::string text = data;
   if (Contains(text, "|SENDFRAMES|") && !Contains(text, kBegin)) {
     text = std::string(kBegin) + text + std::string(kEnd);

@@ -5,13 +5,13 @@
 
 #include "common/errors.h"
 #include "common/files.h"
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
 #include "config/result_files.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
+
 
 namespace tdacli {
 
@@ -22,7 +22,7 @@ constexpr std::string_view kDisconnect = "TD Agent Disconnect OK";
 constexpr std::string_view kNoMatchingWinName = "NoMatchingWinName";
 
 using Match = bool (*)(const Agent& agent, std::string_view data);
-using Action = void (*)(Agent& agent, const std::string& data, const RequestSink& send);
+using Action = void (*)(Agent& agent, const std::string& data, const RequestSink& send, LoginOutcome& learned);
 
 struct ReplyRule {
   std::string_view label;
@@ -30,51 +30,13 @@ struct ReplyRule {
   Action act;
 };
 
-bool Kind(const Agent& agent, std::string_view kind) { return agent.login.LoginRequestKind == kind; }
+bool Kind(const Agent& agent, std::string_view kind) { return agent.login().LoginRequestKind == kind; }
 
 }  // namespace
 
-// The live id fields: id, repeater address, repeater port and the peer-to-peer flag separated by ":".
-// Fields that are missing leave their values as they were.
-void StoreLiveIdFields(Agent& agent, std::string_view fields) {
-  LoginState& l = agent.login;
-  std::vector<std::string> field;
-  const int n = SplitString(fields, ":", field);
-  if (n >= 1) l.TDLiveID = field[1];
-  if (n >= 2) l.RepeaterIP = field[2];
-  if (n >= 3) l.RepeaterPort = field[3];
-  if (n >= 4) {
-    l.PeerToPeerCapable = false;
-    l.PeerToPeerCapable = field[4] == "T";
-  }
-}
-
-// The server names folders with the tokens "c:\%windir%\" and "c:\%appdir%\"; the value is lower-cased
-// first so that they match whatever case the server used.
-std::string LocalTempFromReply(Agent& agent, std::string_view value) {
-  std::string v = Lower(value);
-  v = ReplaceAll(v, "c:\\%windir%\\", GetWindowsFolder(agent));
-  v = ReplaceAll(v, "c:\\%appdir%\\", agent.app_folder);
-  return v;
-}
-
-void StoreLoginResults(Agent& agent) {
-  LoginState& l = agent.login;
-  const std::string ftp_file = agent.AppPath("TDACFTP.INI");
-  if (FileExists(ftp_file)) DeleteFile(agent, ftp_file);
-  SaveFtpCredentials(agent);
-  const std::string mask_file = agent.AppPath("TDIPMASK.INI");
-  if (l.ValidIPMask.empty()) {
-    if (FileExists(mask_file)) DeleteFile(agent, mask_file);
-  } else {
-    SaveValidIPMask(agent, l.ValidIPMask);
-  }
-  SaveConfiguration(agent);
-}
-
 namespace {
 
-void UpdateListeningPorts(Agent& agent, const std::string& data) {
+void UpdateListeningPorts(Agent& agent, const std::string& data, LoginOutcome& learned) {
   std::string& ports = agent.settings.ListeningPorts;
   const std::string old = ports;
   ports = Mid(data, 12);
@@ -84,15 +46,15 @@ void UpdateListeningPorts(Agent& agent, const std::string& data) {
     LogMessage(agent, "Listening Ports did not change from original value of (" + now + ")", "Trace");
     return;
   }
-  // "Registry" is what the suite has always called the configuration file.
+  // Saved here; the listener's move and the notice to the siblings are the top's, which then reports.
   if (SaveListeningPorts(agent))
-    LogMessage(agent, "Updated Registry with new Listening Ports (" + now + ")", "Trace");
+    learned.saved_listening_ports = now;
   else
-    LogMessage(agent, "Error Updating Registry with new Listening Ports (" + now + ")", "Error");
+    ReportListeningPortsUpdate(agent, now, false);
 }
 
-void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) {
-  LoginState& l = agent.login;
+void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send, LoginOutcome& learned) {
+  LoginState& l = agent.WriteLogin();
   Settings& s = agent.settings;
   // Asked as "USETRACE", answered as "AGENTTRACE": the value may carry "webcam" and the web-cam flag.
   const std::string value = Mid(data, 11);
@@ -112,7 +74,7 @@ void EndOfLogin(Agent& agent, const std::string& data, const RequestSink& send) 
   send(kDisconnect);
 
   StoreLoginResults(agent);
-  if (agent.hooks.ReopenListenerAfterLogin) agent.hooks.ReopenListenerAfterLogin(agent);
+  learned.logged_in = true;
 }
 
 // The rules in the order they are tested; the first that matches handles the reply. Rules 1 and 3 are
@@ -122,13 +84,13 @@ const std::array<ReplyRule, 18>& Rules() {
   static const std::array<ReplyRule, 18> rules = {{
       {"1",
        [](const Agent& a, std::string_view d) { return d == kGreeting && !Kind(a, "Logoff"); },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "Connected To Login Server OK, Sending UserName (" + a.settings.CurrentUser + ")", "Trace");
          send("ID" + a.settings.CurrentUser);
        }},
       {"1'",
        [](const Agent& a, std::string_view d) { return d == kGreeting && Kind(a, "Logoff"); },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          // The address goes out as it stands when the greeting arrives, even empty.
          const std::string request = "Logoff" + a.settings.CurrentUser + ":" + a.local_ip;
          LogMessage(a, "Connected To TD Server OK, Sending Logoff of UserName (" + a.settings.CurrentUser + ")",
@@ -136,36 +98,36 @@ const std::array<ReplyRule, 18>& Rules() {
          send(request);
        }},
       {"2", [](const Agent&, std::string_view d) { return d == "LOGOFF=OKAY"; },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "TD Server Sent 'Logoff = Okay', Sending Disconnect Signal", "Trace");
-         a.login.ProtocolDone = true;
-         a.login.LogoffSucceeded = true;
+         a.WriteLogin().ProtocolDone = true;
+         a.WriteLogin().LogoffSucceeded = true;
          send(kDisconnect);
        }},
       {"3", [](const Agent& a, std::string_view d) { return d == "ID OK" && !Kind(a, "Login"); },
-       [](Agent& a, const std::string&, const RequestSink& send) {
-         const std::string status = std::to_string(a.TempAccessStatus);
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
+         const std::string status = std::to_string(a.temp_access_status);
          LogMessage(a, "Login Server Received UserName OK, Sending STATUS (" + status + ")", "Trace");
          send("STATUS" + status);
        }},
       {"3'", [](const Agent& a, std::string_view d) { return d == "ID OK" && Kind(a, "Login"); },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          if (a.local_ip.empty()) DetermineLocalIP(a);
          LogMessage(a, "Login Server Received UserName OK, Sending IP (" + a.local_ip + ")", "Trace");
          send("IP" + a.local_ip);
        }},
       {"4", [](const Agent&, std::string_view d) { return d == "IP Addr OK"; },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "Login Server Received IP OK, Sending Extension (" + a.settings.Ext + ")", "Trace");
          send("EX" + a.settings.Ext);
        }},
       {"5", [](const Agent&, std::string_view d) { return d == "EXT OK"; },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "Login Server Received Extension OK, Sending Request for TD Live ID", "Trace");
          send("TDLIVEID");
        }},
       {"6", [](const Agent&, std::string_view d) { return StartsWith(d, "TDLIVEID"); },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
          // The 9th character separates keyword and fields; it is skipped.
          StoreLiveIdFields(a, Mid(d, 10));
          LogMessage(a, "Login Server Sent TD Live ID (" + d + "), Sending Request for Server Temp Folder", "Trace");
@@ -173,14 +135,14 @@ const std::array<ReplyRule, 18>& Rules() {
        }},
       // Pushed by the server at any time; nothing is answered.
       {"7", [](const Agent&, std::string_view d) { return StartsWith(d, "100SCREEN"); },
-       [](Agent& a, const std::string& d, const RequestSink&) {
-         a.login.HundredScreensParam = Mid(d, 10);
-         LogMessage(a, "Login Server Sent 100% Screens Param of (" + a.login.HundredScreensParam + ")!", "Trace");
+       [](Agent& a, const std::string& d, const RequestSink&, LoginOutcome&) {
+         a.WriteLogin().HundredScreensParam = Mid(d, 10);
+         LogMessage(a, "Login Server Sent 100% Screens Param of (" + a.WriteLogin().HundredScreensParam + ")!", "Trace");
          a.DoEvents();
        }},
       {"8",
        [](const Agent&, std::string_view d) { return StartsWith(d, "SERVERTEMP") && Mid(d, 11) != kNoMatchingWinName; },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
          a.settings.SvrTemp = Mid(d, 11);
          LogMessage(a, "Login Server Sent Server Temp Folder (" + a.settings.SvrTemp +
                            "), Sending Request for Local Temp Folder",
@@ -189,52 +151,52 @@ const std::array<ReplyRule, 18>& Rules() {
        }},
       {"8'",
        [](const Agent&, std::string_view d) { return StartsWith(d, "SERVERTEMP") && Mid(d, 11) == kNoMatchingWinName; },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
          a.settings.SvrTemp = Mid(d, 11);
          const std::string text =
              "The windows login name of (" + a.settings.CurrentUser + ") does not exist in the TD Agent Database!";
          LogMessage(a, text, "Error");
-         a.login.LastLoginResult = "[ERROR]" + text;
-         a.login.LoginSucceeded = false;
-         a.login.ProtocolDone = true;
+         a.WriteLogin().LastLoginResult = "[ERROR]" + text;
+         a.WriteLogin().LoginSucceeded = false;
+         a.WriteLogin().ProtocolDone = true;
          send(kDisconnect);
        }},
       // A bare "LISTENPORTS" is taken here and ignored, so it never counts as unexpected data.
       {"9", [](const Agent&, std::string_view d) { return StartsWith(d, "LISTENPORTS"); },
-       [](Agent& a, const std::string& d, const RequestSink&) {
-         if (d.size() >= 12) UpdateListeningPorts(a, d);
+       [](Agent& a, const std::string& d, const RequestSink&, LoginOutcome& learned) {
+         if (d.size() >= 12) UpdateListeningPorts(a, d, learned);
        }},
       {"10", [](const Agent&, std::string_view d) { return StartsWith(d, "LOCALTEMP"); },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
-         a.settings.LocalTemp = LocalTempFromReply(a, Mid(d, 10));
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
+         a.settings.LocalTemp = ExpandLocalTemp(a, Mid(d, 10));
          LogMessage(a, "Login Server Sent Local Temp Folder (" + a.settings.LocalTemp + "), Sending Request for KekInfo",
                     "Trace");
          send("KEKINFO");
        }},
       {"11", [](const Agent&, std::string_view d) { return StartsWith(d, "KEKINFO"); },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
-         a.login.KekInfo = Mid(d, 8);
-         LogMessage(a, "Login Server Sent KekInfo (" + a.login.KekInfo + "), Sending Request for ValidIPMask", "Trace");
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
+         a.WriteLogin().KekInfo = Mid(d, 8);
+         LogMessage(a, "Login Server Sent KekInfo (" + a.WriteLogin().KekInfo + "), Sending Request for ValidIPMask", "Trace");
          send("VALIDIPMASK");
        }},
       {"12", [](const Agent&, std::string_view d) { return StartsWith(d, "VALIDIPMASK"); },
-       [](Agent& a, const std::string& d, const RequestSink& send) {
-         a.login.ValidIPMask = Mid(d, 12);
-         LogMessage(a, "Login Server Sent Valid IP Mask (" + a.login.ValidIPMask + "), Sending Request for UseTrace",
+       [](Agent& a, const std::string& d, const RequestSink& send, LoginOutcome&) {
+         a.WriteLogin().ValidIPMask = Mid(d, 12);
+         LogMessage(a, "Login Server Sent Valid IP Mask (" + a.WriteLogin().ValidIPMask + "), Sending Request for UseTrace",
                     "Trace");
          send("USETRACE");
        }},
       {"13", [](const Agent&, std::string_view d) { return StartsWith(d, "AGENTTRACE"); }, EndOfLogin},
       {"14", [](const Agent&, std::string_view d) { return d == "STATUS OK"; },
-       [](Agent& a, const std::string&, const RequestSink& send) {
+       [](Agent& a, const std::string&, const RequestSink& send, LoginOutcome&) {
          LogMessage(a, "Login Server Received Status Ok, Sending Disconnect Signal", "Trace");
-         a.login.ProtocolDone = true;
+         a.WriteLogin().ProtocolDone = true;
          send(kDisconnect);
        }},
       {"15", [](const Agent&, std::string_view) { return true; },
-       [](Agent& a, const std::string& d, const RequestSink&) {
+       [](Agent& a, const std::string& d, const RequestSink&, LoginOutcome&) {
          LogMessage(a, "Received Unexpected Data During Protocol: " + d, "Error");
-         a.login.ProtocolDone = true;
+         a.WriteLogin().ProtocolDone = true;
        }},
   }};
   return rules;
@@ -246,40 +208,43 @@ const ReplyRule& RuleFor(const Agent& agent, std::string_view data) {
   return Rules().back();
 }
 
-void Trapped(Agent& agent, long number, const std::string& description) {
-  LogMessage(agent,
-             "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(number) + ": " + description,
-             "Error");
-  agent.login.ProtocolDone = true;
-}
-
+// The data-arrival trap: any error is logged in the handler's own wording and ends the exchange.
 template <typename Fn>
 void WithTrap(Agent& agent, Fn&& fn) {
-  try {
-    fn();
-  } catch (const SendFault& fault) {
-    Trapped(agent, fault.number, fault.what());
-  } catch (const std::exception& e) {
-    const TrappedError error = Describe(e);
-    Trapped(agent, error.number, error.description);
-  }
+  const auto text = [](const TrappedError& e) {
+    return "Error Detected in Broadcast_DataArrival() Routine, " + std::to_string(e.number) + ": " + e.description;
+  };
+  if (!TrapAndLog(agent, text, std::forward<Fn>(fn))) agent.WriteLogin().ProtocolDone = true;
 }
 
 }  // namespace
 
 std::string_view ReplyRuleFor(const Agent& agent, std::string_view data) { return RuleFor(agent, data).label; }
 
-void DispatchReply(Agent& agent, const std::string& data, const RequestSink& send) {
-  RuleFor(agent, data).act(agent, data, send);
+LoginOutcome DispatchReply(Agent& agent, const std::string& data, const RequestSink& send) {
+  LoginOutcome learned;
+  RuleFor(agent, data).act(agent, data, send, learned);
+  return learned;
 }
 
-void HandleReply(Agent& agent, const std::string& data, const RequestSink& send) {
-  WithTrap(agent, [&] { DispatchReply(agent, data, send); });
+LoginOutcome HandleReply(Agent& agent, const std::string& data, const RequestSink& send) {
+  LoginOutcome learned;
+  WithTrap(agent, [&] { RuleFor(agent, data).act(agent, data, send, learned); });
+  return learned;
 }
 
-void Broadcast_DataArrival(Agent& agent, size_t /*bytes*/) {
+void ReportListeningPortsUpdate(Agent& agent, const std::string& ports, bool updated) {
+  // "Registry" is what the suite has always called the configuration file.
+  if (updated)
+    LogMessage(agent, "Updated Registry with new Listening Ports (" + ports + ")", "Trace");
+  else
+    LogMessage(agent, "Error Updating Registry with new Listening Ports (" + ports + ")", "Error");
+}
+
+LoginOutcome Broadcast_DataArrival(Agent& agent, size_t /*bytes*/) {
+  LoginOutcome learned;
   WithTrap(agent, [&] {
-    auto& socket = agent.Broadcast;
+    auto& socket = agent.login_socket;
     auto connected = [&socket] { return socket.State() == platform::TcpSocket::kConnected; };
     if (!connected()) agent.WaitUntil(30, connected);
     if (agent.Ended()) return;
@@ -288,10 +253,11 @@ void Broadcast_DataArrival(Agent& agent, size_t /*bytes*/) {
       return;
     }
     const std::string data = socket.GetData();
-    DispatchReply(agent, data, [&socket](std::string_view request) {
+    RuleFor(agent, data).act(agent, data, [&socket](std::string_view request) {
       if (platform::SocketError error = socket.SendData(request)) throw SendFault(error.number, error.description);
-    });
+    }, learned);
   });
+  return learned;
 }
 
 }  // namespace tdacli

@@ -5,7 +5,6 @@
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "login/conversation.h"
 #include "login/web_service.h"
 #include "state/agent.h"
 
@@ -31,8 +30,8 @@ enum class Outcome { kCloseTimeout, kConnectTimeout, kProtocolTimeout, kProtocol
 // stages (the login clears its capture parameters there).
 Outcome RunExchange(Agent& agent, const std::string& kind, const std::string& contact_line,
                     const std::function<void()>& before_connect) {
-  LoginState& l = agent.login;
-  TcpSocket& socket = agent.Broadcast;
+  LoginState& l = agent.WriteLogin();
+  TcpSocket& socket = agent.login_socket;
   l.ProtocolDone = false;
   l.LoginRequestKind = kind;
   socket.SetRemoteHost(agent.settings.Server);
@@ -58,16 +57,95 @@ Outcome RunExchange(Agent& agent, const std::string& kind, const std::string& co
   return done ? Outcome::kProtocolDone : Outcome::kProtocolTimeout;
 }
 
-void TimedOut(Agent& agent, bool& flag, const std::string& text, bool sets_result) {
-  flag = false;
+// What sets the three drivers apart once their exchange has ended.
+struct DriverKind {
+  bool LoginState::*succeeded;  // `LoginSucceeded`, `LogoffSucceeded` or `StatusSucceeded`
+  const char* close_timeout;
+  const char* connect_timeout;
+  const char* protocol_timeout;
+  bool timeouts_set_result;     // the status report leaves `LastLoginResult` alone
+  void (*done)(Agent& agent);   // the exchange ran to its end
+};
+
+// The login's and the logoff's end: the flag the conversation left decides.
+void ReportLoginOrLogoff(Agent& agent, bool succeeded, const char* logged, const char* request) {
+  const Settings& s = agent.settings;
+  LoginState& l = agent.WriteLogin();
+  if (succeeded) {
+    LogMessage(agent,
+               std::string("The Tyndrel Agent Client Successfully Logged ") + logged + " User (" + s.CurrentUser +
+                   ") to Server (" + s.Server + ")",
+               "Information");
+    l.LastLoginResult = std::string("The Tyndrel Agent Client Successfully Logged ") + logged + " User (" +
+                        s.CurrentUser + ").";
+  } else {
+    const std::string text = std::string("The Tyndrel Agent Client could not execute a ") + request + " for (" +
+                             s.CurrentUser + ") to (" + s.Server + ":5003)";
+    LogMessage(agent, text, "Error");
+    l.LastLoginResult = text;
+  }
+}
+
+const DriverKind kLogin{
+    &LoginState::LoginSucceeded, "Login Attempt - Timeout closing socket prior to connection",
+    "Login Attempt - Timeout connecting socket for login", "Login Attempt - Timeout executing protocol", true,
+    // `LoginSucceeded` is whatever the conversation left: an exchange that ended without touching it
+    // keeps the previous login's value.
+    [](Agent& agent) { ReportLoginOrLogoff(agent, agent.login().LoginSucceeded, "in", "login"); }};
+
+const DriverKind kLogoff{
+    &LoginState::LogoffSucceeded, "Logoff Attempt - Timeout closing socket prior to connection",
+    "Logoff Attempt - Timeout connecting socket for logoff", "Logoff Attempt - Timeout executing protocol", true,
+    [](Agent& agent) { ReportLoginOrLogoff(agent, agent.login().LogoffSucceeded, "off", "logoff"); }};
+
+// The time-outs reuse the login wording on purpose, and leave `LastLoginResult` alone.
+const DriverKind kStatus{
+    &LoginState::StatusSucceeded, "Login Attempt - Timeout closing socket prior to connection",
+    "Login Attempt - Timeout connecting socket for login", "Login Attempt - Timeout executing protocol", false,
+    [](Agent& agent) {
+      // Whatever the server answered, a finished exchange counts as reported.
+      agent.WriteLogin().StatusSucceeded = true;
+      if (agent.temp_access_status != 0)
+        LogMessage(agent,
+                   "The Tyndrel Agent Client Successfully Updated Agent Status to (" +
+                       std::to_string(agent.temp_access_status) + ") for User (" + agent.settings.CurrentUser +
+                       "). However the user does not have proper permissions!",
+                   "Warning");
+      else
+        agent.DoEvents();
+    }};
+
+void TimedOut(Agent& agent, const DriverKind& kind, const char* text) {
+  agent.WriteLogin().*kind.succeeded = false;
   LogMessage(agent, text, "Error");
-  if (sets_result) agent.login.LastLoginResult = "[ERROR]" + text;
+  if (kind.timeouts_set_result) agent.WriteLogin().LastLoginResult = "[ERROR]" + std::string(text);
+}
+
+// The end of an exchange, the same for the three drivers but for their texts and flags.
+void Finish(Agent& agent, const DriverKind& kind, Outcome outcome) {
+  switch (outcome) {
+    case Outcome::kEnded:
+      return;
+    case Outcome::kCloseTimeout:
+      TimedOut(agent, kind, kind.close_timeout);  // the socket is not closed again
+      return;
+    case Outcome::kConnectTimeout:
+      TimedOut(agent, kind, kind.connect_timeout);  // the socket is left as it is
+      return;
+    case Outcome::kProtocolTimeout:
+      TimedOut(agent, kind, kind.protocol_timeout);
+      agent.login_socket.Close();
+      return;
+    case Outcome::kProtocolDone:
+      kind.done(agent);
+      agent.login_socket.Close();
+      return;
+  }
 }
 
 }  // namespace
 
 void LoginUser(Agent& agent) {
-  LoginState& l = agent.login;
   const std::string live_id = agent.AppPath("TDLiveID.INI");
   if (FileExists(live_id)) {
     DeleteFile(agent, live_id);
@@ -77,145 +155,45 @@ void LoginUser(Agent& agent) {
     WebService_LoginUser(agent);
     return;
   }
-
-  const Outcome outcome =
-      RunExchange(agent, "Login", "Contacting the TD Login Server for Login at (" + agent.settings.Server + ":5003)",
-                  [&agent, &l] {
-                    l.HundredScreensParam.clear();
-                    const std::string param_file = agent.AppPath("100ScreenParam.TXT");
-                    DeleteFile(agent, param_file);
-                    if (FileExists(param_file)) LogMessage(agent, "Error Removing File (" + param_file + ")!", "Error");
-                    l.UseWebCam = false;
-                  });
-  switch (outcome) {
-    case Outcome::kEnded:
-      return;
-    case Outcome::kCloseTimeout:
-      // The socket is not closed again.
-      TimedOut(agent, l.LoginSucceeded, "Login Attempt - Timeout closing socket prior to connection", true);
-      return;
-    case Outcome::kConnectTimeout:
-      // The socket is left as it is.
-      TimedOut(agent, l.LoginSucceeded, "Login Attempt - Timeout connecting socket for login", true);
-      return;
-    case Outcome::kProtocolTimeout:
-      TimedOut(agent, l.LoginSucceeded, "Login Attempt - Timeout executing protocol", true);
-      agent.Broadcast.Close();
-      return;
-    case Outcome::kProtocolDone:
-      // `LoginSucceeded` is whatever the conversation left: an exchange that ended without touching it
-      // keeps the previous login's value.
-      if (l.LoginSucceeded) {
-        LogMessage(agent,
-                   "The Tyndrel Agent Client Successfully Logged in User (" + agent.settings.CurrentUser +
-                       ") to Server (" + agent.settings.Server + ")",
-                   "Information");
-        l.LastLoginResult =
-            "The Tyndrel Agent Client Successfully Logged in User (" + agent.settings.CurrentUser + ").";
-      } else {
-        const std::string text = "The Tyndrel Agent Client could not execute a login for (" +
-                                 agent.settings.CurrentUser + ") to (" + agent.settings.Server + ":5003)";
-        LogMessage(agent, text, "Error");
-        l.LastLoginResult = text;
-      }
-      agent.Broadcast.Close();
-      return;
-  }
+  Finish(agent, kLogin,
+         RunExchange(agent, "Login", "Contacting the TD Login Server for Login at (" + agent.settings.Server + ":5003)",
+                     [&agent] {
+                       LoginState& l = agent.WriteLogin();
+                       l.HundredScreensParam.clear();
+                       const std::string param_file = agent.AppPath("100ScreenParam.TXT");
+                       DeleteFile(agent, param_file);
+                       if (FileExists(param_file))
+                         LogMessage(agent, "Error Removing File (" + param_file + ")!", "Error");
+                       l.UseWebCam = false;
+                     }));
 }
 
 void LogOffUser(Agent& agent) {
-  LoginState& l = agent.login;
   if (Contains(agent.settings.Server, ":")) {
     WebService_LogOffUser(agent);
     return;
   }
-  l.LogoffSucceeded = false;
-
-  const Outcome outcome = RunExchange(
-      agent, "Logoff", "Contacting the TD Server for Logoff at (" + agent.settings.Server + ":5003)", nullptr);
-  switch (outcome) {
-    case Outcome::kEnded:
-      return;
-    case Outcome::kCloseTimeout:
-      TimedOut(agent, l.LogoffSucceeded, "Logoff Attempt - Timeout closing socket prior to connection", true);
-      return;
-    case Outcome::kConnectTimeout:
-      TimedOut(agent, l.LogoffSucceeded, "Logoff Attempt - Timeout connecting socket for logoff", true);
-      return;
-    case Outcome::kProtocolTimeout:
-      TimedOut(agent, l.LogoffSucceeded, "Logoff Attempt - Timeout executing protocol", true);
-      agent.Broadcast.Close();
-      return;
-    case Outcome::kProtocolDone:
-      if (l.LogoffSucceeded) {
-        LogMessage(agent,
-                   "The Tyndrel Agent Client Successfully Logged off User (" + agent.settings.CurrentUser +
-                       ") to Server (" + agent.settings.Server + ")",
-                   "Information");
-        l.LastLoginResult =
-            "The Tyndrel Agent Client Successfully Logged off User (" + agent.settings.CurrentUser + ").";
-      } else {
-        const std::string text = "The Tyndrel Agent Client could not execute a logoff for (" +
-                                 agent.settings.CurrentUser + ") to (" + agent.settings.Server + ":5003)";
-        LogMessage(agent, text, "Error");
-        l.LastLoginResult = text;
-      }
-      agent.Broadcast.Close();
-      return;
-  }
+  agent.WriteLogin().LogoffSucceeded = false;
+  Finish(agent, kLogoff,
+         RunExchange(agent, "Logoff", "Contacting the TD Server for Logoff at (" + agent.settings.Server + ":5003)",
+                     nullptr));
 }
 
 void LoginStatus(Agent& agent) {
-  LoginState& l = agent.login;
   if (Contains(agent.settings.Server, ":")) {
     WebService_LoginStatus(agent);
     return;
   }
-
-  // The time-outs reuse the login wording on purpose, and leave `LastLoginResult` alone.
-  const Outcome outcome = RunExchange(
-      agent, "Status", "Contacting the TD Login Server for Status Report at (" + agent.settings.Server + ")", nullptr);
-  switch (outcome) {
-    case Outcome::kEnded:
-      return;
-    case Outcome::kCloseTimeout:
-      TimedOut(agent, l.StatusSucceeded, "Login Attempt - Timeout closing socket prior to connection", false);
-      return;
-    case Outcome::kConnectTimeout:
-      TimedOut(agent, l.StatusSucceeded, "Login Attempt - Timeout connecting socket for login", false);
-      return;
-    case Outcome::kProtocolTimeout:
-      TimedOut(agent, l.StatusSucceeded, "Login Attempt - Timeout executing protocol", false);
-      agent.Broadcast.Close();
-      return;
-    case Outcome::kProtocolDone:
-      // Whatever the server answered, a finished exchange counts as reported.
-      l.StatusSucceeded = true;
-      if (agent.TempAccessStatus != 0)
-        LogMessage(agent,
-                   "The Tyndrel Agent Client Successfully Updated Agent Status to (" +
-                       std::to_string(agent.TempAccessStatus) + ") for User (" + agent.settings.CurrentUser +
-                       "). However the user does not have proper permissions!",
-                   "Warning");
-      else
-        agent.DoEvents();
-      agent.Broadcast.Close();
-      return;
-  }
+  Finish(agent, kStatus,
+         RunExchange(agent, "Status",
+                     "Contacting the TD Login Server for Status Report at (" + agent.settings.Server + ")", nullptr));
 }
 
 void Broadcast_Error(Agent& agent, int number, const std::string& description) {
   // Logged only: no message box, and the waiting driver is not told.
   LogMessage(agent, "The Broadcast WinSock Control Received The Error, " + std::to_string(number) + ": " + description,
              "Error");
-  agent.Broadcast.Close();
-}
-
-void WireLoginClient(Agent& agent) {
-  agent.Broadcast.on_error = [&agent](int number, const std::string& description) {
-    Broadcast_Error(agent, number, description);
-  };
-  agent.Broadcast.on_data_arrival = [&agent](size_t bytes) { Broadcast_DataArrival(agent, bytes); };
+  agent.login_socket.Close();
 }
 
 }  // namespace tdacli

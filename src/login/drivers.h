@@ -1,10 +1,10 @@
 #pragma once
-// The login, logoff and status drivers: each connects `Broadcast` to the TD Login Server on port 5003,
-// waits in three 30-second stages (close, connect, protocol) while the conversation runs in the
+// The login, logoff and status drivers: each connects the login socket to the TD Login Server on port
+// 5003, waits in three 30-second stages (close, connect, protocol) while the conversation runs in the
 // socket's events, then records the outcome in the shared login state. A `Server` holding ":" is a
 // web-service address: the request is handed to the web-service client instead.
 //
-// Nothing guards against a driver started inside the wait of another: both use the one `Broadcast`
+// Nothing guards against a driver started inside the wait of another: both use the one login socket
 // and the same flags, so the outer call sees the inner call's outcome or runs into its own time-out.
 #include <string>
 
@@ -19,12 +19,8 @@ void LogOffUser(Agent& agent);
 // Outcome in `StatusSucceeded`; `LastLoginResult` is not touched.
 void LoginStatus(Agent& agent);
 
-// The error event of `Broadcast`: logged, and the socket closed. The waiting driver notices nothing
-// and runs into its time-out.
+// The error event of the login socket (`Broadcast`): logged, and the socket closed. The waiting driver
+// notices nothing and runs into its time-out.
 void Broadcast_Error(Agent& agent, int number, const std::string& description);
-
-// Connects `Broadcast`'s error and data-arrival events to the login client. Called once when the
-// agent's controls are set up (Form_Load).
-void WireLoginClient(Agent& agent);
 
 }  // namespace tdacli

@@ -7,11 +7,11 @@
 
 #include "common/errors.h"
 #include "common/files.h"
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "config/configuration.h"
-#include "login/conversation.h"
+#include "login/login_results.h"
 #include "state/agent.h"
 
 namespace tdacli {
@@ -23,12 +23,6 @@ constexpr std::string_view kFrameService = "/TDFrameReceiverWebService/TDFrameRe
 constexpr std::string_view kNoResponse = " - Received the following Response: NO RESPONSE or 404 PAGE NOT FOUND!";
 constexpr int kInternetTries = 20;
 constexpr double kInternetPauseSeconds = 30;
-
-// A run-time error with the number and text of the classic error it stands for.
-struct NumberedError : std::runtime_error {
-  NumberedError(long number, const std::string& text) : std::runtime_error(text), number(number) {}
-  long number;
-};
 
 // Web answers may carry line breaks anywhere; none may reach a stored value (they would plant lines
 // in the settings and result files).
@@ -73,21 +67,11 @@ Fetched OpenUrl(Agent& agent, std::string_view routine, const std::string& url) 
 
 bool NoResponse(const Fetched& f) { return f.body.empty() || f.not_found || Contains(f.body, "HTTP 404"); }
 
+// The web-service routines' trap: their wording has a blank after "Routine:".
 template <typename Fn>
 void Trapped(Agent& agent, std::string_view routine, Fn&& fn) {
-  try {
-    fn();
-  } catch (const NumberedError& e) {
-    LogMessage(agent,
-               "Detected Error In " + std::string(routine) + "() Routine: " + std::to_string(e.number) + ", " + e.what(),
-               "Error");
-  } catch (const std::exception& e) {
-    const TrappedError error = Describe(e);
-    LogMessage(agent,
-               "Detected Error In " + std::string(routine) + "() Routine: " + std::to_string(error.number) + ", " +
-                   error.description,
-               "Error");
-  }
+  TrapAndLog(agent, [routine](const TrappedError& e) { return DetectedErrorIn(routine, e, " "); },
+             std::forward<Fn>(fn));
 }
 
 // The common part of the three login-service requests (steps 4 to 9 of the login): fetch, log, and
@@ -98,7 +82,7 @@ struct Request {
 };
 
 bool Exchange(Agent& agent, const Request& req, const std::string& url, std::string& response) {
-  LoginState& l = agent.login;
+  LoginState& l = agent.WriteLogin();
   LogMessage(agent, std::string(req.routine) + " - Performing an OpenURL() on: " + url, "Trace");
   const Fetched f = OpenUrl(agent, req.routine, url);
   if (NoResponse(f)) {
@@ -129,20 +113,20 @@ struct ReplyKey {
 const std::array<ReplyKey, 11>& ReplyKeys() {
   static const std::array<ReplyKey, 11> keys = {{
       {"SERVERTEMP=", [](Agent& a, const std::string& v) { a.settings.SvrTemp = ReplaceAll(v, "_", "|"); }},
-      {"LOCALTEMP=", [](Agent& a, const std::string& v) { a.settings.LocalTemp = LocalTempFromReply(a, v); }},
+      {"LOCALTEMP=", [](Agent& a, const std::string& v) { a.settings.LocalTemp = ExpandLocalTemp(a, v); }},
       // Taken by the service's reply and kept for nothing: accepted, no effect.
       {"RECORDINGMETHOD=", [](Agent&, const std::string&) {}},
       {"CAPTUREINFO=", [](Agent&, const std::string&) {}},
       {"USETRACE=", [](Agent& a, const std::string& v) { a.settings.UseTrace = v; }},
-      {"WEBCAM=", [](Agent& a, const std::string& v) { a.login.UseWebCam = ToBoolean(v); }},
-      {"SCREEN100=", [](Agent& a, const std::string& v) { a.login.HundredScreensParam = ReplaceAll(v, "_", "|"); }},
+      {"WEBCAM=", [](Agent& a, const std::string& v) { a.WriteLogin().UseWebCam = ToBoolean(v); }},
+      {"SCREEN100=", [](Agent& a, const std::string& v) { a.WriteLogin().HundredScreensParam = ReplaceAll(v, "_", "|"); }},
       {"PHONEHOME=",
        [](Agent& a, const std::string& v) {
-         a.login.PhoneHome = ToBoolean(v);
-         if (a.login.PhoneHome) a.login.NextPhoneHomeMs = a.clock().NowMs();
+         a.WriteLogin().PhoneHome = ToBoolean(v);
+         if (a.WriteLogin().PhoneHome) a.WriteLogin().NextPhoneHomeMs = a.clock().NowMs();
        }},
-      {"IPMASK=", [](Agent& a, const std::string& v) { a.login.ValidIPMask = v; }},
-      {"KEKINFO=", [](Agent& a, const std::string& v) { a.login.KekInfo = v; }},
+      {"IPMASK=", [](Agent& a, const std::string& v) { a.WriteLogin().ValidIPMask = v; }},
+      {"KEKINFO=", [](Agent& a, const std::string& v) { a.WriteLogin().KekInfo = v; }},
       {"TDLIVEID=", [](Agent& a, const std::string& v) { StoreLiveIdFields(a, v); }},
   }};
   return keys;
@@ -196,7 +180,7 @@ void ApplyLoginReplyFields(Agent& agent, std::string_view fields) {
 void WebService_LoginUser(Agent& agent) {
   constexpr std::string_view routine = "WebService_LoginUser";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     Settings& s = agent.settings;
     for (int attempt = 0;;) {
       LogMessage(agent, "Testing Internet Connection ...", "Trace");
@@ -253,7 +237,7 @@ void WebService_LoginUser(Agent& agent) {
 void WebService_LogOffUser(Agent& agent) {
   constexpr std::string_view routine = "WebService_LogOffUser";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     const Settings& s = agent.settings;
     const WebServer server = ParseWebServer(s.Server);
     const std::string url = server.Base() + std::string(kLoginService) + "LogOffMethod?" +
@@ -273,9 +257,9 @@ void WebService_LogOffUser(Agent& agent) {
 void WebService_LoginStatus(Agent& agent) {
   constexpr std::string_view routine = "WebService_LoginStatus";
   Trapped(agent, routine, [&] {
-    LoginState& l = agent.login;
+    LoginState& l = agent.WriteLogin();
     const Settings& s = agent.settings;
-    const std::string status = std::to_string(agent.TempAccessStatus);
+    const std::string status = std::to_string(agent.temp_access_status);
     const WebServer server = ParseWebServer(s.Server);
     const std::string url = server.Base() + std::string(kLoginService) + "StatusMethod?" +
                             Query("WinName", s.CurrentUser) + "&" + Query("Status", status);
@@ -285,7 +269,7 @@ void WebService_LoginStatus(Agent& agent) {
                                    ") to (" + s.Server + ")"};
     if (!Exchange(agent, req, url, response)) return;
     l.StatusSucceeded = true;
-    if (agent.TempAccessStatus != 0)
+    if (agent.temp_access_status != 0)
       LogMessage(agent,
                  "The Tyndrel Agent Client Successfully Updated Agent Status to (" + status + ") for User (" +
                      s.CurrentUser + "). However the user does not have proper permissions!",
@@ -297,32 +281,41 @@ void WebService_LoginStatus(Agent& agent) {
   });
 }
 
-void HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::string& response) {
+PhoneHomeOutcome HandlePhoneHomeReply(Agent& agent, const std::string& url, const std::string& response) {
   constexpr std::string_view routine = "WebService_PhoneHomeForScreenGrabberTasks";
+  PhoneHomeOutcome got;
   if (response.empty() || Contains(response, "HTTP 404")) {
     LogMessage(agent, std::string(routine) + std::string(kNoResponse), "Trace");
-    return;
+    return got;
   }
   if (Contains(response, "ERROR|")) {
     LogMessage(agent, std::string(routine) + " - Performing an OpenURL() on: " + url, "Trace");
     LogMessage(agent, "The Tyndrel Agent Client could not get screen grabber tasks", "Error");
-    return;
+    return got;
   }
-  if (Contains(response, "SUCCESS|NONE")) return;
+  if (Contains(response, "SUCCESS|NONE")) return got;
+  got.task_received = true;
   constexpr std::string_view keyword = "|SENDFRAMES|";
   const size_t at = response.find(keyword);
   if (at != std::string::npos) {
     std::string task = response.substr(at + keyword.size());
     task = ReplaceAll(ReplaceAll(task, "{CRLF}", ""), "</string>", "");
     // The task becomes one line of a file the frame sender reads.
-    if (agent.hooks.SendFramesForGrabberTask) agent.hooks.SendFramesForGrabberTask(agent, WithoutLineBreaks(task));
+    got.send_frames = WithoutLineBreaks(task);
   }
+  return got;
+}
+
+void AcknowledgeGrabberTask(Agent& agent) {
   LogMessage(agent, "The Tyndrel Agent Client Received a Screen Grabber Task", "Trace");
   agent.DoEvents();
 }
 
-void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
+void ScheduleNextPhoneHome(Agent& agent) { agent.WriteLogin().NextPhoneHomeMs = agent.clock().NowMs() + 30'000; }
+
+PhoneHomeOutcome WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
   constexpr std::string_view routine = "WebService_PhoneHomeForScreenGrabberTasks";
+  PhoneHomeOutcome got;
   Trapped(agent, routine, [&] {
     const WebServer server = ParseWebServer(agent.settings.Server);
     const std::string url =
@@ -332,8 +325,9 @@ void WebService_PhoneHomeForScreenGrabberTasks(Agent& agent) {
     // A 404 status counts as not found whatever body came with it.
     const std::string response = f.not_found ? std::string() : f.body;
     LogMessage(agent, std::string(routine) + " - Received: " + ForTrace(f.body), "Trace");
-    HandlePhoneHomeReply(agent, url, response);
+    got = HandlePhoneHomeReply(agent, url, response);
   });
+  return got;
 }
 
 }  // namespace tdacli

@@ -5,10 +5,10 @@
 #include "common/errors.h"
 #include "common/logging.h"
 #include "config/configuration.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
+
 
 namespace tdacli {
 
@@ -36,28 +36,21 @@ void RunServiceMessageLogin(Agent& agent) {
 }
 
 void Service_Control(Agent& agent, int code) {
-  try {
+  TrapAndLog(agent, "Service_Control", [&] {
     switch (code) {
       case 128: RunServiceMessageLogin(agent); break;
       case 133: DoUserLogOff(agent); break;
-      case 131: agent.MediaTransferReply = 1; break;
-      case 132: agent.MediaTransferReply = 2; break;
-      // The one-character reply texts are set by count and character: GCC 12 inlines the assignment
-      // of a string literal into a replace it cannot prove free of overlap, and warns (-Wrestrict).
-      case 141: agent.TraceFileReply.assign(1, '1'); break;
-      case 142: agent.TraceFileReply.assign(1, '2'); break;
+      case 131: agent.media_transfer_reply.Resolve(1); break;
+      case 132: agent.media_transfer_reply.Resolve(2); break;
+      case 141: agent.trace_file_reply.Resolve(1); break;
+      case 142: agent.trace_file_reply.Resolve(2); break;
       default:
         LogMessage(agent,
                    "The message (" + std::to_string(code) +
                        ") was recevied and discarded. The service does not recognize that request",
                    "Warning");
     }
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent,
-               "Detected Error In Service_Control() Routine:" + std::to_string(err.number) + ", " + err.description,
-               "Error");
-  }
+  });
 }
 
 }  // namespace tdacli

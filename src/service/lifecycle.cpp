@@ -2,36 +2,26 @@
 
 #include "common/errors.h"
 #include "common/files.h"
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "login/drivers.h"
 #include "service/control.h"
+#include "service/login_socket.h"
 #include "service/request_files.h"
 #include "state/agent.h"
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
+
 
 namespace tdacli {
 
 namespace {
 
 constexpr const char* kTitle = "Tyndrel - By Marlock!";
-
-template <typename Fn>
-void Trap(Agent& agent, const char* routine, Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent,
-               std::string("Detected Error In ") + routine + "() Routine:" + std::to_string(err.number) + ", " +
-                   err.description,
-               "Error");
-  }
-}
 
 void ResetProcessValues(Agent& agent) {
   agent.date_format = "YYYY-MM-DD";
@@ -72,10 +62,10 @@ void HideMainWindow(Agent&) {
 }
 
 void Form_Load(Agent& agent) {
-  WireLoginClient(agent);
-  if (!agent.LoadTimer.on_tick) agent.LoadTimer.on_tick = [&agent] { LoadTimer_Timer(agent); };
-  if (!agent.tmrMessage.on_tick) agent.tmrMessage.on_tick = [&agent] { tmrMessage_Timer(agent); };
-  if (!agent.tmrPollForLogin.on_tick) agent.tmrPollForLogin.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
+  WireLoginSocket(agent);
+  if (!agent.startup_timer.on_tick) agent.startup_timer.on_tick = [&agent] { LoadTimer_Timer(agent); };
+  if (!agent.request_file_timer.on_tick) agent.request_file_timer.on_tick = [&agent] { tmrMessage_Timer(agent); };
+  if (!agent.trigger_file_timer.on_tick) agent.trigger_file_timer.on_tick = [&agent] { tmrPollForLogin_Timer(agent); };
   try {
     ResetProcessValues(agent);
     RecomputeAppFolder(agent);
@@ -124,9 +114,7 @@ void Form_Load(Agent& agent) {
     }
     agent.EndProcess();
   } catch (const std::exception& e) {
-    TrappedError err = Describe(e);
-    LogMessage(agent, "Detected Error In Form_Load() Routine:" + std::to_string(err.number) + ", " + err.description,
-               "Error");
+    LogMessage(agent, DetectedErrorIn("Form_Load", Describe(e)), "Error");
     agent.EndProcess();
   }
 }
@@ -146,7 +134,7 @@ void RefuseServiceStartInUserSessionMode(Agent& agent) {
 }
 
 void Form_QueryUnload(Agent& agent, bool& cancel) {
-  Trap(agent, "Form_QueryUnload", [&] {
+  TrapAndLog(agent, "Form_QueryUnload", [&] {
     if (agent.UserSessionMode()) {
       Service_Stop(agent);
       return;
@@ -157,10 +145,10 @@ void Form_QueryUnload(Agent& agent, bool& cancel) {
 }
 
 void Service_Start(Agent& agent) {
-  Trap(agent, "Service_Start", [&] {
+  TrapAndLog(agent, "Service_Start", [&] {
     ResetProcessValues(agent);
-    agent.LoadTimer.SetInterval(1000);
-    agent.LoadTimer.SetEnabled(true);
+    agent.startup_timer.SetInterval(1000);
+    agent.startup_timer.SetEnabled(true);
   });
 }
 
@@ -171,19 +159,19 @@ std::string BuildStartupBanner(Agent& agent) {
   if (Contains(s.Server, ":"))
     b += "TD Server: " + s.Server + "\r\n";
   else
-    b += "TD Server: " + s.Server + "(Port: " + std::to_string(agent.Broadcast.RemotePort()) + ")\r\n";
+    b += "TD Server: " + s.Server + "(Port: " + std::to_string(agent.login_socket.RemotePort()) + ")\r\n";
   b += "Extension: " + s.Ext + "\r\n";
   b += "Notification Method: " + s.NotificationMethod + "\r\n";
   b += "Use File Trace: " + s.UseTrace + "\r\n";
-  b += "Listening Port: " + std::to_string(agent.listener().Listener().LocalPort()) + "\r\n";
+  b += "Listening Port: " + std::to_string(listener::ListenerOf(agent).Listener().LocalPort()) + "\r\n";
   b += agent.UserSessionMode() ? "Running As: UserSession (Terminal Server)\r\n" : "Running As: WinService\r\n";
   return b;
 }
 
 void LoadTimer_Timer(Agent& agent) {
-  Trap(agent, "LoadTimer_Timer", [&] {
-    agent.LoadTimer.SetInterval(0);
-    agent.LoadTimer.SetEnabled(false);
+  TrapAndLog(agent, "LoadTimer_Timer", [&] {
+    agent.startup_timer.SetInterval(0);
+    agent.startup_timer.SetEnabled(false);
     ResetProcessValues(agent);
     HideMainWindow(agent);
     agent.command_line = agent.options().command_line;
@@ -192,11 +180,11 @@ void LoadTimer_Timer(Agent& agent) {
     DetectOSVersion(agent);
     DetermineLocalIP(agent);
     LoadConfiguration(agent);
-    agent.listener().allowed_consoles().Load(agent);
-    agent.tmrMessage.SetInterval(1000);
-    agent.tmrMessage.SetEnabled(true);
+    listener::ListenerOf(agent).allowed_consoles().Load(agent);
+    agent.request_file_timer.SetInterval(1000);
+    agent.request_file_timer.SetEnabled(true);
 
-    auto& listen = agent.listener();
+    auto& listen = listener::ListenerOf(agent);
     int retries = 0;
     for (;;) {
       const int16_t port = listener::GetListeningPort(agent);
@@ -221,15 +209,15 @@ void LoadTimer_Timer(Agent& agent) {
     }
 
     LogMessage(agent, BuildStartupBanner(agent), "Information");
-    if (Lower(agent.settings.NotificationMethod) == "filemessage") {
-      agent.tmrPollForLogin.SetInterval(3000);
-      agent.tmrPollForLogin.SetEnabled(true);
+    if (agent.settings.PollsTriggerFiles()) {
+      agent.trigger_file_timer.SetInterval(3000);
+      agent.trigger_file_timer.SetEnabled(true);
     }
   });
 }
 
 void Service_Stop(Agent& agent) {
-  Trap(agent, "Service_Stop", [&] {
+  TrapAndLog(agent, "Service_Stop", [&] {
     LogMessage(agent, "TD Agent Client Login Service Stopped", "Information");
     WriteProgramTrace(agent, "**********", "Information");
     WriteProgramTrace(agent, "*  STOP  *", "Information");
@@ -239,7 +227,7 @@ void Service_Stop(Agent& agent) {
 }
 
 void Service_ShutDown(Agent& agent) {
-  Trap(agent, "Service_ShutDown", [&] {
+  TrapAndLog(agent, "Service_ShutDown", [&] {
     LogMessage(agent, "Windows Shutdown", "Trace");
     Service_Stop(agent);
   });

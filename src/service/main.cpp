@@ -7,9 +7,9 @@
 #include "common/logging.h"
 #include "platform/main_window.h"
 #include "platform/platform.h"
-#include "service/agent.h"
 #include "service/lifecycle.h"
 #include "service/preset_files.h"
+#include "service/wiring.h"
 
 int main(int argc, char** argv) {
   using namespace tdacli;

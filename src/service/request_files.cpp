@@ -163,14 +163,11 @@ void tmrMessage_Timer(Agent& agent) {
   if (!name) return;
   InHand hold(agent, *name);
   const std::string path = agent.app_folder + *name;
-  try {
-    ProcessRequestFile(agent, path);
-  } catch (const std::exception& e) {
-    TrappedError error = Describe(e);
-    LogMessage(agent,
-               "Error processing message request file (" + path + "), REC=, ERROR=" + std::to_string(error.number) +
-                   ", DESC=" + error.description,
-               "Error");
+  const auto text = [&path](const TrappedError& e) {
+    return "Error processing message request file (" + path + "), REC=, ERROR=" + std::to_string(e.number) +
+           ", DESC=" + e.description;
+  };
+  if (!TrapAndLog(agent, text, [&] { ProcessRequestFile(agent, path); })) {
     DeleteFile(agent, path);
     if (FileExists(path)) LogMessage(agent, "ERROR: File Exits After Delete 2 [" + path + "]", "Error");
   }

@@ -1,6 +1,6 @@
 #pragma once
 // Message request files: "*.TDACLI" files that other programs of the suite drop into the application
-// folder, one request each, taken up by the timer `tmrMessage` one per tick.
+// folder, one request each, taken up by the request-file timer (`tmrMessage`) one per tick.
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -37,7 +37,7 @@ RequestAction ParseRequestLine(std::string_view line);
 // character, so the path built from it stays in the application folder.
 bool IsRequestFileName(std::string_view name);
 
-// One tick of `tmrMessage`: the first request file in name order that no running tick is handling.
+// One tick of the request-file timer (`tmrMessage`): the first request file in name order that no running tick is handling.
 void tmrMessage_Timer(Agent& agent);
 
 }  // namespace tdacli

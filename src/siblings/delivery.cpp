@@ -1,8 +1,10 @@
+#include "siblings/delivery.h"
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli {
@@ -24,7 +26,7 @@ unsigned long SendServiceControl(Agent& agent, const std::string& service, int c
 }
 
 bool RequestServerTempCheck(Agent& agent) {
-  agent.MediaTransferReply = 0;
+  agent.media_transfer_reply.Expect();
   LogMessage(agent, "Sending message 130 to TDACMT Service", "Trace");
   unsigned long error = 0;
   if (RuleSUsesFiles(agent))
@@ -37,11 +39,8 @@ bool RequestServerTempCheck(Agent& agent) {
   }
   // At most 31 one-second waits; the answer arrives through the control handler inside them, and a
   // wait ends as soon as it has.
-  for (int counter = 0; agent.MediaTransferReply == 0 && counter <= 30 && !agent.Ended(); ++counter) {
-    agent.WaitUntil(1, [&agent] { return agent.MediaTransferReply != 0; });
-    agent.DoEvents();
-  }
-  return agent.MediaTransferReply == 1;
+  agent.media_transfer_reply.Await(agent, 31, /*events_after_each=*/true);
+  return agent.media_transfer_reply.value() == 1;
 }
 
 void RequestRemoteControlLoad(Agent& agent) {

@@ -1,5 +1,8 @@
+#include "siblings/notify_new_listening_port.h"
+
 #include "common/logging.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 
 namespace tdacli {

@@ -1,7 +1,8 @@
+#include "siblings/request_file.h"
+
 #include "common/files.h"
 #include "common/logging.h"
 #include "common/text.h"
-#include "siblings/messaging.h"
 #include "state/agent.h"
 
 namespace tdacli {

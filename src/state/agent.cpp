@@ -10,15 +10,15 @@ Agent::Agent(AgentFacilities facilities, AgentOptions options)
     : facilities_(facilities),
       options_(std::move(options)),
       loop_(facilities.clock),
-      Broadcast(loop_),
-      LoadTimer(loop_),
-      tmrMessage(loop_),
-      tmrPollForLogin(loop_) {
+      login_socket(loop_),
+      startup_timer(loop_),
+      request_file_timer(loop_),
+      trigger_file_timer(loop_) {
   app_folder = options_.exe_folder;
   if (app_folder.empty() || app_folder.back() != kSep) app_folder += kSep;
   command_line = options_.command_line;
-  Broadcast.SetRemotePort(5003);
-  tmrMessage.SetInterval(1000);
+  login_socket.SetRemotePort(5003);
+  request_file_timer.SetInterval(1000);
 }
 
 Agent::~Agent() = default;

@@ -15,12 +15,16 @@
 #include "state/facilities.h"
 #include "state/settings.h"
 #include "state/shared_state.h"
+#include "state/sibling_reply.h"
 
 namespace tdacli {
 
-namespace listener {
-class CommandListener;  // the control wsckListen; built by the top, which knows its type
-}
+// A control that the top builds and the form owns (the console listener): the agent keeps it alive
+// for as long as it lives, and only the room that built it knows what it is.
+class OwnedControl {
+ public:
+  virtual ~OwnedControl() = default;
+};
 
 class Agent final : public Workstation {
   // Declared first: the controls below are built on the loop.
@@ -56,29 +60,33 @@ class Agent final : public Workstation {
   Settings settings;
   std::array<std::string, 21> stored_lines;
 
-  // --- shared login state, FTP values, capture parameters
-  LoginState login;
-  FtpState ftp;
-  ScreenParams screen;
-  int16_t TempAccessStatus = 0;
+  // --- login state, FTP values, capture parameters: each written only by the room that owns it
+  // (ARCHITECTURE.md, "Who writes the shared state"; checked by the StateOwners test), read by all
+  const LoginState& login() const { return login_; }
+  const FtpState& ftp() const { return ftp_; }
+  const ScreenParams& screen() const { return screen_; }
+  LoginState& WriteLogin() { return login_; }      // login/
+  FtpState& WriteFtp() { return ftp_; }            // config/
+  ScreenParams& WriteScreen() { return screen_; }  // triggers/
+  int16_t temp_access_status = 0;  // `TempAccessStatus`: +1 local, +2 server temp folder not writable
 
-  // --- reply flags set by the control handler
-  int16_t MediaTransferReply = 0;
-  std::string TraceFileReply = "0";
+  // --- answers of TDACMT, resolved by the control handler: `MediaTransferReply` (131/132 to a 130)
+  // and `TraceFileReply` (141/142 to a 140)
+  SiblingReply media_transfer_reply;
+  SiblingReply trace_file_reply;
 
   // --- console command state, trigger-file poller, request files
-  std::string ComponentReportText;
+  std::string component_report_text;
   LoginPoller poller;
   RequestFiles requests;
-  AgentHooks hooks;
 
   // --- controls
-  platform::TcpSocket Broadcast;
-  platform::Timer LoadTimer;
-  platform::Timer tmrMessage;
-  platform::Timer tmrPollForLogin;
-  listener::CommandListener& listener() { return *listener_; }
-  void SetListener(std::shared_ptr<listener::CommandListener> l) { listener_ = std::move(l); }
+  platform::TcpSocket login_socket;     // `Broadcast`: the client socket to the TD Login Server
+  platform::Timer startup_timer;        // `LoadTimer`: the start-up work, once, a second after Start
+  platform::Timer request_file_timer;   // `tmrMessage`: one "*.TDACLI" request file a second
+  platform::Timer trigger_file_timer;   // `tmrPollForLogin`: trigger files and the phone-home schedule
+  OwnedControl* console_listener() { return console_listener_.get(); }
+  void SetConsoleListener(std::unique_ptr<OwnedControl> listener) { console_listener_ = std::move(listener); }
 
   // --- waits: all let pending events run
   void DoEvents() { loop_.DoEvents(); }
@@ -95,12 +103,15 @@ class Agent final : public Workstation {
   // --- what logging reads
   platform::LocalTime Now() const override { return facilities_.clock.Local(); }
   const std::string& ProgramName() const override { return options_.exe_base_name; }
-  bool TraceOn() const override { return settings.UseTrace == "True"; }
+  bool TraceOn() const override { return settings.TraceOn(); }
   const std::string& CurrentUserName() const override { return settings.CurrentUser; }
 
  private:
+  LoginState login_;
+  FtpState ftp_;
+  ScreenParams screen_;
   // Last: the listener's sockets go before the loop they live on.
-  std::shared_ptr<listener::CommandListener> listener_;
+  std::unique_ptr<OwnedControl> console_listener_;
   bool ended_ = false;
 };
 

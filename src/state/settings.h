@@ -1,7 +1,9 @@
 #pragma once
-// The eleven settings of "TDRegInfo.TXT", all held as text, with their defaults.
-#include <array>
+// The eleven settings of "TDRegInfo.TXT", all held as text, with their defaults. They are stored and
+// written back exactly as they came; where a setting is a switch, it is read as one here, once.
 #include <string>
+
+#include "common/text.h"
 
 namespace tdacli {
 
@@ -17,6 +19,11 @@ struct Settings {
   std::string ListeningPorts = "w,x,y,z";
   std::string PopEx = "false";
   std::string PopWinName = "false";
+
+  // The trace files are written: `UseTrace` is exactly "True" (a server's "TRUE" is not).
+  bool TraceOn() const { return UseTrace == "True"; }
+  // Logins are announced by trigger files, which the poller looks for: "FileMessage" in any case.
+  bool PollsTriggerFiles() const { return Lower(NotificationMethod) == "filemessage"; }
 };
 
 }  // namespace tdacli

@@ -4,6 +4,7 @@
 #include "common/logging.h"
 #include "common/paths.h"
 #include "common/text.h"
+#include "login/login_results.h"
 #include "state/agent.h"
 
 namespace tdacli {
@@ -43,9 +44,8 @@ void WriteSendFramesFile(Agent& agent, const std::string& received, const std::s
 }  // namespace
 
 void Make100ScreensParamFile(Agent& agent) {
-  CutAtLineBreak(agent, agent.login.KekInfo, "KekInfo");
-  CutAtLineBreak(agent, agent.login.HundredScreensParam, "HundredScreensParam");
-  const std::string& kek = agent.login.KekInfo;
+  CutReceivedValues(agent, {{&LoginState::KekInfo, "KekInfo"}, {&LoginState::HundredScreensParam, "HundredScreensParam"}});
+  const std::string& kek = agent.login().KekInfo;
   TrappedError error;
   auto fail = [&](const std::string& path) {
     LogMessage(agent,
@@ -59,14 +59,14 @@ void Make100ScreensParamFile(Agent& agent) {
     LogMessage(agent, "Made 100% Screen KEK   File (" + path + ") with values (" + kek + ")", "Trace");
   }
   path = agent.AppPath("100ScreenParam.TXT");
-  const std::string& line = agent.login.HundredScreensParam;
+  const std::string& line = agent.login().HundredScreensParam;
   if (!SaveWholeFile(agent, path, line + "\r\n", {}, error)) return fail(path);
   LogMessage(agent, "Made 100% Screen Param File (" + path + ") with values (" + line + ")", "Trace");
 }
 
 void HandleWebCamTrigger(Agent& agent) {
   const std::string path = agent.AppPath("UseWebCam.TXT");
-  if (agent.login.UseWebCam) {
+  if (agent.login().UseWebCam) {
     LogMessage(agent, "WebCam Enabled, Making Trigger File (" + path + ")", "Trace");
     TrappedError error;
     if (!FileExists(path) && !SaveWholeFile(agent, path, "WEBCAM=True\r\n", {}, error))
@@ -115,7 +115,7 @@ void ParseScreenParamLine(const std::string& line, ScreenParams& p) {
 }
 
 void LoadScreenParams(Agent& agent) {
-  agent.screen = ScreenParams{};
+  agent.WriteScreen() = ScreenParams{};
   // The folder already ends in a separator; the doubled one is harmless and kept.
   std::vector<std::string> lines;
   if (!ReadLines(agent.app_folder + kSepStr + "100ScreenParam.TXT", lines)) return;
@@ -124,7 +124,7 @@ void LoadScreenParams(Agent& agent) {
     line = l;
     if (!l.empty()) break;
   }
-  ParseScreenParamLine(line, agent.screen);
+  ParseScreenParamLine(line, agent.WriteScreen());
 }
 
 std::string SendFramesJobName(const std::string& request) {

@@ -67,7 +67,7 @@ void CleanupFrames(Agent& agent, const std::string& reason) {
       platform::LocalTime modified;
       if (platform::FileModifiedLocal(full, modified)) {
         const int64_t age = today - platform::DaysFromCivil(modified.year, modified.month, modified.day);
-        if (age >= agent.screen.max_age_days) {
+        if (age >= agent.screen().max_age_days) {
           WriteTraceLine(agent,
                          "Deleting file (" + name + ") because it is (" + std::to_string(age) +
                              ") days old. Last Modified is (" + FormatStamp(modified) + ")",
@@ -87,7 +87,7 @@ void CleanupFrames(Agent& agent, const std::string& reason) {
 }
 
 void WipeOut(Agent& agent) {
-  if (!agent.login.LoginSucceeded) {
+  if (!agent.login().LoginSucceeded) {
     LogMessage(agent, "The WIPE OUT Routine was skipped as the previous login did not succeed!", "Warning");
     return;
   }

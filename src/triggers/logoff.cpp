@@ -2,10 +2,12 @@
 
 #include "common/logging.h"
 #include "login/drivers.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
+
 
 namespace tdacli {
 
@@ -28,10 +30,10 @@ void DoUserLogOff(Agent& agent) {
   }
 
   LoadScreenParams(agent);
-  if (agent.screen.line == "NOTSET") return;
-  if (agent.screen.schedule == "AT-LOGIN")
+  if (agent.screen().line == "NOTSET") return;
+  if (agent.screen().schedule == "AT-LOGIN")
     agent.DoEvents();
-  else if (agent.screen.schedule == "ATLOGOUT")
+  else if (agent.screen().schedule == "ATLOGOUT")
     CleanupFrames(agent, "Log Off");
 }
 

@@ -2,22 +2,24 @@
 
 #include "common/files.h"
 #include "login/drivers.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
 #include "state/agent.h"
 #include "triggers/capture_files.h"
 #include "triggers/frames.h"
+#include "triggers/temp_access.h"
+
 
 namespace tdacli {
 
 void RunPostLoginSteps(Agent& agent) {
   if (agent.Ended()) return;
-  if (agent.login.LoginSucceeded) {
+  if (agent.login().LoginSucceeded) {
     if (agent.settings.SvrTemp != "NoScreenCapture") {
       CheckTempFolderAccess(agent);
       LoginStatus(agent);
     }
-    if (agent.login.LoginSucceeded) {
-      if (!agent.login.HundredScreensParam.empty()) Make100ScreensParamFile(agent);
+    if (agent.login().LoginSucceeded) {
+      if (!agent.login().HundredScreensParam.empty()) Make100ScreensParamFile(agent);
       HandleWebCamTrigger(agent);
     }
   }

@@ -151,8 +151,8 @@ TEST(Files, GetWindowsFolderCutsAtNulAndAddsTheSeparator) {
 TEST(Waits, WaitSecondsAndPauseTicksRunOnTheAgentsClock) {
   TestAgent t;
   int ticks = 0;
-  t->tmrMessage.on_tick = [&] { ++ticks; };
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.on_tick = [&] { ++ticks; };
+  t->request_file_timer.SetEnabled(true);
   const int64_t start = t.clock.NowMs();
   t->WaitSeconds(3);
   EXPECT_EQ(t.clock.NowMs() - start, 3000);

@@ -149,17 +149,17 @@ TEST(LineInjection, ResultFilesCutServerValuesAtTheirFirstLineBreak) {
   SaveValidIPMask(*t, mask);
   EXPECT_EQ(ReadFile(t.dir.File("TDIPMASK.INI")),
             "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=127.0.0.\r\n");
-  t->login.TDLiveID = "48213\nRepeaterIP=6.6.6.6";
-  t->login.RepeaterIP = "10.1.2.3";
-  t->login.RepeaterPort = "5020\r";
+  t->WriteLogin().TDLiveID = "48213\nRepeaterIP=6.6.6.6";
+  t->WriteLogin().RepeaterIP = "10.1.2.3";
+  t->WriteLogin().RepeaterPort = "5020\r";
   SaveLiveID(*t);
   EXPECT_EQ(ReadFile(t.dir.File("TDLiveID.INI")),
             "[LiveID]\r\nTDLiveID=48213\r\nRepeaterIP=10.1.2.3\r\nRepeaterPort=5020\r\nPeerToPeerCapable=False\r\n");
   t->settings.SvrTemp = "\\\\fs\\t\\:FTP@ftp.example:user\r\nX=1:9F8E";
   SaveFtpCredentials(*t);
   EXPECT_EQ(Lines(t.dir.File("TDACFTP.INI"))[5], "UserName=user");
-  t->login.KekInfo = "KEK-1\r\nplanted";
-  t->login.HundredScreensParam = "SCR:010\nplanted";
+  t->WriteLogin().KekInfo = "KEK-1\r\nplanted";
+  t->WriteLogin().HundredScreensParam = "SCR:010\nplanted";
   Make100ScreensParamFile(*t);
   EXPECT_EQ(ReadFile(t.dir.File("100Screen.KEK")), "KEK-1\r\n");
   EXPECT_EQ(ReadFile(t.dir.File("100ScreenParam.TXT")), "SCR:010\r\n");
@@ -192,17 +192,17 @@ TEST(LineInjection, ResultAndCaptureFilesCutServerValuesAtTheirFirstNul) {
   SaveValidIPMask(*t, mask);
   EXPECT_EQ(ReadFile(t.dir.File("TDIPMASK.INI")),
             "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=127.0.0.\r\n");
-  t->login.TDLiveID = "48213\0\r\nRepeaterIP=6.6.6.6"s;
-  t->login.RepeaterIP = "10.1.2.3\0evil"s;
-  t->login.RepeaterPort = "5020";
+  t->WriteLogin().TDLiveID = "48213\0\r\nRepeaterIP=6.6.6.6"s;
+  t->WriteLogin().RepeaterIP = "10.1.2.3\0evil"s;
+  t->WriteLogin().RepeaterPort = "5020";
   SaveLiveID(*t);
   EXPECT_EQ(ReadFile(t.dir.File("TDLiveID.INI")),
             "[LiveID]\r\nTDLiveID=48213\r\nRepeaterIP=10.1.2.3\r\nRepeaterPort=5020\r\nPeerToPeerCapable=False\r\n");
   t->settings.SvrTemp = "\\\\fs\\t\\:FTP@ftp.example\0evil:user:9F8E"s;
   SaveFtpCredentials(*t);
   EXPECT_EQ(Lines(t.dir.File("TDACFTP.INI"))[4], "FTPServer=ftp.example");
-  t->login.KekInfo = "KEK-1\0planted"s;
-  t->login.HundredScreensParam = "SCR:010\0planted"s;
+  t->WriteLogin().KekInfo = "KEK-1\0planted"s;
+  t->WriteLogin().HundredScreensParam = "SCR:010\0planted"s;
   Make100ScreensParamFile(*t);
   EXPECT_EQ(ReadFile(t.dir.File("100Screen.KEK")), "KEK-1\r\n");
   EXPECT_EQ(ReadFile(t.dir.File("100ScreenParam.TXT")), "SCR:010\r\n");

@@ -6,15 +6,16 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <random>
 
 #include "common/files.h"
 #include "common/text.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "platform/tcp_socket.h"
 #include "service/lifecycle.h"
 #include "support/fault_file_system.h"
 #include "support/test_agent.h"
+
 
 namespace tdacli {
 namespace {
@@ -34,30 +35,6 @@ bool Logged(TestAgent& t, const std::string& line) {
 }
 
 std::string SettingsPath(TestAgent& t) { return t.dir.File("TDRegInfo.TXT"); }
-
-// A port that is free now and that the 16-bit port rule accepts (1024..32767): the system's own
-// ephemeral ports lie above that range on most hosts.
-uint16_t FreeListenPort(platform::EventLoop& loop) {
-  std::random_device rd;
-  for (int attempt = 0; attempt < 200; ++attempt) {
-    const uint16_t candidate = static_cast<uint16_t>(20000 + rd() % 12000);
-    TcpSocket probe(loop);
-    probe.SetLocalPort(candidate);
-    if (!probe.Listen()) {
-      probe.Close();
-      return candidate;
-    }
-  }
-  return 0;
-}
-
-// Runs the agent's events until `done` or until `real_ms` of real time have passed: a peer on the
-// network answers in real time, whatever the simulated clock does meanwhile.
-bool WaitForPeer(TestAgent& t, const std::function<bool()>& done, int real_ms = 10000) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(real_ms);
-  while (!done() && std::chrono::steady_clock::now() < limit) t->WaitUntil(1, done);
-  return done();
-}
 
 // ---------------------------------------------------------------- loading
 
@@ -537,90 +514,11 @@ TEST(PerSettingSave, WithoutFileWritesDefaultsAndTheNewValue) {
   EXPECT_EQ(t->settings.Ext, "1234");
 }
 
-// ---------------------------------------------------------------- listening ports
-
-TEST(SaveListeningPorts, ReopensListenerOnTheNewPortAndAClientConnectsThere) {
-  TestAgent t;
-  t.clock.idle_grace_ms = 100;
-  auto& listener = t->listener();
-  ASSERT_FALSE(listener.Listen(0));
-  const uint16_t old_port = listener.Listener().LocalPort();
-  const uint16_t new_port = FreeListenPort(t->loop());
-  ASSERT_NE(new_port, 0);
-  ASSERT_NE(new_port, old_port);
-
-  t->settings.ListeningPorts = "5001," + std::to_string(new_port) + ",5003,5004";
-  ASSERT_TRUE(SaveListeningPorts(*t));
-  EXPECT_EQ(listener::GetListeningPort(*t), static_cast<int16_t>(new_port));
-  EXPECT_EQ(listener.Listener().State(), TcpSocket::kListening);
-  EXPECT_EQ(listener.Listener().LocalPort(), new_port);
-  EXPECT_EQ(testing::Lines(SettingsPath(t)).back(), "ListeningPorts=5001," + std::to_string(new_port) + ",5003,5004");
-
-  TcpSocket accepted(t->loop());
-  bool request = false;
-  listener.Listener().on_connection_request = [&](int64_t id) { request = !accepted.Accept(listener.Listener(), id); };
-  TcpSocket client(t->loop());
-  bool connected = false;
-  client.on_connect = [&] { connected = true; };
-  client.SetRemoteHost("127.0.0.1");
-  client.SetRemotePort(new_port);
-  ASSERT_FALSE(client.Connect());
-  EXPECT_TRUE(WaitForPeer(t, [&] { return connected && request; }));
-  EXPECT_EQ(accepted.State(), TcpSocket::kConnected);
-
-  // The old port is closed.
-  TcpSocket stale(t->loop());
-  bool refused = false, stale_connected = false;
-  stale.on_error = [&](int, const std::string&) { refused = true; };
-  stale.on_connect = [&] { stale_connected = true; };
-  stale.SetRemoteHost("127.0.0.1");
-  stale.SetRemotePort(old_port);
-  if (stale.Connect()) refused = true;
-  EXPECT_TRUE(WaitForPeer(t, [&] { return refused || stale_connected; }));
-  EXPECT_TRUE(refused);
-  EXPECT_FALSE(stale_connected);
-}
-
-TEST(SaveListeningPorts, TellsTheSiblingsByControlCodeOnUnknownWindowsVersion) {
-  TestAgent t;
-  t->os_code = 99;
-  t->settings.ListeningPorts = "1," + std::to_string(FreeListenPort(t->loop())) + ",2,3";
-  ASSERT_TRUE(SaveListeningPorts(*t));
-  ASSERT_EQ(t.service_control.sent.size(), 2u);
-  EXPECT_EQ(t.service_control.sent[0], std::make_pair(std::string("TDACSC"), 135));
-  EXPECT_EQ(t.service_control.sent[1], std::make_pair(std::string("TDACLM"), 135));
-}
-
-TEST(SaveListeningPorts, TellsTheSiblingsByRequestFileFromVistaOn) {
-  TestAgent t;
-  t->os_code = 10;
-  t->settings.ListeningPorts = "1," + std::to_string(FreeListenPort(t->loop())) + ",2,3";
-  ASSERT_TRUE(SaveListeningPorts(*t));
-  EXPECT_TRUE(t.service_control.sent.empty());
-  EXPECT_EQ(testing::ReadFile(t.dir.File("20261114231502.TDACSC")), "Code=135\r\n");
-  EXPECT_EQ(testing::ReadFile(t.dir.File("20261114231502.TDACLM")), "Code=135\r\n");
-}
-
-TEST(SaveListeningPorts, PortInUseIsLoggedAndTheSiblingsAreNotTold) {
-  TestAgent t;
-  TcpSocket occupier(t->loop());
-  const uint16_t port = FreeListenPort(t->loop());
-  occupier.SetLocalPort(port);
-  ASSERT_FALSE(occupier.Listen());
-  t->settings.ListeningPorts = "1," + std::to_string(port) + ",2,3";
-  EXPECT_FALSE(SaveListeningPorts(*t));
-  EXPECT_TRUE(Logged(t, "Error in TDACLI: Error saving settings: Address already in use (Port: " +
-                            std::to_string(port) + ")"));
-  EXPECT_EQ(testing::Lines(SettingsPath(t)).back(), "ListeningPorts=1," + std::to_string(port) + ",2,3");
-  EXPECT_NE(t->listener().Listener().State(), TcpSocket::kListening);
-  EXPECT_TRUE(t.service_control.sent.empty());
-}
-
 // ---------------------------------------------------------------- start-up banner
 
 TEST(StartupBanner, ShowsTheSettingsOfARealSettingsFile) {
   TestAgent t;
-  const uint16_t port = FreeListenPort(t->loop());
+  const uint16_t port = testing::FreeListenPort(t->loop());
   ASSERT_NE(port, 0);
   testing::WriteFile(SettingsPath(t),
                      Crlf({"Tyndrel - Agent Client Configuration", "[Config]", "Ext=4321", "Server=10.1.2.3",
@@ -643,14 +541,14 @@ TEST(StartupBanner, ShowsTheSettingsOfARealSettingsFile) {
   auto& entries = t.event_log.entries;
   EXPECT_NE(std::find(entries.begin(), entries.end(), std::make_pair(4, banner)), entries.end());
   EXPECT_NE(testing::ReadFile(t.ProgramTrace()).find("Information in TDACLI: " + banner), std::string::npos);
-  EXPECT_EQ(t->listener().Listener().State(), TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), TcpSocket::kListening);
   EXPECT_EQ(t->settings.LocalTemp, t->app_folder + "capture\\");
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());  // "Socket" does not start the trigger-file poller
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());  // "Socket" does not start the trigger-file poller
 }
 
 TEST(StartupBanner, ServerWithColonIsShownWithoutThePortSuffix) {
   TestAgent t;
-  const uint16_t port = FreeListenPort(t->loop());
+  const uint16_t port = testing::FreeListenPort(t->loop());
   testing::WriteFile(SettingsPath(t), Crlf({"Server=td.example:8443", "UseTrace=True", "NotificationMethod=FILEMESSAGE",
                                             "ListeningPorts=1," + std::to_string(port) + ",2,3"}));
   Form_Load(*t);
@@ -661,7 +559,7 @@ TEST(StartupBanner, ServerWithColonIsShownWithoutThePortSuffix) {
   EXPECT_NE(text.find("\r\nTD Server: td.example:8443\r\nExtension: 1234\r\nNotification Method: FILEMESSAGE\r\n"
                       "Use File Trace: True\r\n"),
             std::string::npos);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "support/test_agent.h"
 
 namespace tdacli {
@@ -59,11 +59,11 @@ TEST(SaveFtpCredentials, WithoutPortFtp) {
             "PassiveUseHostAddr=False\r\n"
             "Protocol=FTP\r\n");
   EXPECT_EQ(t->settings.SvrTemp, "\\\\srv\\temp");
-  EXPECT_TRUE(t->ftp.FtpCredentialsSaved);
-  EXPECT_EQ(t->ftp.FtpServer, "ftp.example");
-  EXPECT_EQ(t->ftp.FtpUserName, "agent7");
-  EXPECT_EQ(t->ftp.FtpEncryptedPassword, "Q2xhdmU=");
-  EXPECT_EQ(t->ftp.FtpPort, "21");
+  EXPECT_TRUE(t->ftp().FtpCredentialsSaved);
+  EXPECT_EQ(t->ftp().FtpServer, "ftp.example");
+  EXPECT_EQ(t->ftp().FtpUserName, "agent7");
+  EXPECT_EQ(t->ftp().FtpEncryptedPassword, "Q2xhdmU=");
+  EXPECT_EQ(t->ftp().FtpPort, "21");
   EXPECT_TRUE(Logged(t, "Trace in TDACLI: Saved the following Variables [SERVERTEMP=\\\\srv\\temp],[PROTOCOL=FTP],"
                         "[FTPSERVER=ftp.example],[FTPUSERNAME=agent7],[FTPPASSWORD=Q2xhdmU=],[FTPPORT=21],"
                         "[FTPSSL=False],[FTPAUTHTLS=False],[FTPPASSIVE=False],[FTPPASSIVEUSEHOSTADDR=False]"));
@@ -100,10 +100,10 @@ TEST(SaveFtpCredentials, WithPortSshAndFlags) {
             "Passive=True\r\n"
             "PassiveUseHostAddr=False\r\n"
             "Protocol=SSH\r\n");
-  EXPECT_TRUE(t->ftp.FtpSsl);
-  EXPECT_FALSE(t->ftp.FtpAuthTLS);
-  EXPECT_TRUE(t->ftp.FtpPassive);  // "t" counts: the flags are compared in upper case
-  EXPECT_FALSE(t->ftp.FtpPassiveUseHostAddr);
+  EXPECT_TRUE(t->ftp().FtpSsl);
+  EXPECT_FALSE(t->ftp().FtpAuthTLS);
+  EXPECT_TRUE(t->ftp().FtpPassive);  // "t" counts: the flags are compared in upper case
+  EXPECT_FALSE(t->ftp().FtpPassiveUseHostAddr);
   EXPECT_TRUE(Logged(t, "Trace in TDACLI: Saved the following Variables [SERVERTEMP=\\\\srv\\temp],[PROTOCOL=SSH],"
                         "[FTPSERVER=sftp.example],[FTPUSERNAME=agent7],[FTPPASSWORD=c2VjcmV0],[FTPPORT=2222],"
                         "[FTPSSL=True],[FTPAUTHTLS=False],[FTPPASSIVE=True],[FTPPASSIVEUSEHOSTADDR=False]"));
@@ -133,30 +133,30 @@ TEST(SaveFtpCredentials, WithPortAndAllFourFlags) {
 
 TEST(SaveFtpCredentials, ShortFlagFieldLeavesAllFlagsFalse) {
   TestAgent t;
-  t->ftp.FtpSsl = true;  // from an earlier login: reset first
+  t->WriteFtp().FtpSsl = true;  // from an earlier login: reset first
   t->settings.SvrTemp = "frames:FTP@ftp.example:Port=2121:TTT:agent7:pw";
   SaveFtpCredentials(*t);
   EXPECT_EQ(testing::ReadFile(t.dir.File("TDACFTP.INI")),
             Crlf({"[Tyndrel - Agent Client - FTP Credentials]", "", "[Config]", "ServerTemp=frames",
                   "FTPServer=ftp.example", "UserName=agent7", "EncryptedPassword=pw", "Port=2121", "Ssl=False",
                   "AuthTLS=False", "Passive=False", "PassiveUseHostAddr=False", "Protocol=FTP"}));
-  EXPECT_FALSE(t->ftp.FtpSsl || t->ftp.FtpAuthTLS || t->ftp.FtpPassive || t->ftp.FtpPassiveUseHostAddr);
+  EXPECT_FALSE(t->ftp().FtpSsl || t->ftp().FtpAuthTLS || t->ftp().FtpPassive || t->ftp().FtpPassiveUseHostAddr);
 }
 
 TEST(SaveFtpCredentials, BareFolderWritesNothingAndKeepsSvrTemp) {
   TestAgent t;
-  t->ftp.FtpServer = "old.example";
-  t->ftp.FtpPort = "2222";
-  t->ftp.FtpPassive = true;
-  t->ftp.FtpCredentialsSaved = true;
+  t->WriteFtp().FtpServer = "old.example";
+  t->WriteFtp().FtpPort = "2222";
+  t->WriteFtp().FtpPassive = true;
+  t->WriteFtp().FtpCredentialsSaved = true;
   t->settings.SvrTemp = "\\\\srv\\temp";
   SaveFtpCredentials(*t);
   EXPECT_FALSE(testing::Exists(t.dir.File("TDACFTP.INI")));
   EXPECT_EQ(t->settings.SvrTemp, "\\\\srv\\temp");
-  EXPECT_FALSE(t->ftp.FtpCredentialsSaved);
-  EXPECT_EQ(t->ftp.FtpServer, "");
-  EXPECT_EQ(t->ftp.FtpPort, "21");
-  EXPECT_FALSE(t->ftp.FtpPassive);
+  EXPECT_FALSE(t->ftp().FtpCredentialsSaved);
+  EXPECT_EQ(t->ftp().FtpServer, "");
+  EXPECT_EQ(t->ftp().FtpPort, "21");
+  EXPECT_FALSE(t->ftp().FtpPassive);
   EXPECT_TRUE(TraceAfterIp(t).empty());
 }
 
@@ -166,7 +166,7 @@ TEST(SaveFtpCredentials, UnwritableFileStillLogsAndCountsAsSaved) {
   t->settings.SvrTemp = "f:FTP@h:u:p";
   SaveFtpCredentials(*t);
   EXPECT_TRUE(std::filesystem::is_directory(t.dir.File("TDACFTP.INI")));
-  EXPECT_TRUE(t->ftp.FtpCredentialsSaved);
+  EXPECT_TRUE(t->ftp().FtpCredentialsSaved);
   EXPECT_TRUE(Logged(t, "Trace in TDACLI: Saved the following Variables [SERVERTEMP=f],[PROTOCOL=FTP],"
                         "[FTPSERVER=h],[FTPUSERNAME=u],[FTPPASSWORD=p],[FTPPORT=21],[FTPSSL=False],"
                         "[FTPAUTHTLS=False],[FTPPASSIVE=False],[FTPPASSIVEUSEHOSTADDR=False]"));
@@ -241,10 +241,10 @@ TEST(SaveValidIPMask, ReplacesAnOlderFile) {
 
 TEST(SaveLiveID, WritesFileAndFourTraceLines) {
   TestAgent t;
-  t->login.TDLiveID = "48213";
-  t->login.RepeaterIP = "10.1.2.3";
-  t->login.RepeaterPort = "5020";
-  t->login.PeerToPeerCapable = true;
+  t->WriteLogin().TDLiveID = "48213";
+  t->WriteLogin().RepeaterIP = "10.1.2.3";
+  t->WriteLogin().RepeaterPort = "5020";
+  t->WriteLogin().PeerToPeerCapable = true;
   SaveLiveID(*t);
   const std::string path = t.dir.File("TDLiveID.INI");
   EXPECT_EQ(testing::ReadFile(path),
@@ -263,7 +263,7 @@ TEST(SaveLiveID, WritesFileAndFourTraceLines) {
 
 TEST(SaveLiveID, NotPeerToPeerCapableAndEmptyValues) {
   TestAgent t;
-  t->login.TDLiveID = "48213";
+  t->WriteLogin().TDLiveID = "48213";
   SaveLiveID(*t);
   EXPECT_EQ(testing::ReadFile(t.dir.File("TDLiveID.INI")),
             Crlf({"[LiveID]", "TDLiveID=48213", "RepeaterIP=", "RepeaterPort=", "PeerToPeerCapable=False"}));

@@ -11,7 +11,6 @@
 
 #include "common/files.h"
 #include "config/configuration.h"
-#include "listener/listener.h"
 #include "platform/tcp_socket.h"
 #include "service/lifecycle.h"
 #include "support/fault_file_system.h"

@@ -246,9 +246,9 @@ settings_text() {
     "NotificationMethod=$2" "PopEx=false" "PopWinName=false" "ListeningPorts=5001,$1,6001,6002"
 }
 
-# Writes the users file of the simulator: the agent jsmith, and nuluser whose answers hold a NUL.
-write_users() {
-  cat >"$WORK/users.txt" <<'EOF'
+# Prints the simulator's users-file entry of the agent jsmith.
+jsmith_entry() {
+  cat <<'EOF'
 # The one agent of this workstation.
 [jsmith]
 ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
@@ -260,16 +260,50 @@ Trace=False
 WebCam=true
 100Screen=SCR:010|ATLOGO:2|010|001
 EOF
+}
+
+# Writes the users file of the simulator: the agent jsmith, and nuluser whose answers hold a NUL.
+write_users() {
+  jsmith_entry >"$WORK/users.txt"
   # A second agent whose server answers hold a NUL inside values (the agent cuts each value there).
   printf '%s\n' '[nuluser]' 'ServerTemp=\\fs01\tdtemp\' 'LocalTemp=c:\%appdir%\Capture' \
     'LiveID=48214:10.1.2.3:5020:T' 'Trace=False' 'WebCam=true' >>"$WORK/users.txt"
   printf 'KekInfo=KEK-9\0planted\nValidIPMask=10.9.\0x\n100Screen=SCR:010\0planted\n' >>"$WORK/users.txt"
 }
 
-# Starts the login server simulator for the agent jsmith on a free loopback address; sets SERVER and
-# SERVER_PID. $1: seconds after which the simulator gives up by itself; $2 (optional, a word that does
-# not start with "-"): a users file of the caller's instead of the one written here; further arguments
-# go to the simulator (a --fault).
+# Prints a loopback address for a simulator on the fixed login port 5003, reserved for this run for as
+# long as it lives: a run that stops its simulator goes on expecting the agent's connects to be
+# refused there, so no other run may start one on that address meanwhile. Runs take 127.0.1.2-254,
+# each reservation a folder holding the owner's process id (one whose owner has ended is taken
+# over); the in-process tests take their simulators from 127.0.0.x.
+reserve_loopback() {
+  local locks=${TMPDIR:-/tmp}/tdacli-loopback x owner
+  mkdir -p "$locks"
+  for x in $(shuf -i 2-254); do
+    if ! mkdir "$locks/127.0.1.$x" 2>/dev/null; then
+      owner=$(cat "$locks/127.0.1.$x/pid" 2>/dev/null)
+      if [ -n "$owner" ] && ! kill -0 "$owner" 2>/dev/null; then
+        rm -rf "$locks/127.0.1.$x"
+        mkdir "$locks/127.0.1.$x" 2>/dev/null || continue
+      elif [ -z "$owner" ] && [ -n "$(find "$locks/127.0.1.$x" -maxdepth 0 -mmin +1 2>/dev/null)" ]; then
+        # Left without its owner's id by a run killed at the wrong moment.
+        rm -rf "$locks/127.0.1.$x"
+        mkdir "$locks/127.0.1.$x" 2>/dev/null || continue
+      else
+        continue
+      fi
+    fi
+    echo $$ >"$locks/127.0.1.$x/pid"
+    echo "127.0.1.$x"
+    return 0
+  done
+  return 1
+}
+
+# Starts the login server simulator for the agent jsmith on a loopback address reserved for the run;
+# sets SERVER and SERVER_PID. $1: seconds after which the simulator gives up by itself; $2 (optional, a
+# word that does not start with "-"): a users file of the caller's instead of the one written here;
+# further arguments go to the simulator (a --fault).
 start_login_server() {
   local x pid exit_after=$1
   shift
@@ -279,17 +313,17 @@ start_login_server() {
   else
     write_users
   fi
-  # The login port is fixed (5003), so a simulator needs an address nobody else on this machine uses.
   SERVER=
-  for x in $(shuf -i 2-254 -n 20); do
+  for _ in $(seq 20); do
+    x=$(reserve_loopback) || break
     rm -f "$WORK/transcript.txt"
-    "$LOGIN_SERVER" --listen "127.0.0.$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
+    "$LOGIN_SERVER" --listen "$x" --users "$WORK/users.txt" --transcript "$WORK/transcript.txt" --quiet \
       --exit-after "$exit_after" "$@" 2>"$WORK/login-server.err" &
     pid=$!
-    if wait_for 10 bash -c "grep -qF 'listening on 127.0.0.$x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
+    if wait_for 10 bash -c "grep -qF 'listening on $x:5003' '$WORK/transcript.txt' 2>/dev/null || ! kill -0 $pid" &&
        alive $pid; then
       SERVER_PID=$pid
-      SERVER=127.0.0.$x
+      SERVER=$x
       break
     fi
     wait $pid 2>/dev/null

@@ -12,18 +12,7 @@ start_web_service() {
   shift 3
   step "login web service simulator over $scheme on a free loopback port"
   {
-    cat <<'USERS'
-# The one agent of this workstation.
-[jsmith]
-ServerTemp=\\fs01\tdtemp\:FTP@ftp.example.com:tduser:9F8E7D6C
-LocalTemp=c:\%appdir%\Capture
-LiveID=48213:10.1.2.3:5020:T
-KekInfo=KEK-0001
-ValidIPMask=127.0.0.
-Trace=False
-WebCam=true
-100Screen=SCR:010|ATLOGO:2|010|001
-USERS
+    jsmith_entry
     [ -z "$more" ] || printf '%s\n' "$more"
   } >"$WORK/users.txt"
   if [ "$scheme" = https ]; then

@@ -115,29 +115,29 @@ class AllowedConsolesListener : public ListeningAgent {
 };
 
 TEST_F(AllowedConsolesListener, WithoutTheFileEveryConsoleIsServed) {
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   RawConsole a(*t, "127.0.0.1"), b(*t, "127.0.0.2");
   EXPECT_EQ(a.Connect(Port()), "|READY|");
   EXPECT_EQ(b.Connect(Port()), "|READY|");
-  EXPECT_EQ(t->listener().ListenConnectionIndex, 2);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 2);
   EXPECT_TRUE(NewMessages().empty());
 }
 
 TEST_F(AllowedConsolesListener, AListedPeerIsServedAndAnOtherIsClosedBeforeTheGreeting) {
   WriteList("127.0.0.2\r\n");
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   EXPECT_EQ(NewMessages(), (std::vector<std::string>{
                                "Trace in TDACLI: Read TDACLI-AllowedConsoles.TXT: 1 entries, other consoles are refused."}));
 
   RawConsole listed(*t, "127.0.0.2");
   EXPECT_EQ(listed.Connect(Port()), "|READY|");
-  EXPECT_EQ(t->listener().ListenConnectionIndex, 1);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 1);
 
   RawConsole other(*t, "127.0.0.1");
   EXPECT_EQ(other.Connect(Port()), "<closed>");
   // No element was created for the refused peer: the listed console is still the one served.
-  EXPECT_EQ(t->listener().ListenConnectionIndex, 1);
-  EXPECT_EQ(t->listener().ElementState(1), platform::TcpSocket::kConnected);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 1);
+  EXPECT_EQ(listener::ListenerOf(*t).ElementState(1), platform::TcpSocket::kConnected);
   EXPECT_EQ(NewMessages(),
             (std::vector<std::string>{
                 "Warning in TDACLI: Refused connection from 127.0.0.1: the address is not listed in "
@@ -149,7 +149,7 @@ TEST_F(AllowedConsolesListener, AListedPeerIsServedAndAnOtherIsClosedBeforeTheGr
 
 TEST_F(AllowedConsolesListener, AtMostOneWarningPerAddressPerHour) {
   WriteList("127.0.0.2/32\r\n");
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   NewMessages();
   const std::string warning =
       "Warning in TDACLI: Refused connection from 127.0.0.1: the address is not listed in TDACLI-AllowedConsoles.TXT";
@@ -172,19 +172,19 @@ TEST_F(AllowedConsolesListener, AtMostOneWarningPerAddressPerHour) {
     EXPECT_EQ(other.Connect(Port()), "<closed>");
   }
   EXPECT_EQ(NewMessages(), std::vector<std::string>{warning});
-  EXPECT_EQ(t->listener().ListenConnectionIndex, 0);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 0);
 }
 
 TEST_F(AllowedConsolesListener, AMalformedLineIsSkippedWithOneWarningNamingIt) {
   WriteList("# supervisors\r\n127.0.0.2\r\n127.0.0.300\r\n");
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   EXPECT_EQ(NewMessages(),
             (std::vector<std::string>{
                 "Warning in TDACLI: Skipped malformed line 3 of TDACLI-AllowedConsoles.TXT: [127.0.0.300]",
                 "Trace in TDACLI: Read TDACLI-AllowedConsoles.TXT: 1 entries, other consoles are refused."}));
   // The file has not changed: reading it again names nothing again.
   NextTick();
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   RawConsole listed(*t, "127.0.0.2");
   EXPECT_EQ(listed.Connect(Port()), "|READY|");
   EXPECT_TRUE(NewMessages().empty());
@@ -192,7 +192,7 @@ TEST_F(AllowedConsolesListener, AMalformedLineIsSkippedWithOneWarningNamingIt) {
 
 TEST_F(AllowedConsolesListener, AFileOfOnlyMalformedLinesHasNoEntryAndEveryoneIsServed) {
   WriteList("localhost\r\n");
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   EXPECT_EQ(NewMessages(),
             (std::vector<std::string>{
                 "Warning in TDACLI: Skipped malformed line 1 of TDACLI-AllowedConsoles.TXT: [localhost]",
@@ -203,7 +203,7 @@ TEST_F(AllowedConsolesListener, AFileOfOnlyMalformedLinesHasNoEntryAndEveryoneIs
 
 TEST_F(AllowedConsolesListener, AFileChangedWhileRunningIsReadAgainAtTheNextTick) {
   WriteList("127.0.0.2\r\n");
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   NextTick();
   {
     RawConsole other(*t, "127.0.0.1");
@@ -246,14 +246,14 @@ TEST_F(AllowedConsolesListener, OnlyTheFirst64KiBAreReadAndFewMalformedLinesAreN
   while (big.size() < listener::kAllowedConsolesMaxBytes + 100) big += "# padding padding padding padding\r\n";
   big += "127.0.0.1\r\n";  // beyond the bound: never an entry
   WriteList(big);
-  t->listener().allowed_consoles().Load(*t);
+  listener::ListenerOf(*t).allowed_consoles().Load(*t);
   const auto msgs = NewMessages();
   ASSERT_EQ(msgs.size(), 1u + 10u + 1u + 1u);
   EXPECT_EQ(msgs[0], "Warning in TDACLI: TDACLI-AllowedConsoles.TXT is larger than 65536 bytes: the rest of it is ignored.");
   EXPECT_EQ(msgs[1], "Warning in TDACLI: Skipped malformed line 1 of TDACLI-AllowedConsoles.TXT: [bad0]");
   EXPECT_EQ(msgs[10], "Warning in TDACLI: Skipped malformed line 10 of TDACLI-AllowedConsoles.TXT: [bad9]");
   EXPECT_EQ(msgs[11], "Warning in TDACLI: Skipped 10 more malformed lines of TDACLI-AllowedConsoles.TXT");
-  EXPECT_EQ(t->listener().allowed_consoles().Blocks(), (std::vector<ConsoleBlock>{{0x7F000002u, 0xFFFFFFFFu}}));
+  EXPECT_EQ(listener::ListenerOf(*t).allowed_consoles().Blocks(), (std::vector<ConsoleBlock>{{0x7F000002u, 0xFFFFFFFFu}}));
 }
 
 TEST(AllowedConsolesStartup, TheFileIsReadByTheStartUpWork) {
@@ -265,7 +265,7 @@ TEST(AllowedConsolesStartup, TheFileIsReadByTheStartUpWork) {
   auto has = [&](const std::string& m) { return std::find(msgs.begin(), msgs.end(), m) != msgs.end(); };
   EXPECT_TRUE(has("Warning in TDACLI: Skipped malformed line 2 of TDACLI-AllowedConsoles.TXT: [nonsense]"));
   EXPECT_TRUE(has("Trace in TDACLI: Read TDACLI-AllowedConsoles.TXT: 1 entries, other consoles are refused."));
-  EXPECT_TRUE(t->listener().allowed_consoles().Active());
+  EXPECT_TRUE(listener::ListenerOf(*t).allowed_consoles().Active());
 }
 
 }  // namespace

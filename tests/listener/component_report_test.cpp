@@ -7,7 +7,7 @@
 
 #include "common/paths.h"
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/component_report.h"
 #include "listener/console.h"
 #include "platform/file_times.h"
 #include "platform/version_info.h"
@@ -66,7 +66,7 @@ class ComponentReport : public ListeningAgent {
  protected:
   std::string Build() {
     listener::BuildComponentReport(*t);
-    return t->ComponentReportText;
+    return t->component_report_text;
   }
   // Copies a fixture into the application folder under `name`, dated 2026-11-14 23:15:02.
   void Put(const std::string& fixture, const std::string& name) {
@@ -197,8 +197,8 @@ TEST_F(ComponentReport, ComponentNamesAreFoundWhateverTheirCase) {
 
 TEST_F(ComponentReport, SettingsWithBlanksAndTheFtpBlock) {
   t->settings.Server = "td server 01";
-  t->login.UseWebCam = true;
-  auto& f = t->ftp;
+  t->WriteLogin().UseWebCam = true;
+  auto& f = t->WriteFtp();
   f.FtpCredentialsSaved = true;
   f.FtpServer = "ftp.example.com";
   f.FtpUserName = "td user";

@@ -138,7 +138,7 @@ TEST_F(ConfigCommands, SetListenStoresThePortsAndReopensTheListener) {
             (std::vector<std::pair<std::string, int>>{{"TDACSC", 135}, {"TDACLM", 135}}));
   // The listener was closed and opened again (port 0: a new free port); the console's own
   // connection is untouched.
-  EXPECT_EQ(t->listener().Listener().State(), TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), TcpSocket::kListening);
   Console other(*t);
   EXPECT_EQ(other.Connect(Port()), "|READY|");
   if (Port() != old_port) {

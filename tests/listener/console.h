@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "config/configuration.h"
 #include "listener/listener.h"
+#include "listener/listening_port.h"
 #include "platform/tcp_socket.h"
 #include "support/test_agent.h"
 
@@ -88,10 +89,10 @@ class ListeningAgent : public ::testing::Test {
     mark_ = t.Messages().size();
   }
   void StartListening() {
-    ASSERT_FALSE(t->listener().Listen(static_cast<uint16_t>(listener::GetListeningPort(*t))));
-    ASSERT_EQ(t->listener().Listener().State(), platform::TcpSocket::kListening);
+    ASSERT_FALSE(listener::ListenerOf(*t).Listen(static_cast<uint16_t>(listener::GetListeningPort(*t))));
+    ASSERT_EQ(listener::ListenerOf(*t).Listener().State(), platform::TcpSocket::kListening);
   }
-  uint16_t Port() { return t->listener().Listener().LocalPort(); }
+  uint16_t Port() { return listener::ListenerOf(*t).Listener().LocalPort(); }
   std::string ConfigFile() const { return t.dir.File("TDRegInfo.TXT"); }
   // Trace messages written since the last call (or since the agent started listening).
   std::vector<std::string> NewMessages() {

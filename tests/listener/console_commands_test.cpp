@@ -7,10 +7,12 @@
 #include <filesystem>
 
 #include "common/text.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/console.h"
+#include "listener/dispatch.h"
+#include "listener/listener.h"
+#include "listener/send_frames_command.h"
 #include "service/control.h"
-#include "siblings/messaging.h"
 
 namespace tdacli {
 namespace {
@@ -97,7 +99,7 @@ TEST_P(ChoppedSendFrames, PiecesAreCollectedUntilBothTagsHaveArrived) {
   expected.push_back(Tr("Done with SENDFRAMES command, Sent |OKAY| to Server"));
   EXPECT_EQ(NewMessages(), expected);
   EXPECT_EQ(testing::ReadFile(file), kJob + "\r\n");
-  EXPECT_EQ(t->listener().PendingProtocolData, "");
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Pieces, ChoppedSendFrames, ::testing::Values(1, 2, 3, 50));
@@ -110,16 +112,16 @@ TEST_F(ConsoleCommands, ChoppedJobInterleavedWithGetInfoOnAnotherConnection) {
   server.Send(pieces[0]);
   ASSERT_TRUE(WaitForLine(kChopped, 1));
   server.Close();
-  ASSERT_TRUE(t->WaitUntil(5, [&] { return t->listener().ElementState(1) != platform::TcpSocket::kConnected; }));
+  ASSERT_TRUE(t->WaitUntil(5, [&] { return listener::ListenerOf(*t).ElementState(1) != platform::TcpSocket::kConnected; }));
 
   // A console asks for the settings meanwhile; the pending job is not touched.
   Console console(*t);
   ASSERT_EQ(console.Connect(Port()), "|READY|");
   console.Send("|GETINFO|");
   EXPECT_TRUE(StartsWith(console.Reply(), "|GETINFO|<PCName>"));
-  EXPECT_EQ(t->listener().PendingProtocolData, pieces[0]);
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, pieces[0]);
   console.Close();
-  ASSERT_TRUE(t->WaitUntil(5, [&] { return t->listener().ElementState(2) != platform::TcpSocket::kConnected; }));
+  ASSERT_TRUE(t->WaitUntil(5, [&] { return listener::ListenerOf(*t).ElementState(2) != platform::TcpSocket::kConnected; }));
 
   // The server comes back on a new connection with the rest.
   Console again(*t);
@@ -143,7 +145,7 @@ TEST_F(ConsoleCommands, UnknownTextIsDroppedSilentlyUnlessAJobIsPending) {
   ASSERT_TRUE(WaitForLine(kChopped, 1));
   server.Send("hello there");
   ASSERT_TRUE(WaitForLine(kChopped, 2));
-  EXPECT_EQ(t->listener().PendingProtocolData, "[BEGIN_PROTOCOL]|SENDFRAMES|1@2@J7hello there");
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, "[BEGIN_PROTOCOL]|SENDFRAMES|1@2@J7hello there");
   server.Send("[END_PROTOCOL]");
   EXPECT_EQ(server.Reply(), "|OKAY|");
   EXPECT_EQ(testing::ReadFile(t->AppPath("SendFrames-J7hello there.TSF")), "|SENDFRAMES|1@2@J7hello there\r\n");
@@ -184,7 +186,7 @@ TEST_F(SendFramesDispatch, AnEmptyReadIsNeverAContinuationPiece) {
   NewMessages();
   Feed("");
   EXPECT_EQ(NewMessages(), std::vector<std::string>{});
-  EXPECT_EQ(t->listener().PendingProtocolData, "[BEGIN_PROTOCOL]|SENDFRAMES|a@b@J1");
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, "[BEGIN_PROTOCOL]|SENDFRAMES|a@b@J1");
 }
 
 TEST_F(SendFramesDispatch, NoOkayToAServerThatHasGone) {
@@ -206,14 +208,14 @@ TEST_F(SendFramesDispatch, APendingTransmissionPastOneMebibyteIsDiscardedAndTheN
     Feed(chunk);
     total += chunk.size();
   }
-  EXPECT_EQ(t->listener().PendingProtocolData.size(), total);
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData.size(), total);
   NewMessages();
   Feed(chunk);
   auto m = NewMessages();
   ASSERT_EQ(m.size(), 2u);
   EXPECT_EQ(m[1], Err("Discarded chopped SENDFRAMES data from Server (IP = 10.0.0.5): " +
                       std::to_string(total + chunk.size()) + " bytes, more than 1048576 bytes allowed"));
-  EXPECT_EQ(t->listener().PendingProtocolData, "");
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, "");
   EXPECT_TRUE(c.replies.empty());
   // The rest of the oversized transmission is unknown text now, and the next job goes through.
   Feed(chunk);
@@ -230,7 +232,7 @@ TEST_F(SendFramesDispatch, AFirstPieceAloneLargerThanTheBoundIsDiscarded) {
   ASSERT_EQ(m.size(), 2u);
   EXPECT_EQ(m[1], Err("Discarded chopped SENDFRAMES data from Server (IP = 10.0.0.5): " +
                       std::to_string(listener::kMaxPendingProtocolData + 28) + " bytes, more than 1048576 bytes allowed"));
-  EXPECT_EQ(t->listener().PendingProtocolData, "");
+  EXPECT_EQ(listener::ListenerOf(*t).PendingProtocolData, "");
 }
 
 TEST_F(ConsoleCommands, TheListenerServesOnAfterAnOversizedTransmission) {
@@ -245,7 +247,7 @@ TEST_F(ConsoleCommands, TheListenerServesOnAfterAnOversizedTransmission) {
       if (StartsWith(m, Err("Discarded chopped SENDFRAMES data from Server (IP = 127.0.0.1): "))) return true;
     return false;
   }));
-  ASSERT_TRUE(t->WaitUntil(20, [&] { return t->listener().PendingProtocolData.size() < 64; }));
+  ASSERT_TRUE(t->WaitUntil(20, [&] { return listener::ListenerOf(*t).PendingProtocolData.size() < 64; }));
   Console console(*t);
   ASSERT_EQ(console.Connect(Port()), "|READY|");
   console.Send("|GETINFO|");

@@ -2,10 +2,12 @@
 // the routing of the commands that are handled elsewhere.
 #include <gtest/gtest.h>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "config/configuration.h"
-#include "listener/commands.h"
+#include "listener/command_replies.h"
 #include "listener/console.h"
+#include "listener/dispatch.h"
+#include "listener/listener.h"
 #include "support/test_agent.h"
 
 namespace tdacli::listener {
@@ -82,7 +84,7 @@ TEST_F(Dispatch, TextWithoutKeywordIsDroppedWithoutReplyOrLogLine) {
     EXPECT_TRUE(c.replies.empty()) << text;
   }
   EXPECT_TRUE(NewMessages().empty());
-  EXPECT_TRUE(t->listener().PendingProtocolData.empty());
+  EXPECT_TRUE(listener::ListenerOf(*t).PendingProtocolData.empty());
 }
 
 }  // namespace

@@ -6,7 +6,10 @@
 
 #include "common/logging.h"
 #include "listener/console.h"
+#include "listener/host_names.h"
+#include "listener/listening_port.h"
 #include "support/fault_file_system.h"
+
 
 namespace tdacli {
 namespace {
@@ -26,7 +29,7 @@ std::string Info(const std::string& ext = "1234") {
 }
 
 TEST_F(Listener, GreetsEveryConnectionWithReadyUnderTheNextIndex) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   EXPECT_EQ(l.ListenConnectionIndex, 0);
   Console a(*t), b(*t);
   EXPECT_EQ(a.Connect(Port()), "|READY|");
@@ -86,12 +89,12 @@ TEST_F(Listener, DataOfTheFirstConnectionStaysUnreadWhileTheSecondIsRead) {
   EXPECT_EQ(testing::ReadFile(ConfigFile()), before);
   EXPECT_EQ(NewMessages(), (std::vector<std::string>{"Trace in TDACLI: Received GETINFO command from Agent Explorer."}));
   // The first element still holds its data: it was never read.
-  ASSERT_NE(t->listener().Element(1), nullptr);
-  EXPECT_EQ(t->listener().Element(1)->GetData(), "|SETEXT|9999;");
+  ASSERT_NE(listener::ListenerOf(*t).Element(1), nullptr);
+  EXPECT_EQ(listener::ListenerOf(*t).Element(1)->GetData(), "|SETEXT|9999;");
 }
 
 TEST_F(Listener, CloseOfAnOlderConnectionClosesTheNewest) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   const int64_t sockets_before = TcpSocket::OpenSocketCount();
   Console a(*t), b(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");
@@ -120,7 +123,7 @@ TEST_F(Listener, CloseOfAnOlderConnectionClosesTheNewest) {
 }
 
 TEST_F(Listener, ResetOfTheNewestConnectionIsItsClose) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   const int64_t sockets_before = TcpSocket::OpenSocketCount();
   Console a(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");
@@ -141,7 +144,7 @@ TEST_F(Listener, ResetOfTheNewestConnectionIsItsClose) {
 }
 
 TEST_F(Listener, ResetOfAnOlderConnectionClosesTheNewestAsItsCloseDoes) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   Console a(*t), b(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");
   ASSERT_EQ(b.Connect(Port()), "|READY|");
@@ -162,14 +165,14 @@ TEST_F(Listener, DataAfterTheNewestConnectionClosedIsDropped) {
   ASSERT_EQ(b.Connect(Port()), "|READY|");
   b.Close();
   t->loop().RunFor(200);
-  EXPECT_EQ(t->listener().ElementState(2), TcpSocket::kClosed);
+  EXPECT_EQ(listener::ListenerOf(*t).ElementState(2), TcpSocket::kClosed);
   a.Send("|GETINFO|");
   EXPECT_EQ(a.Quiet(), "");
   EXPECT_TRUE(NewMessages().empty());
 }
 
 TEST_F(Listener, ClosedConnectionsReleaseTheirSocketsAndObjects) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   const int64_t sockets_before = TcpSocket::OpenSocketCount();
   for (int i = 1; i <= 200; ++i) {
     Console c(*t);
@@ -186,7 +189,7 @@ TEST_F(Listener, ClosedConnectionsReleaseTheirSocketsAndObjects) {
 }
 
 TEST_F(Listener, CounterOverflowIsAFaultThenTheCounterStartsAgainAtOne) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   // An old connection under index 1 that is still open: its index is reused after the overflow.
   Console old(*t);
   ASSERT_EQ(old.Connect(Port()), "|READY|");
@@ -228,7 +231,7 @@ TEST_F(Listener, CounterOverflowIsAFaultThenTheCounterStartsAgainAtOne) {
 }
 
 TEST_F(Listener, CloseOfAnOldConnectionRightAfterTheOverflowLeavesTheListenerOpen) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   Console old(*t);
   ASSERT_EQ(old.Connect(Port()), "|READY|");
   l.ListenConnectionIndex = 32767;
@@ -309,7 +312,7 @@ TEST_F(Listener, ReplyToAConsoleThatHasGoneIsLoggedAsAWarning) {
   EXPECT_EQ(t.event_log.entries.back(),
             std::make_pair(2, std::string("Cannot send response - AgentExplorer (IP = 127.0.0.1) already disconnected!")));
   t->loop().RunFor(10);
-  EXPECT_EQ(t->listener().Element(1), nullptr);
+  EXPECT_EQ(listener::ListenerOf(*t).Element(1), nullptr);
 }
 
 TEST(ListeningPort, SecondEntryOfTheListWithItsFallbacks) {
@@ -336,8 +339,8 @@ TEST(ListeningPort, StartUpListensOnThePortOfTheSettingsFile) {
   testing::TestAgent t;
   testing::WriteFile(t.dir.File("TDRegInfo.TXT"), "ListeningPorts=1,0,2,3\r\n");
   LoadConfiguration(*t);
-  ASSERT_FALSE(t->listener().Listen(static_cast<uint16_t>(listener::GetListeningPort(*t))));
-  const uint16_t port = t->listener().Listener().LocalPort();
+  ASSERT_FALSE(listener::ListenerOf(*t).Listen(static_cast<uint16_t>(listener::GetListeningPort(*t))));
+  const uint16_t port = listener::ListenerOf(*t).Listener().LocalPort();
   EXPECT_NE(port, 0);
   Console c(*t);
   EXPECT_EQ(c.Connect(port), "|READY|");

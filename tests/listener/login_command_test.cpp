@@ -29,8 +29,8 @@ struct LoginCommand : ::testing::Test, testing::LoginFixture {
                        "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=4711\r\nServer=" + server->address() +
                            "\r\nCurrentUser=" + user + "\r\nListeningPorts=1,0,2,3\r\n");
     LoadConfiguration(*t);
-    ASSERT_FALSE(t->listener().Listen(0));
-    ASSERT_EQ(console.Connect(t->listener().Listener().LocalPort()), "|READY|");
+    ASSERT_FALSE(listener::ListenerOf(*t).Listen(0));
+    ASSERT_EQ(console.Connect(listener::ListenerOf(*t).Listener().LocalPort()), "|READY|");
   }
   static loginsim::UserRecord Jsmith() {
     loginsim::UserRecord u = testing::Jsmith();
@@ -84,7 +84,7 @@ TEST_F(LoginCommand, AFailedLoginStillRepliesWipesAndNotifies) {
   Start("nobody");
   console.Send("|LOGIN|");
   const std::string reply = console.Reply(120);
-  EXPECT_FALSE(t->login.LoginSucceeded);
+  EXPECT_FALSE(t->login().LoginSucceeded);
   EXPECT_EQ(reply, "|LOGIN|<Status>The Tyndrel Agent Client could not execute a login for (nobody) to (" +
                        server->address() + ":5003)");
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
@@ -102,7 +102,7 @@ TEST_F(LoginCommand, AnotherConsoleIsServedDuringTheLogin) {
   t.service_control.on_send = [&](const std::string& service, int code) {
     if (service != "TDACMT" || code != 130) return;
     t->loop().Post([&] {
-      EXPECT_EQ(second.Connect(t->listener().Listener().LocalPort()), "|READY|");
+      EXPECT_EQ(second.Connect(listener::ListenerOf(*t).Listener().LocalPort()), "|READY|");
       second.Send("|GETINFO|");
       info = second.Reply();
       Service_Control(*t, 131);
@@ -121,7 +121,7 @@ TEST_F(LoginCommand, AConsoleThatHasGoneIsOnlyLoggedAsAWarning) {
   ASSERT_TRUE(t->WaitUntil(120, [&] {
     return Logged("Warning in TDACLI: Cannot send response - AgentExplorer (IP = 127.0.0.1) already disconnected!");
   }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "listener/commands.h"
+#include "listener/protocol_body.h"
 
 namespace tdacli::listener {
 namespace {

@@ -65,7 +65,7 @@ TEST_F(Hostile, BurstOfConnectsIsAcceptedWithoutNestingHandlers) {
     return true;
   };
   ASSERT_TRUE(t->WaitUntil(120, greeted));
-  EXPECT_EQ(t->listener().ListenConnectionIndex, kBurst);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, kBurst);
   // The wait (1), the connection-request handler's yield (2): never deeper, whatever the burst.
   EXPECT_LE(t->loop().max_run_depth(), 3);
   EXPECT_TRUE(NewMessages().empty());
@@ -77,7 +77,7 @@ TEST_F(Hostile, BurstOfConnectsIsAcceptedWithoutNestingHandlers) {
 }
 
 TEST_F(Hostile, OlderPeersThatSendAndLeaveReleaseTheirSockets) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   const int64_t before = TcpSocket::OpenSocketCount();
   for (int i = 0; i < kLeavingPeers; ++i) {
     // A peer connects, a newer one arrives, the first sends something and goes without a word.
@@ -97,7 +97,7 @@ TEST_F(Hostile, OlderPeersThatSendAndLeaveReleaseTheirSockets) {
 }
 
 TEST_F(Hostile, AnOlderConnectionKeepsItsFirstArrivalUnreadAndStillReportsItsClose) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   Console a(*t), b(*t);
   ASSERT_EQ(a.Connect(Port()), "|READY|");
   ASSERT_EQ(b.Connect(Port()), "|READY|");
@@ -128,13 +128,13 @@ TEST_F(Hostile, RepliesThatAreNeverTakenCloseTheConnectionAtOneMebibyte) {
   std::string blob;
   for (int i = 0; i < 2000000; ++i) blob += "|GETINFO|";  // 18 MB: one command per 64 KiB arrival
   EXPECT_FALSE(c.socket.SendData(blob));
-  auto* element = t->listener().Element(1);
+  auto* element = listener::ListenerOf(*t).Element(1);
   ASSERT_NE(element, nullptr);
   size_t most = 0;
   ASSERT_TRUE(t->WaitUntil(120, [&] {
-    auto* e = t->listener().Element(1);
+    auto* e = listener::ListenerOf(*t).Element(1);
     if (e) most = std::max(most, e->PendingSendBytes());
-    return t->listener().ElementState(1) != TcpSocket::kConnected;
+    return listener::ListenerOf(*t).ElementState(1) != TcpSocket::kConnected;
   }));
   EXPECT_LE(most, listener::CommandListener::kMaxUnsentReply);
   std::vector<std::string> warnings;
@@ -144,7 +144,7 @@ TEST_F(Hostile, RepliesThatAreNeverTakenCloseTheConnectionAtOneMebibyte) {
   EXPECT_EQ(warnings[0],
             "Warning in TDACLI: Closing connection to AgentExplorer (IP = 127.0.0.1): more than 1048576 bytes of "
             "replies were not taken.");
-  EXPECT_EQ(t->listener().Listener().State(), TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), TcpSocket::kListening);
 }
 
 TEST_F(Hostile, AnArrivalIsAtMostSixtyFourKibibytesSoALateSemicolonFaults) {
@@ -159,7 +159,7 @@ TEST_F(Hostile, AnArrivalIsAtMostSixtyFourKibibytesSoALateSemicolonFaults) {
 }
 
 TEST_F(Hostile, SetListenToABusyPortKeepsTheListenerOnItsPort) {
-  auto& l = t->listener();
+  auto& l = listener::ListenerOf(*t);
   const uint16_t old_port = Port();
   TcpSocket occupier(t->loop());
   uint16_t busy = 0;
@@ -305,7 +305,7 @@ TEST_F(Hostile, AtTheDescriptorLimitTheListenerRestsBetweenFailedAccepts) {
   EXPECT_GE(t.clock.NowMs() - start, 10'000);
 
   // Descriptors are free again: accepting resumes within the back-off, both peers are greeted.
-  ASSERT_TRUE(t->WaitUntil(5, [&] { return t->listener().ListenConnectionIndex == 3; }));
+  ASSERT_TRUE(t->WaitUntil(5, [&] { return listener::ListenerOf(*t).ListenConnectionIndex == 3; }));
   char buf[16] = {};
   for (auto h : peers) {
     long n = -1;

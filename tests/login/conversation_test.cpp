@@ -6,9 +6,11 @@
 
 #include "common/files.h"
 #include "config/result_files.h"
+#include "listener/listener.h"
 #include "login/conversation.h"
 #include "login/drivers.h"
 #include "login/login_fixture.h"
+#include "service/login_socket.h"
 
 namespace tdacli {
 namespace {
@@ -24,10 +26,11 @@ struct Recorder {
 };
 
 struct ConversationFixture : LoginFixture {
-  // Handles one reply as the data-arrival event would; returns the trace lines it wrote.
+  // Handles one reply as the data-arrival event would, the top acting on what it learned; returns the
+  // trace lines it wrote.
   std::vector<std::string> Reply(const std::string& data) {
     const size_t mark = Mark();
-    HandleReply(*t, data, recorder.sink());
+    ActOnLoginOutcome(*t, HandleReply(*t, data, recorder.sink()));
     return Since(mark);
   }
   Recorder recorder;
@@ -86,7 +89,7 @@ TEST(LoginConversation, RulesAreTestedInTheirOrder) {
   };
   testing::TestAgent t;
   for (const RuleCase& c : cases) {
-    t->login.LoginRequestKind = c.kind;
+    t->WriteLogin().LoginRequestKind = c.kind;
     EXPECT_EQ(ReplyRuleFor(*t, c.data), c.rule) << "kind " << c.kind << ", reply " << c.data;
   }
 }
@@ -95,7 +98,7 @@ TEST(LoginConversation, RulesAreTestedInTheirOrder) {
 
 TEST(LoginConversation, LoginRepliesEachSendTheNextRequestWithoutTerminator) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Login";
+  f.t->WriteLogin().LoginRequestKind = "Login";
   f.t->settings.Ext = "4711";
   const std::vector<std::pair<std::string, std::string>> steps = {
       {"TD Agent Connect OK", "IDjsmith"}, {"ID OK", "IP192.168.5.20"},  {"IP Addr OK", "EX4711"},
@@ -106,13 +109,13 @@ TEST(LoginConversation, LoginRepliesEachSendTheNextRequestWithoutTerminator) {
     f.recorder.sent.clear();
     f.Reply(reply);
     EXPECT_THAT(f.recorder.sent, ElementsAre(request)) << reply;
-    EXPECT_FALSE(f.t->login.ProtocolDone) << reply;
+    EXPECT_FALSE(f.t->login().ProtocolDone) << reply;
   }
 }
 
 TEST(LoginConversation, GreetingSendsTheUserNameForEveryKindButLogoff) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Status";
+  f.t->WriteLogin().LoginRequestKind = "Status";
   EXPECT_THAT(f.Reply("TD Agent Connect OK"),
               ElementsAre("Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("IDjsmith"));
@@ -120,7 +123,7 @@ TEST(LoginConversation, GreetingSendsTheUserNameForEveryKindButLogoff) {
 
 TEST(LoginConversation, GreetingForALogoffSendsNameAndAddress) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Logoff";
+  f.t->WriteLogin().LoginRequestKind = "Logoff";
   EXPECT_THAT(f.Reply("TD Agent Connect OK"),
               ElementsAre("Trace in TDACLI: Connected To TD Server OK, Sending Logoff of UserName (jsmith)"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("Logoffjsmith:192.168.5.20"));
@@ -128,7 +131,7 @@ TEST(LoginConversation, GreetingForALogoffSendsNameAndAddress) {
 
 TEST(LoginConversation, LogoffWhileTheLocalAddressIsEmptySendsNameAndColonOnly) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Logoff";
+  f.t->WriteLogin().LoginRequestKind = "Logoff";
   f.t->local_ip.clear();
   f.Reply("TD Agent Connect OK");
   EXPECT_THAT(f.recorder.sent, ElementsAre("Logoffjsmith:"));
@@ -144,26 +147,26 @@ TEST(LoginConversation, LogoffOverTheWireWithAnEmptyLocalAddress) {
   LogOffUser(*f.t);
   f.Drain();
   EXPECT_THAT(f.server->Requests(), ElementsAre("Logoffjsmith:", "TD Agent Disconnect OK"));
-  EXPECT_TRUE(f.t->login.LogoffSucceeded);
+  EXPECT_TRUE(f.t->login().LogoffSucceeded);
   EXPECT_TRUE(testing::Exists(f.t.dir.File("-TDACLI-TraceFile.TXT")));
 }
 
 TEST(LoginConversation, LogoffOkayEndsTheExchange) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Logoff";
-  f.t->login.LogoffSucceeded = false;
+  f.t->WriteLogin().LoginRequestKind = "Logoff";
+  f.t->WriteLogin().LogoffSucceeded = false;
   EXPECT_THAT(f.Reply("LOGOFF=OKAY"),
               ElementsAre("Trace in TDACLI: TD Server Sent 'Logoff = Okay', Sending Disconnect Signal"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("TD Agent Disconnect OK"));
-  EXPECT_TRUE(f.t->login.ProtocolDone);
-  EXPECT_TRUE(f.t->login.LogoffSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
+  EXPECT_TRUE(f.t->login().LogoffSucceeded);
 }
 
 TEST(LoginConversation, IdOkSendsTheStatusForEveryKindButLogin) {
   for (const char* kind : {"Status", "Logoff", ""}) {
     ConversationFixture f;
-    f.t->login.LoginRequestKind = kind;
-    f.t->TempAccessStatus = 2;
+    f.t->WriteLogin().LoginRequestKind = kind;
+    f.t->temp_access_status = 2;
     EXPECT_THAT(f.Reply("ID OK"), ElementsAre("Trace in TDACLI: Login Server Received UserName OK, Sending STATUS (2)"));
     EXPECT_THAT(f.recorder.sent, ElementsAre("STATUS2"));
   }
@@ -171,7 +174,7 @@ TEST(LoginConversation, IdOkSendsTheStatusForEveryKindButLogin) {
 
 TEST(LoginConversation, IdOkForALoginDeterminesAMissingAddressFirst) {
   ConversationFixture f;
-  f.t->login.LoginRequestKind = "Login";
+  f.t->WriteLogin().LoginRequestKind = "Login";
   f.t->local_ip.clear();
   EXPECT_THAT(f.Reply("ID OK"),
               ElementsAre("Trace in TDACLI: Set Local IP to: 192.168.5.20",
@@ -194,7 +197,7 @@ TEST(LoginConversation, LiveIdReplyFillsAllFourValues) {
               ElementsAre("Trace in TDACLI: Login Server Sent TD Live ID (TDLIVEID=48213:10.1.2.3:5020:T), Sending "
                           "Request for Server Temp Folder"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("SERVERTEMP"));
-  const LoginState& l = f.t->login;
+  const LoginState& l = f.t->login();
   EXPECT_EQ(l.TDLiveID, "48213");
   EXPECT_EQ(l.RepeaterIP, "10.1.2.3");
   EXPECT_EQ(l.RepeaterPort, "5020");
@@ -209,7 +212,7 @@ TEST(LoginConversation, LiveIdReplyFillsAllFourValues) {
 
 TEST(LoginConversation, LiveIdReplyWithOnlyTheIdLeavesTheOtherValues) {
   ConversationFixture f;
-  LoginState& l = f.t->login;
+  LoginState& l = f.t->WriteLogin();
   l.RepeaterIP = "10.9.9.9";
   l.RepeaterPort = "5999";
   l.PeerToPeerCapable = true;
@@ -230,25 +233,25 @@ TEST(LoginConversation, LiveIdWithOnlyTheIdOverTheWire) {
   auto user = testing::Jsmith();
   user.live_id = "48213";
   f.StartServer(testing::Users({user}));
-  f.t->login.RepeaterIP = "10.9.9.9";
-  f.t->login.RepeaterPort = "5999";
-  f.t->login.PeerToPeerCapable = true;
+  f.t->WriteLogin().RepeaterIP = "10.9.9.9";
+  f.t->WriteLogin().RepeaterPort = "5999";
+  f.t->WriteLogin().PeerToPeerCapable = true;
   LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.TDLiveID, "48213");
-  EXPECT_EQ(f.t->login.RepeaterIP, "10.9.9.9");
-  EXPECT_EQ(f.t->login.RepeaterPort, "5999");
-  EXPECT_TRUE(f.t->login.PeerToPeerCapable);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().TDLiveID, "48213");
+  EXPECT_EQ(f.t->login().RepeaterIP, "10.9.9.9");
+  EXPECT_EQ(f.t->login().RepeaterPort, "5999");
+  EXPECT_TRUE(f.t->login().PeerToPeerCapable);
 }
 
 TEST(LoginConversation, HundredScreensPushIsStoredAndNotAnswered) {
   ConversationFixture f;
-  f.t->login.ProtocolDone = false;
+  f.t->WriteLogin().ProtocolDone = false;
   EXPECT_THAT(f.Reply("100SCREEN10,02:00 AM,4"),
               ElementsAre("Trace in TDACLI: Login Server Sent 100% Screens Param of (10,02:00 AM,4)!"));
   EXPECT_TRUE(f.recorder.sent.empty());
-  EXPECT_EQ(f.t->login.HundredScreensParam, "10,02:00 AM,4");
-  EXPECT_FALSE(f.t->login.ProtocolDone);
+  EXPECT_EQ(f.t->login().HundredScreensParam, "10,02:00 AM,4");
+  EXPECT_FALSE(f.t->login().ProtocolDone);
 }
 
 TEST(LoginConversation, TwoRepliesInOneReadAreOneReply) {
@@ -256,7 +259,7 @@ TEST(LoginConversation, TwoRepliesInOneReadAreOneReply) {
   EXPECT_THAT(f.Reply("100SCREENxSERVERTEMPy"),
               ElementsAre("Trace in TDACLI: Login Server Sent 100% Screens Param of (xSERVERTEMPy)!"));
   EXPECT_TRUE(f.recorder.sent.empty());
-  EXPECT_EQ(f.t->login.HundredScreensParam, "xSERVERTEMPy");
+  EXPECT_EQ(f.t->login().HundredScreensParam, "xSERVERTEMPy");
 }
 
 TEST(LoginConversation, TwoRepliesInOneWriteOverTheWireEndInTheProtocolTimeout) {
@@ -275,7 +278,7 @@ TEST(LoginConversation, TwoRepliesInOneWriteOverTheWireEndInTheProtocolTimeout) 
   EXPECT_GE(f.Now() - start, 30000);
   EXPECT_EQ(f.server->Replies().back(), "100SCREENxSERVERTEMPy");
   EXPECT_EQ(f.server->Requests().back(), "SERVERTEMP");
-  EXPECT_EQ(f.t->login.HundredScreensParam, "xSERVERTEMPy");
+  EXPECT_EQ(f.t->login().HundredScreensParam, "xSERVERTEMPy");
   const auto lines = f.Since(mark);
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[lines.size() - 2], "Trace in TDACLI: Login Server Sent 100% Screens Param of (xSERVERTEMPy)!");
@@ -293,15 +296,15 @@ TEST(LoginConversation, ServerTempReply) {
 
 TEST(LoginConversation, UnknownUserReplyEndsTheExchange) {
   ConversationFixture f;
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   EXPECT_THAT(
       f.Reply("SERVERTEMPNoMatchingWinName"),
       ElementsAre("Error in TDACLI: The windows login name of (jsmith) does not exist in the TD Agent Database!"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("TD Agent Disconnect OK"));
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "[ERROR]The windows login name of (jsmith) does not exist in the TD Agent Database!");
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_TRUE(f.t->login.ProtocolDone);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
   EXPECT_EQ(f.t->settings.SvrTemp, "NoMatchingWinName");
 }
 
@@ -334,28 +337,28 @@ TEST(LoginConversation, KekInfoAndMaskReplies) {
               ElementsAre("Trace in TDACLI: Login Server Sent Valid IP Mask (10.1.,192.168.), Sending Request for "
                           "UseTrace"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("VALIDIPMASK", "USETRACE"));
-  EXPECT_EQ(f.t->login.KekInfo, "abc:def");
-  EXPECT_EQ(f.t->login.ValidIPMask, "10.1.,192.168.");
+  EXPECT_EQ(f.t->login().KekInfo, "abc:def");
+  EXPECT_EQ(f.t->login().ValidIPMask, "10.1.,192.168.");
 }
 
 TEST(LoginConversation, StatusOkEndsTheExchange) {
   ConversationFixture f;
-  f.t->login.LoginSucceeded = false;
+  f.t->WriteLogin().LoginSucceeded = false;
   EXPECT_THAT(f.Reply("STATUS OK"),
               ElementsAre("Trace in TDACLI: Login Server Received Status Ok, Sending Disconnect Signal"));
   EXPECT_THAT(f.recorder.sent, ElementsAre("TD Agent Disconnect OK"));
-  EXPECT_TRUE(f.t->login.ProtocolDone);
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
 }
 
 TEST(LoginConversation, UnexpectedDataEndsTheExchangeWithoutAnswer) {
   ConversationFixture f;
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   EXPECT_THAT(f.Reply("USETRACETrue"),
               ElementsAre("Error in TDACLI: Received Unexpected Data During Protocol: USETRACETrue"));
   EXPECT_TRUE(f.recorder.sent.empty());
-  EXPECT_TRUE(f.t->login.ProtocolDone);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
 }
 
 // ---- the end of a login
@@ -371,16 +374,16 @@ TEST(LoginConversation, TraceReplyVariants) {
                         Case{"AGENTTRACEFalseWebCamTrue", "False", true}, Case{"AGENTTRACEwebcamtrue", "", true},
                         Case{"AGENTTRACETrue webcam", "True ", false}}) {
     ConversationFixture f;
-    f.t->login.UseWebCam = !c.webcam;
+    f.t->WriteLogin().UseWebCam = !c.webcam;
     const auto lines = f.Reply(c.reply);
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines[0], "Trace in TDACLI: Login Server Sent UseTrace of (" + std::string(c.reply + 10) +
                             "), Sending Disconnect Signal");
     EXPECT_EQ(f.t->settings.UseTrace, c.use_trace) << c.reply;
-    EXPECT_EQ(f.t->login.UseWebCam, c.webcam) << c.reply;
+    EXPECT_EQ(f.t->login().UseWebCam, c.webcam) << c.reply;
     EXPECT_THAT(f.recorder.sent, ElementsAre("TD Agent Disconnect OK"));
-    EXPECT_TRUE(f.t->login.ProtocolDone);
-    EXPECT_TRUE(f.t->login.LoginSucceeded);
+    EXPECT_TRUE(f.t->login().ProtocolDone);
+    EXPECT_TRUE(f.t->login().LoginSucceeded);
   }
 }
 
@@ -391,9 +394,9 @@ TEST(LoginConversation, EmptyTraceValueOverTheWireIsSaved) {
   user.webcam.reset();
   f.StartServer(testing::Users({user}));
   LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
   EXPECT_EQ(f.t->settings.UseTrace, "");
-  EXPECT_FALSE(f.t->login.UseWebCam);
+  EXPECT_FALSE(f.t->login().UseWebCam);
   EXPECT_EQ(f.server->Replies().back(), "AGENTTRACE");
   EXPECT_THAT(testing::Lines(f.App("TDRegInfo.TXT")), ::testing::Contains("UseTrace="));
 }
@@ -401,7 +404,7 @@ TEST(LoginConversation, EmptyTraceValueOverTheWireIsSaved) {
 TEST(LoginConversation, EndOfLoginWritesTheResultFilesAndSavesTheSettings) {
   ConversationFixture f;
   f.t->settings.SvrTemp = "\\\\fs\\t\\:SSH@sftp.example.com:Port=2222:TFTF:u:p";
-  f.t->login.ValidIPMask = "10.1.,192.168.a.";
+  f.t->WriteLogin().ValidIPMask = "10.1.,192.168.a.";
   testing::WriteFile(f.App("TDACFTP.INI"), "old\r\n");
   testing::WriteFile(f.App("TDRegInfo.TXT"), "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=9999\r\n"
                                              "Custom=kept\r\nUseTrace=False\r\n");
@@ -411,7 +414,7 @@ TEST(LoginConversation, EndOfLoginWritesTheResultFilesAndSavesTheSettings) {
                           "FTPServer=sftp.example.com", "UserName=u", "EncryptedPassword=p", "Port=2222", "Ssl=True",
                           "AuthTLS=False", "Passive=True", "PassiveUseHostAddr=False", "Protocol=SSH"));
   // The mask writer upper-cases the login state's own value.
-  EXPECT_EQ(f.t->login.ValidIPMask, "10.1.,192.168.A.");
+  EXPECT_EQ(f.t->login().ValidIPMask, "10.1.,192.168.A.");
   EXPECT_EQ(testing::ReadFile(f.App("TDIPMASK.INI")),
             "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=10.1.,192.168.A.\r\n");
   // A whole save keeps the hand-made lines and rewrites the six login keys.
@@ -460,7 +463,7 @@ TEST(LoginConversation, ANulInARepliedValueIsCutBeforeItIsStored) {
 TEST(LoginConversation, EmptyMaskAtTheEndOfALoginRemovesTheMaskFile) {
   ConversationFixture f;
   testing::WriteFile(f.App("TDIPMASK.INI"), "[Config]\r\nIPMask=10.\r\n");
-  f.t->login.ValidIPMask = "";
+  f.t->WriteLogin().ValidIPMask = "";
   const auto lines = f.Reply("AGENTTRACEFalse");
   EXPECT_FALSE(testing::Exists(f.App("TDIPMASK.INI")));
   for (const auto& line : lines) EXPECT_EQ(line.find("IPMASK="), std::string::npos) << line;
@@ -473,16 +476,16 @@ TEST(LoginConversation, EmptyMaskOverTheWireRemovesTheMaskFile) {
   f.StartServer(testing::Users({user}));
   testing::WriteFile(f.App("TDIPMASK.INI"), "[Config]\r\nIPMask=192.168.5.\r\n");
   LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
   EXPECT_EQ(f.server->Replies()[8], "VALIDIPMASK");
   EXPECT_FALSE(testing::Exists(f.App("TDIPMASK.INI")));
 }
 
 TEST(LoginConversation, MaskNoneWritesNoMaskFile) {
   ConversationFixture f;
-  f.t->login.ValidIPMask = "none";
+  f.t->WriteLogin().ValidIPMask = "none";
   f.Reply("AGENTTRACEFalse");
-  EXPECT_EQ(f.t->login.ValidIPMask, "NONE");
+  EXPECT_EQ(f.t->login().ValidIPMask, "NONE");
   EXPECT_FALSE(testing::Exists(f.App("TDIPMASK.INI")));
 }
 
@@ -493,7 +496,7 @@ TEST(LoginConversation, BareServerTempFolderLeavesNoCredentialsFile) {
   f.Reply("AGENTTRACEFalse");
   EXPECT_FALSE(testing::Exists(f.App("TDACFTP.INI")));
   EXPECT_EQ(f.t->settings.SvrTemp, "\\\\fs01\\tdtemp\\");
-  EXPECT_FALSE(f.t->ftp.FtpCredentialsSaved);
+  EXPECT_FALSE(f.t->ftp().FtpCredentialsSaved);
 }
 
 // ---- listener re-open in user-session mode
@@ -514,7 +517,7 @@ TEST(LoginConversation, UserSessionLoginOpensTheListenerAndTellsTheSiblings) {
   f.t->settings.ListeningPorts = "1,0,2,3";  // port 0: any free port
   const auto lines = f.Reply("AGENTTRACEFalse");
 
-  auto& listen = f.t->listener().Listener();
+  auto& listen = listener::ListenerOf(*f.t).Listener();
   ASSERT_EQ(listen.State(), platform::TcpSocket::kListening);
   const std::string port = std::to_string(listen.LocalPort());
   ASSERT_GE(lines.size(), 3u);
@@ -553,7 +556,7 @@ TEST(LoginConversation, UserSessionListenerReopenRetriesFiveTimesThenTellsTheSib
   EXPECT_EQ(tail[5], "Trace in TDACLI: Service is Now Listening on Port (" + p + ")");
   EXPECT_EQ(tail[6], "Trace in TDACLI: Made request file (" + f.App("20261114231512.TDACSC") + "), Message=Code=135");
   EXPECT_EQ(tail[7], "Trace in TDACLI: Made request file (" + f.App("20261114231512.TDACLM") + "), Message=Code=135");
-  EXPECT_NE(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_NE(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
 }
 
 TEST(LoginConversation, UserSessionListenerReopenSucceedsOnceThePortIsFree) {
@@ -584,8 +587,8 @@ TEST(LoginConversation, UserSessionListenerReopenSucceedsOnceThePortIsFree) {
                               "), Message=Code=135",
                           "Trace in TDACLI: Made request file (" + f.App("20261114231506.TDACLM") +
                               "), Message=Code=135"));
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), port);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), port);
 }
 
 // ---- listening ports pushed by the server
@@ -593,11 +596,11 @@ TEST(LoginConversation, UserSessionListenerReopenSucceedsOnceThePortIsFree) {
 TEST(LoginConversation, ShortListenPortsReplyIsIgnoredSilently) {
   ConversationFixture f;
   f.t->settings.ListeningPorts = "1,2,3,4";
-  f.t->login.ProtocolDone = false;
+  f.t->WriteLogin().ProtocolDone = false;
   EXPECT_TRUE(f.Reply("LISTENPORTS").empty());
   EXPECT_TRUE(f.recorder.sent.empty());
   EXPECT_EQ(f.t->settings.ListeningPorts, "1,2,3,4");
-  EXPECT_FALSE(f.t->login.ProtocolDone);
+  EXPECT_FALSE(f.t->login().ProtocolDone);
 }
 
 TEST(LoginConversation, SameListeningPortsOnlyLogThatNothingChanged) {
@@ -653,7 +656,7 @@ TEST(LoginConversation, NewListeningPortsPushedDuringALoginRewriteTheFileAndMove
   }
   const std::string old_list = "5001," + std::to_string(old_port) + ",6001,6002";
   const std::string new_list = "5001," + std::to_string(new_port) + ",6001,6002";
-  ASSERT_FALSE(f.t->listener().Listen(old_port));
+  ASSERT_FALSE(listener::ListenerOf(*f.t).Listen(old_port));
 
   f.Run(old_list, new_list);
 
@@ -668,12 +671,12 @@ TEST(LoginConversation, NewListeningPortsPushedDuringALoginRewriteTheFileAndMove
                               "Trace in TDACLI: Login Server Sent Listening Ports (" + new_list + ")");
   ASSERT_NE(sent, f.lines.end());
   EXPECT_EQ(*(sent + 1), "Trace in TDACLI: Wrote Login Settings to config file");
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.HundredScreensParam, "10,02:00 AM,4");
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().HundredScreensParam, "10,02:00 AM,4");
   EXPECT_EQ(f.t->settings.ListeningPorts, new_list);
   EXPECT_THAT(testing::Lines(f.App("TDRegInfo.TXT")), ::testing::Contains("ListeningPorts=" + new_list));
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), new_port);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), new_port);
   // The siblings are told of the new port (unknown Windows version: by service control code).
   EXPECT_THAT(f.t.service_control.sent,
               ElementsAre(std::pair<std::string, int>("TDACSC", 135), std::pair<std::string, int>("TDACLM", 135)));
@@ -684,7 +687,7 @@ TEST(LoginConversation, SameListeningPortsPushedDuringALoginLeaveTheListener) {
   uint16_t port = 0;
   { auto a = testing::HoldLowPort(f.t->loop(), port); }
   const std::string list = "5001," + std::to_string(port) + ",6001,6002";
-  ASSERT_FALSE(f.t->listener().Listen(port));
+  ASSERT_FALSE(listener::ListenerOf(*f.t).Listen(port));
 
   f.Run(list, list);
 
@@ -692,8 +695,8 @@ TEST(LoginConversation, SameListeningPortsPushedDuringALoginLeaveTheListener) {
                            {"Trace in TDACLI: Login Server Sent Listening Ports (" + list + ")",
                             "Trace in TDACLI: Listening Ports did not change from original value of (" + list + ")"}));
   for (const auto& line : f.lines) EXPECT_EQ(line.find("Updated Registry"), std::string::npos) << line;
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->listener().Listener().LocalPort(), port);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().LocalPort(), port);
   EXPECT_TRUE(f.t.service_control.sent.empty());
 }
 
@@ -701,8 +704,8 @@ TEST(LoginConversation, SameListeningPortsPushedDuringALoginLeaveTheListener) {
 
 TEST(LoginConversation, FailedSendIsTrappedAndEndsTheExchange) {
   ConversationFixture f;
-  f.t->login.ProtocolDone = false;
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().ProtocolDone = false;
+  f.t->WriteLogin().LoginSucceeded = true;
   const size_t mark = f.Mark();
   HandleReply(*f.t, "EXT OK", [](std::string_view) {
     throw SendFault(40006, "Wrong protocol or connection state for the requested transaction or request");
@@ -711,19 +714,19 @@ TEST(LoginConversation, FailedSendIsTrappedAndEndsTheExchange) {
               ElementsAre("Trace in TDACLI: Login Server Received Extension OK, Sending Request for TD Live ID",
                           "Error in TDACLI: Error Detected in Broadcast_DataArrival() Routine, 40006: Wrong protocol "
                           "or connection state for the requested transaction or request"));
-  EXPECT_TRUE(f.t->login.ProtocolDone);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
 }
 
 TEST(LoginConversation, AnyRunTimeErrorIsTrapped) {
   ConversationFixture f;
-  f.t->login.ProtocolDone = false;
+  f.t->WriteLogin().ProtocolDone = false;
   const size_t mark = f.Mark();
   HandleReply(*f.t, "TD Agent Connect OK", [](std::string_view) { throw std::out_of_range("index"); });
   const auto lines = f.Since(mark);
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1], "Error in TDACLI: Error Detected in Broadcast_DataArrival() Routine, 9: Subscript out of range");
-  EXPECT_TRUE(f.t->login.ProtocolDone);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
 }
 
 TEST(LoginConversation, DataOnASocketThatIsNotConnectedIsNotRead) {
@@ -739,14 +742,14 @@ TEST(LoginConversation, DataOnASocketThatIsNotConnectedIsNotRead) {
 TEST(LoginConversation, SendingOnAClosedSocketIsTrapped) {
   LoginFixture f;
   f.StartServer();
-  auto& socket = f.t->Broadcast;
-  f.t->login.LoginRequestKind = "Login";
+  auto& socket = f.t->login_socket;
+  f.t->WriteLogin().LoginRequestKind = "Login";
   socket.SetRemoteHost(f.server->address());
   ASSERT_FALSE(socket.Connect());
   f.PumpUntilRequests(1);
   EXPECT_THAT(f.server->Requests(), ElementsAre("IDjsmith"));  // the greeting was answered
   socket.Close();
-  f.t->login.ProtocolDone = false;
+  f.t->WriteLogin().ProtocolDone = false;
   const size_t mark = f.Mark();
   HandleReply(*f.t, "ID OK", [&](std::string_view r) {
     if (platform::SocketError e = socket.SendData(r)) throw SendFault(e.number, e.description);
@@ -755,7 +758,7 @@ TEST(LoginConversation, SendingOnAClosedSocketIsTrapped) {
               ElementsAre("Trace in TDACLI: Login Server Received UserName OK, Sending IP (192.168.5.20)",
                           "Error in TDACLI: Error Detected in Broadcast_DataArrival() Routine, 40006: Wrong protocol "
                           "or connection state for the requested transaction or request"));
-  EXPECT_TRUE(f.t->login.ProtocolDone);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
 }
 
 }  // namespace

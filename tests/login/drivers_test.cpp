@@ -19,7 +19,7 @@ TEST(LoginDrivers, WebServiceAddressRunsOnlyTheWebServicePathAfterDeletingTheSta
   LoginFixture f;
   f.t->settings.Server = "td.example.com:https:8443";
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\nTDLiveID=1\r\n");
-  LoginState& l = f.t->login;
+  LoginState& l = f.t->WriteLogin();
   l.LoginRequestKind = "Status";
   l.ProtocolDone = true;
   const size_t mark = f.Mark();
@@ -37,8 +37,8 @@ TEST(LoginDrivers, WebServiceAddressRunsOnlyTheWebServicePathAfterDeletingTheSta
   EXPECT_EQ(f.t.http.urls[0].rfind("https://td.example.com:8443/TDLoginWebService/", 0), 0u) << f.t.http.urls[0];
   EXPECT_EQ(l.LoginRequestKind, "Status");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_EQ(f.Now(), start);
 }
 
@@ -50,14 +50,14 @@ TEST(LoginDrivers, WebServiceAddressWithoutStaleLiveIdGoesStraightToTheWebServic
   const auto lines = f.Since(mark);
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], "Trace in TDACLI: Testing Internet Connection ...");
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
 }
 
 TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusUsesOnlyTheWebService) {
   LoginFixture f;
   f.t->settings.Server = "td.example.com:8080";
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\n");
-  LoginState& l = f.t->login;
+  LoginState& l = f.t->WriteLogin();
   l.LoginRequestKind = "Login";
   l.ProtocolDone = true;
 
@@ -73,7 +73,7 @@ TEST(LoginDrivers, WebServiceAddressForLogoffAndStatusUsesOnlyTheWebService) {
             "http://td.example.com:8080/TDLoginWebService/TDLoginWebService.asmx/StatusMethod?WinName=jsmith&Status=0");
   EXPECT_EQ(l.LoginRequestKind, "Login");
   EXPECT_TRUE(l.ProtocolDone);
-  EXPECT_EQ(f.t->Broadcast.RemoteHost(), "");
+  EXPECT_EQ(f.t->login_socket.RemoteHost(), "");
 }
 
 // ---- a server that accepts and never answers
@@ -83,7 +83,7 @@ TEST(LoginDrivers, SilentServerLoginTimesOutExecutingProtocolAfterThirtySeconds)
   loginsim::Options o;
   o.fault = loginsim::Fault::kSilent;
   f.StartServer(testing::Users({testing::Jsmith()}), o);
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
@@ -96,9 +96,9 @@ TEST(LoginDrivers, SilentServerLoginTimesOutExecutingProtocolAfterThirtySeconds)
               ElementsAre("Trace in TDACLI: Contacting the TD Login Server for Login at (" + f.server->address() +
                               ":5003)",
                           "Error in TDACLI: Login Attempt - Timeout executing protocol"));
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_TRUE(f.server->Requests().empty());
   EXPECT_TRUE(f.server->Replies().empty());
 }
@@ -108,18 +108,18 @@ TEST(LoginDrivers, SilentServerLogoffAndStatusTimeOutWithTheirOwnTexts) {
   loginsim::Options o;
   o.fault = loginsim::Fault::kSilent;
   f.StartServer(testing::Users({testing::Jsmith()}), o);
-  f.t->login.LogoffSucceeded = true;
-  f.t->login.StatusSucceeded = true;
+  f.t->WriteLogin().LogoffSucceeded = true;
+  f.t->WriteLogin().StatusSucceeded = true;
 
   size_t mark = f.Mark();
   LogOffUser(*f.t);
   EXPECT_THAT(f.Since(mark),
               ElementsAre("Trace in TDACLI: Contacting the TD Server for Logoff at (" + f.server->address() + ":5003)",
                           "Error in TDACLI: Logoff Attempt - Timeout executing protocol"));
-  EXPECT_FALSE(f.t->login.LogoffSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Logoff Attempt - Timeout executing protocol");
+  EXPECT_FALSE(f.t->login().LogoffSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Logoff Attempt - Timeout executing protocol");
 
-  f.t->login.LastLoginResult = "earlier";
+  f.t->WriteLogin().LastLoginResult = "earlier";
   mark = f.Mark();
   const int64_t start = f.Now();
   LoginStatus(*f.t);
@@ -127,9 +127,9 @@ TEST(LoginDrivers, SilentServerLogoffAndStatusTimeOutWithTheirOwnTexts) {
   EXPECT_THAT(f.Since(mark), ElementsAre("Trace in TDACLI: Contacting the TD Login Server for Status Report at (" +
                                              f.server->address() + ")",
                                          "Error in TDACLI: Login Attempt - Timeout executing protocol"));
-  EXPECT_FALSE(f.t->login.StatusSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_FALSE(f.t->login().StatusSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 // ---- nothing listening
@@ -137,7 +137,7 @@ TEST(LoginDrivers, SilentServerLogoffAndStatusTimeOutWithTheirOwnTexts) {
 TEST(LoginDrivers, RefusedConnectionLogsTheErrorEventThenTheConnectTimeout) {
   LoginFixture f;
   f.t->settings.Server = f.DeadAddress();
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
@@ -152,10 +152,10 @@ TEST(LoginDrivers, RefusedConnectionLogsTheErrorEventThenTheConnectTimeout) {
                           "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10061: Connection is "
                           "forcefully rejected",
                           "Error in TDACLI: Login Attempt - Timeout connecting socket for login"));
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
   // The error handler closed the socket.
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // Errors reach the event log and the error log too.
   EXPECT_EQ(testing::Lines(f.t.ErrorLog()).size(), 2u);
 }
@@ -163,8 +163,8 @@ TEST(LoginDrivers, RefusedConnectionLogsTheErrorEventThenTheConnectTimeout) {
 TEST(LoginDrivers, RefusedConnectionForLogoffAndStatus) {
   LoginFixture f;
   f.t->settings.Server = f.DeadAddress();
-  f.t->login.LastLoginResult = "earlier";
-  f.t->login.StatusSucceeded = true;
+  f.t->WriteLogin().LastLoginResult = "earlier";
+  f.t->WriteLogin().StatusSucceeded = true;
 
   size_t mark = f.Mark();
   LoginStatus(*f.t);
@@ -172,15 +172,15 @@ TEST(LoginDrivers, RefusedConnectionForLogoffAndStatus) {
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[1].rfind("Error in TDACLI: The Broadcast WinSock Control Received The Error, 10061: ", 0), 0u);
   EXPECT_EQ(lines[2], "Error in TDACLI: Login Attempt - Timeout connecting socket for login");
-  EXPECT_FALSE(f.t->login.StatusSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+  EXPECT_FALSE(f.t->login().StatusSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
 
   mark = f.Mark();
   LogOffUser(*f.t);
   lines = f.Since(mark);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[2], "Error in TDACLI: Logoff Attempt - Timeout connecting socket for logoff");
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Logoff Attempt - Timeout connecting socket for logoff");
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Logoff Attempt - Timeout connecting socket for logoff");
 }
 
 // ---- unknown Windows user
@@ -190,7 +190,7 @@ TEST(LoginDrivers, UnknownUserEndsAtOnceAndTheDriverTextReplacesTheConversationT
   f.StartServer();
   const std::string server = f.server->address();
   f.t->settings.CurrentUser = "nobody";
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
@@ -206,13 +206,13 @@ TEST(LoginDrivers, UnknownUserEndsAtOnceAndTheDriverTextReplacesTheConversationT
   EXPECT_EQ(lines[6], "Error in TDACLI: The windows login name of (nobody) does not exist in the TD Agent Database!");
   EXPECT_EQ(lines[7], "Error in TDACLI: The Tyndrel Agent Client could not execute a login for (nobody) to (" + server +
                           ":5003)");
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "The Tyndrel Agent Client could not execute a login for (nobody) to (" + server + ":5003)");
   EXPECT_EQ(f.t->settings.SvrTemp, "NoMatchingWinName");
   EXPECT_FALSE(testing::Exists(f.App("TDACFTP.INI")));
   EXPECT_FALSE(testing::Exists(f.App("TDRegInfo.TXT")));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginDrivers, UnknownUserLogoffCouldNotBeExecuted) {
@@ -231,8 +231,8 @@ TEST(LoginDrivers, UnknownUserLogoffCouldNotBeExecuted) {
                           "Error in TDACLI: Received Unexpected Data During Protocol: LOGOFF=NoMatchingWinName",
                           "Error in TDACLI: The Tyndrel Agent Client could not execute a logoff for (nobody) to (" +
                               server + ":5003)"));
-  EXPECT_FALSE(f.t->login.LogoffSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_FALSE(f.t->login().LogoffSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "The Tyndrel Agent Client could not execute a logoff for (nobody) to (" + server + ":5003)");
 }
 
@@ -245,7 +245,7 @@ TEST(LoginDrivers, UnexpectedReplyEndsTheLoginAndKeepsThePreviousSuccessFlag) {
     o.fault = loginsim::Fault::kUnexpected;
     f.StartServer(testing::Users({testing::Jsmith()}), o);
     const std::string server = f.server->address();
-    f.t->login.LoginSucceeded = before;
+    f.t->WriteLogin().LoginSucceeded = before;
     const size_t mark = f.Mark();
     const int64_t start = f.Now();
 
@@ -260,12 +260,12 @@ TEST(LoginDrivers, UnexpectedReplyEndsTheLoginAndKeepsThePreviousSuccessFlag) {
     if (before) {
       EXPECT_EQ(lines[3], "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (jsmith) to "
                           "Server (" + server + ")");
-      EXPECT_EQ(f.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith).");
+      EXPECT_EQ(f.t->login().LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith).");
     } else {
       EXPECT_EQ(lines[3], "Error in TDACLI: The Tyndrel Agent Client could not execute a login for (jsmith) to (" +
                               server + ":5003)");
     }
-    EXPECT_EQ(f.t->login.LoginSucceeded, before);
+    EXPECT_EQ(f.t->login().LoginSucceeded, before);
   }
 }
 
@@ -274,10 +274,10 @@ TEST(LoginDrivers, UnexpectedReplyToAStatusReportStillCountsAsReported) {
   loginsim::Options o;
   o.fault = loginsim::Fault::kUnexpected;
   f.StartServer(testing::Users({testing::Jsmith()}), o);
-  f.t->login.StatusSucceeded = false;
-  f.t->TempAccessStatus = 2;
+  f.t->WriteLogin().StatusSucceeded = false;
+  f.t->temp_access_status = 2;
   LoginStatus(*f.t);
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
   EXPECT_EQ(f.Since(0).back(),
             "Warning in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (2) for User (jsmith). "
             "However the user does not have proper permissions!");
@@ -301,7 +301,7 @@ TEST(LoginDrivers, ServerHangingUpMidwayLeadsToTheProtocolTimeout) {
                               ":5003)",
                           "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)",
                           "Error in TDACLI: Login Attempt - Timeout executing protocol"));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeout) {
@@ -309,7 +309,7 @@ TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeou
   loginsim::Options o;
   o.fault = loginsim::Fault::kResetMid;
   f.StartServer(testing::Users({testing::Jsmith()}), o);
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
@@ -328,10 +328,10 @@ TEST(LoginDrivers, ServerResettingMidwayRaisesTheErrorEventThenTheProtocolTimeou
                           "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10054: Connection "
                           "reset by peer",
                           "Error in TDACLI: Login Attempt - Timeout executing protocol"));
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_FALSE(f.t->login.ProtocolDone);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_FALSE(f.t->login().ProtocolDone);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_EQ(f.server->TranscriptLines().back(), "[1] -- reset by the server in the middle of the exchange");
   // The error log holds the two Error lines as the trace does.
   EXPECT_THAT(testing::Lines(f.t.ErrorLog()),
@@ -356,8 +356,8 @@ TEST(LoginDrivers, ServerResettingALogoffMidwayRaisesTheErrorEventThenTheLogoffT
                           "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10054: Connection "
                           "reset by peer",
                           "Error in TDACLI: Logoff Attempt - Timeout executing protocol"));
-  EXPECT_FALSE(f.t->login.LogoffSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Logoff Attempt - Timeout executing protocol");
+  EXPECT_FALSE(f.t->login().LogoffSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Logoff Attempt - Timeout executing protocol");
 }
 
 TEST(LoginDrivers, LateRepliesCountAgainstOneThirtySecondProtocolStage) {
@@ -370,7 +370,7 @@ TEST(LoginDrivers, LateRepliesCountAgainstOneThirtySecondProtocolStage) {
     f.StartServer(testing::Users({testing::Jsmith()}), o);
     const int64_t start = f.Now();
     LoginUser(*f.t);
-    EXPECT_TRUE(f.t->login.LoginSucceeded);
+    EXPECT_TRUE(f.t->login().LoginSucceeded);
     EXPECT_GE(f.Now() - start, 20000);
     EXPECT_LT(f.Now() - start, 30000);
   }
@@ -383,8 +383,8 @@ TEST(LoginDrivers, LateRepliesCountAgainstOneThirtySecondProtocolStage) {
     f.StartServer(testing::Users({testing::Jsmith()}), o);
     const int64_t start = f.Now();
     LoginUser(*f.t);
-    EXPECT_FALSE(f.t->login.LoginSucceeded);
-    EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
+    EXPECT_FALSE(f.t->login().LoginSucceeded);
+    EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout executing protocol");
     EXPECT_GE(f.Now() - start, 30000);
     EXPECT_LT(f.Now() - start, 31000);
   }
@@ -396,12 +396,12 @@ TEST(LoginDrivers, LoginClearsTheCaptureParametersBeforeConnecting) {
   LoginFixture f;
   f.t->settings.Server = f.DeadAddress();
   testing::WriteFile(f.App("100ScreenParam.TXT"), "param\r\n");
-  f.t->login.HundredScreensParam = "param";
-  f.t->login.UseWebCam = true;
+  f.t->WriteLogin().HundredScreensParam = "param";
+  f.t->WriteLogin().UseWebCam = true;
   LoginUser(*f.t);
   EXPECT_FALSE(testing::Exists(f.App("100ScreenParam.TXT")));
-  EXPECT_EQ(f.t->login.HundredScreensParam, "");
-  EXPECT_FALSE(f.t->login.UseWebCam);
+  EXPECT_EQ(f.t->login().HundredScreensParam, "");
+  EXPECT_FALSE(f.t->login().UseWebCam);
 }
 
 TEST(LoginDrivers, ParameterFileThatCannotBeRemovedIsLoggedAndTheLoginGoesOn) {
@@ -418,7 +418,7 @@ TEST(LoginDrivers, ParameterFileThatCannotBeRemovedIsLoggedAndTheLoginGoesOn) {
   ASSERT_GE(lines.size(), 3u);
   EXPECT_EQ(lines[1], "Error in TDACLI: Error Removing File (" + param + ")!");
   EXPECT_EQ(lines[2], "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)");
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
 }
 
 TEST(LoginDrivers, LogoffAndStatusLeaveTheCaptureParametersAlone) {
@@ -426,14 +426,14 @@ TEST(LoginDrivers, LogoffAndStatusLeaveTheCaptureParametersAlone) {
   f.StartServer();
   testing::WriteFile(f.App("100ScreenParam.TXT"), "param\r\n");
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\n");
-  f.t->login.HundredScreensParam = "param";
-  f.t->login.UseWebCam = true;
+  f.t->WriteLogin().HundredScreensParam = "param";
+  f.t->WriteLogin().UseWebCam = true;
   LogOffUser(*f.t);
   LoginStatus(*f.t);
   EXPECT_TRUE(testing::Exists(f.App("100ScreenParam.TXT")));
   EXPECT_TRUE(testing::Exists(f.App("TDLiveID.INI")));
-  EXPECT_EQ(f.t->login.HundredScreensParam, "param");
-  EXPECT_TRUE(f.t->login.UseWebCam);
+  EXPECT_EQ(f.t->login().HundredScreensParam, "param");
+  EXPECT_TRUE(f.t->login().UseWebCam);
 }
 
 // ---- the error event
@@ -441,21 +441,21 @@ TEST(LoginDrivers, LogoffAndStatusLeaveTheCaptureParametersAlone) {
 TEST(LoginDrivers, ErrorEventLogsAndClosesTheSocketOnly) {
   LoginFixture f;
   f.StartServer();
-  LoginState& l = f.t->login;
+  LoginState& l = f.t->WriteLogin();
   l.ProtocolDone = false;
   l.LoginSucceeded = true;
   l.LastLoginResult = "earlier";
-  f.t->Broadcast.SetRemoteHost(f.server->address());
-  ASSERT_FALSE(f.t->Broadcast.Connect());
-  f.t->WaitUntil(5, [&] { return f.t->Broadcast.State() == platform::TcpSocket::kConnected; });
+  f.t->login_socket.SetRemoteHost(f.server->address());
+  ASSERT_FALSE(f.t->login_socket.Connect());
+  f.t->WaitUntil(5, [&] { return f.t->login_socket.State() == platform::TcpSocket::kConnected; });
   const size_t mark = f.Mark();
 
-  ASSERT_TRUE(f.t->Broadcast.on_error);
-  f.t->Broadcast.on_error(10053, "Software caused connection abort");
+  ASSERT_TRUE(f.t->login_socket.on_error);
+  f.t->login_socket.on_error(10053, "Software caused connection abort");
 
   EXPECT_THAT(f.Since(mark), ElementsAre("Error in TDACLI: The Broadcast WinSock Control Received The Error, 10053: "
                                          "Software caused connection abort"));
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   EXPECT_FALSE(l.ProtocolDone);
   EXPECT_TRUE(l.LoginSucceeded);
   EXPECT_EQ(l.LastLoginResult, "earlier");
@@ -491,9 +491,9 @@ TEST(LoginDrivers, NestedLoginDuringTheProtocolWaitLeavesTheOuterWithTheInnerOut
   // Inner and outer both report the inner exchange's success.
   EXPECT_EQ(lines[lines.size() - 2], success);
   EXPECT_EQ(lines[lines.size() - 1], success);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith).");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith).");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // The first connection was dropped by the inner call's close-before-connect; the second ran through.
   EXPECT_EQ(f.server->Connections(), 2);
   std::vector<std::string> second;
@@ -514,7 +514,7 @@ TEST(LoginDrivers, NestedLoginDuringTheConnectWaitLeavesTheOuterWithItsOwnTimeou
     later.SetEnabled(false);
     f.t->settings.Server = live;
     LoginUser(*f.t);
-    EXPECT_TRUE(f.t->login.LoginSucceeded);
+    EXPECT_TRUE(f.t->login().LoginSucceeded);
   };
   later.SetEnabled(true);
   const int64_t start = f.Now();
@@ -524,8 +524,8 @@ TEST(LoginDrivers, NestedLoginDuringTheConnectWaitLeavesTheOuterWithItsOwnTimeou
   // The inner call succeeded and closed the socket; the outer one never saw it connected.
   EXPECT_GE(f.Now() - start, 30000);
   EXPECT_LT(f.Now() - start, 31000);
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
   const auto lines = f.Since(0);
   EXPECT_EQ(lines.back(), "Error in TDACLI: Login Attempt - Timeout connecting socket for login");
   EXPECT_EQ(lines[lines.size() - 2],
@@ -537,7 +537,7 @@ TEST(LoginDrivers, NestedStatusReportDuringALoginEndsTheOuterLoginWithoutItsOwnS
   LoginFixture f;
   f.StartServer();
   const std::string server = f.server->address();
-  f.t->login.LoginSucceeded = false;
+  f.t->WriteLogin().LoginSucceeded = false;
   f.server->on_line = [&](const std::string& line) {
     if (line == "[1] C> EX1234") f.t->loop().Post([&] { LoginStatus(*f.t); });
   };
@@ -546,10 +546,10 @@ TEST(LoginDrivers, NestedStatusReportDuringALoginEndsTheOuterLoginWithoutItsOwnS
   f.Drain();
 
   // The status exchange set `ProtocolDone`; the outer login decides with the flag as it stands.
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LoginRequestKind, "Status");
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LoginRequestKind, "Status");
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "The Tyndrel Agent Client could not execute a login for (jsmith) to (" + server + ":5003)");
 }
 
@@ -562,11 +562,11 @@ TEST(LoginDrivers, ProcessEndingDuringTheWaitStopsTheDriverSilently) {
   stop.SetInterval(2000);
   stop.on_tick = [&] { f.t->EndProcess(); };
   stop.SetEnabled(true);
-  f.t->login.LastLoginResult = "earlier";
+  f.t->WriteLogin().LastLoginResult = "earlier";
   const size_t mark = f.Mark();
   LoginUser(*f.t);
   EXPECT_EQ(f.Since(mark).size(), 1u);
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
 }
 
 // ---- wiring
@@ -574,7 +574,7 @@ TEST(LoginDrivers, ProcessEndingDuringTheWaitStopsTheDriverSilently) {
 TEST(LoginDrivers, FormLoadWiresTheLoginClient) {
   testing::TestAgent t;
   const std::string dead = LoginFixture().DeadAddress();
-  EXPECT_FALSE(t->Broadcast.on_error);
+  EXPECT_FALSE(t->login_socket.on_error);
   Form_Load(*t);
   ASSERT_FALSE(t->Ended());
   t->settings.Server = dead;
@@ -584,7 +584,7 @@ TEST(LoginDrivers, FormLoadWiresTheLoginClient) {
   EXPECT_EQ(lines[lines.size() - 2],
             "Error in TDACLI: The Broadcast WinSock Control Received The Error, 10061: Connection is forcefully "
             "rejected");
-  EXPECT_TRUE(t->Broadcast.on_data_arrival);
+  EXPECT_TRUE(t->login_socket.on_data_arrival);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/files.h"
+#include "listener/listener.h"
 #include "login/drivers.h"
 #include "login/login_fixture.h"
 
@@ -33,7 +34,7 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
   const std::string server = f.server->address();
   testing::WriteFile(f.App("TDLiveID.INI"), "[LiveID]\r\nTDLiveID=1\r\n");
   testing::WriteFile(f.App("100ScreenParam.TXT"), "old\r\n");
-  f.t->login.HundredScreensParam = "old";
+  f.t->WriteLogin().HundredScreensParam = "old";
   const size_t mark = f.Mark();
   const int64_t start = f.Now();
 
@@ -83,7 +84,7 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
           "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server (" +
               server + ")"));
 
-  const LoginState& l = f.t->login;
+  const LoginState& l = f.t->login();
   EXPECT_TRUE(l.ProtocolDone);
   EXPECT_TRUE(l.LoginSucceeded);
   EXPECT_EQ(l.LoginRequestKind, "Login");
@@ -99,9 +100,9 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
   EXPECT_EQ(f.t->settings.UseTrace, "True");
   EXPECT_EQ(f.t->settings.SvrTemp, "\\\\fs01\\tdtemp\\");
   EXPECT_EQ(f.t->settings.LocalTemp, "C:\\WINDOWS\\temp");
-  EXPECT_EQ(f.t->ftp.FtpServer, "ftp.example.com");
-  EXPECT_TRUE(f.t->ftp.FtpCredentialsSaved);
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(f.t->ftp().FtpServer, "ftp.example.com");
+  EXPECT_TRUE(f.t->ftp().FtpCredentialsSaved);
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 
   EXPECT_FALSE(testing::Exists(f.App("TDLiveID.INI")));
   EXPECT_FALSE(testing::Exists(f.App("100ScreenParam.TXT")));
@@ -114,7 +115,7 @@ TEST(LoginExchange, FullLoginSendsTheRequestsInOrderAndStoresEveryAnswer) {
                 "SvrTemp=\\\\fs01\\tdtemp\\\r\nNotificationMethod=FileMessage\r\nPopEx=false\r\nPopWinName=false\r\n"
                 "ListeningPorts=w,x,y,z\r\n");
   // Not in user-session mode: the listener is left alone and no sibling is told anything.
-  EXPECT_EQ(f.t->listener().Listener().State(), platform::TcpSocket::kClosed);
+  EXPECT_EQ(listener::ListenerOf(*f.t).Listener().State(), platform::TcpSocket::kClosed);
   // The exchange itself takes no waiting: the stages end as soon as their condition holds.
   EXPECT_LT(f.Now() - start, 1000);
 }
@@ -123,8 +124,8 @@ TEST(LoginExchange, FullLogoff) {
   LoginFixture f;
   f.StartServer();
   const std::string server = f.server->address();
-  f.t->login.LogoffSucceeded = false;
-  f.t->login.LastLoginResult = "earlier";
+  f.t->WriteLogin().LogoffSucceeded = false;
+  f.t->WriteLogin().LastLoginResult = "earlier";
   const size_t mark = f.Mark();
 
   LogOffUser(*f.t);
@@ -139,11 +140,11 @@ TEST(LoginExchange, FullLogoff) {
                           "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User (jsmith) to "
                           "Server (" +
                               server + ")"));
-  EXPECT_TRUE(f.t->login.LogoffSucceeded);
-  EXPECT_TRUE(f.t->login.ProtocolDone);
-  EXPECT_EQ(f.t->login.LoginRequestKind, "Logoff");
-  EXPECT_EQ(f.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged off User (jsmith).");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_TRUE(f.t->login().LogoffSucceeded);
+  EXPECT_TRUE(f.t->login().ProtocolDone);
+  EXPECT_EQ(f.t->login().LoginRequestKind, "Logoff");
+  EXPECT_EQ(f.t->login().LastLoginResult, "The Tyndrel Agent Client Successfully Logged off User (jsmith).");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
   // A logoff writes no files.
   EXPECT_FALSE(testing::Exists(f.App("TDRegInfo.TXT")));
   EXPECT_FALSE(testing::Exists(f.App("TDACFTP.INI")));
@@ -153,9 +154,9 @@ TEST(LoginExchange, StatusReportWithFullAccessLogsNoOutcome) {
   LoginFixture f;
   f.StartServer();
   const std::string server = f.server->address();
-  f.t->TempAccessStatus = 0;
-  f.t->login.StatusSucceeded = false;
-  f.t->login.LastLoginResult = "earlier";
+  f.t->temp_access_status = 0;
+  f.t->WriteLogin().StatusSucceeded = false;
+  f.t->WriteLogin().LastLoginResult = "earlier";
   const size_t mark = f.Mark();
 
   LoginStatus(*f.t);
@@ -168,17 +169,17 @@ TEST(LoginExchange, StatusReportWithFullAccessLogsNoOutcome) {
                           "Trace in TDACLI: Connected To Login Server OK, Sending UserName (jsmith)",
                           "Trace in TDACLI: Login Server Received UserName OK, Sending STATUS (0)",
                           "Trace in TDACLI: Login Server Received Status Ok, Sending Disconnect Signal"));
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
-  EXPECT_EQ(f.t->login.LoginRequestKind, "Status");
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
-  EXPECT_EQ(f.t->Broadcast.State(), platform::TcpSocket::kClosed);
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
+  EXPECT_EQ(f.t->login().LoginRequestKind, "Status");
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
+  EXPECT_EQ(f.t->login_socket.State(), platform::TcpSocket::kClosed);
 }
 
 TEST(LoginExchange, StatusReportWithoutPermissionsWarns) {
   LoginFixture f;
   f.StartServer();
-  f.t->TempAccessStatus = 3;
-  f.t->login.LastLoginResult = "earlier";
+  f.t->temp_access_status = 3;
+  f.t->WriteLogin().LastLoginResult = "earlier";
   const size_t mark = f.Mark();
 
   LoginStatus(*f.t);
@@ -191,8 +192,8 @@ TEST(LoginExchange, StatusReportWithoutPermissionsWarns) {
   EXPECT_EQ(lines[4],
             "Warning in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (3) for User (jsmith). "
             "However the user does not have proper permissions!");
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
   ASSERT_FALSE(f.t.event_log.entries.empty());
   EXPECT_EQ(f.t.event_log.entries.back().first, 2);
 }
@@ -201,13 +202,13 @@ TEST(LoginExchange, LoginThenStatusThenLogoffOnOneAgent) {
   LoginFixture f;
   f.StartServer();
   LoginUser(*f.t);
-  f.t->TempAccessStatus = 1;
+  f.t->temp_access_status = 1;
   LoginStatus(*f.t);
   LogOffUser(*f.t);
   f.Drain();
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
-  EXPECT_TRUE(f.t->login.LogoffSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
+  EXPECT_TRUE(f.t->login().LogoffSucceeded);
   EXPECT_EQ(f.server->Connections(), 3);
   const auto requests = f.server->Requests();
   ASSERT_EQ(requests.size(), 15u);

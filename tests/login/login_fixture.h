@@ -7,15 +7,14 @@
 
 #include <algorithm>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "common/paths.h"
-#include "listener/listener.h"
 #include "login/drivers.h"
 #include "login_server.h"
 #include "platform/tcp_socket.h"
+#include "service/login_socket.h"
 #include "support/test_agent.h"
 
 namespace tdacli::testing {
@@ -48,7 +47,7 @@ inline std::vector<std::string> From(const std::vector<std::string>& all, size_t
 
 struct LoginFixture {
   LoginFixture() {
-    WireLoginClient(*t);
+    WireLoginSocket(*t);
     t.host.windows_dir = "C:\\WINDOWS\\";
     t->local_ip = "192.168.5.20";  // as after start-up
     t->settings.CurrentUser = "jsmith";
@@ -88,20 +87,5 @@ struct LoginFixture {
   TestAgent t;
   std::unique_ptr<loginsim::LoginServer> server;
 };
-
-// A port number below 32768 (the listener's port is a 16-bit signed value) that is free now, held by
-// the returned socket while it lives.
-inline std::unique_ptr<platform::TcpSocket> HoldLowPort(platform::EventLoop& loop, uint16_t& port) {
-  std::random_device seed;
-  for (uint16_t p = static_cast<uint16_t>(21000 + seed() % 11000);; ++p) {
-    if (p >= 32000) p = 21000;
-    auto socket = std::make_unique<platform::TcpSocket>(loop);
-    socket->SetLocalPort(p);
-    if (!socket->Listen()) {
-      port = p;
-      return socket;
-    }
-  }
-}
 
 }  // namespace tdacli::testing

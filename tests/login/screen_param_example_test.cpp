@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "service/agent.h"
+#include "service/wiring.h"
 #include "triggers/capture_files.h"
 #include "usage.h"
 

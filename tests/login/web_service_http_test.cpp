@@ -8,14 +8,15 @@
 
 #include <chrono>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/text.h"
 #include "login/drivers.h"
 #include "login/web_service.h"
 #include "platform/internet.h"
 #include "platform/tcp_socket.h"
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 #include "support/test_agent.h"
+#include "triggers/trigger_files.h"
 #include "web_server.h"
 
 namespace tdacli {
@@ -109,24 +110,24 @@ TEST(WebServiceOverHttp, LoginStatusPhoneHomeAndLogoff) {
   a.t->settings.Server = "127.0.0.1:" + web.Port();
 
   LoginUser(*a.t);
-  ASSERT_TRUE(a.t->login.LoginSucceeded) << a.t->login.LastLoginResult;
-  EXPECT_EQ(a.t->login.LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server (127.0.0.1:" +
+  ASSERT_TRUE(a.t->login().LoginSucceeded) << a.t->login().LastLoginResult;
+  EXPECT_EQ(a.t->login().LastLoginResult, "The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server (127.0.0.1:" +
                                             web.Port() + ")).");
-  EXPECT_EQ(a.t->login.HundredScreensParam, "SCR:010|ATLOGO:2|010|001");
-  EXPECT_TRUE(a.t->login.PhoneHome);
+  EXPECT_EQ(a.t->login().HundredScreensParam, "SCR:010|ATLOGO:2|010|001");
+  EXPECT_TRUE(a.t->login().PhoneHome);
   EXPECT_EQ(a.t->settings.LocalTemp, a.t->app_folder + "capture");
   EXPECT_THAT(Lines(a.t->AppPath("TDIPMASK.INI")),
               ElementsAre("[Tyndrel - Agent Client - Valid IP Mask]", "", "[Config]", "IPMask=127.0.0."));
   EXPECT_THAT(Lines(a.t->AppPath("TDACFTP.INI")), Contains("FTPServer=ftp.example.com"));
 
-  a.t->TempAccessStatus = 2;
+  a.t->temp_access_status = 2;
   LoginStatus(*a.t);
-  EXPECT_TRUE(a.t->login.StatusSucceeded);
-  WebService_PhoneHomeForScreenGrabberTasks(*a.t);
+  EXPECT_TRUE(a.t->login().StatusSucceeded);
+  PhoneHomeForScreenGrabberTasks(*a.t);
   EXPECT_EQ(ReadFile(a.t->AppPath("SendFrames-JOB42.TSF")), "2026-11-14 10:00@2026-11-14 11:00@JOB42\r\n");
-  WebService_PhoneHomeForScreenGrabberTasks(*a.t);  // nothing more queued
+  PhoneHomeForScreenGrabberTasks(*a.t);  // nothing more queued
   LogOffUser(*a.t);
-  EXPECT_TRUE(a.t->login.LogoffSucceeded);
+  EXPECT_TRUE(a.t->login().LogoffSucceeded);
 
   const std::string base = "/TDLoginWebService/TDLoginWebService.asmx/";
   const std::string grab = "/TDFrameReceiverWebService/TDFrameReceiverWebService.asmx/GrabberMethod?Machine=wks-0042.corp.example";
@@ -149,7 +150,7 @@ TEST(WebServiceOverHttp, BlanksTravelAsPercent20AndAmpersandsAsTheyAre) {
   EXPECT_THAT(web.server.Requests(),
               ElementsAre("/TDLoginWebService/TDLoginWebService.asmx/LogOffMethod?WinName=j%20smith&co&LocalIP=127.0.0.1"));
   // The server split the name at "&": it does not know "j smith".
-  EXPECT_FALSE(a.t->login.LogoffSucceeded);
+  EXPECT_FALSE(a.t->login().LogoffSucceeded);
 }
 
 TEST(WebServiceOverHttp, FaultsEndInNoResponseOrError) {
@@ -160,16 +161,16 @@ TEST(WebServiceOverHttp, FaultsEndInNoResponseOrError) {
     ASSERT_TRUE(web.started);
     RealClientAgent a(platform::MakeHttpClient());
     a.t->settings.Server = "127.0.0.1:" + web.Port();
-    a.t->login.LoginSucceeded = true;
+    a.t->WriteLogin().LoginSucceeded = true;
     WebService_LoginUser(*a.t);
-    EXPECT_FALSE(a.t->login.LoginSucceeded) << fault;
+    EXPECT_FALSE(a.t->login().LoginSucceeded) << fault;
     const auto m = a.Messages();
     if (std::string(fault) == "error") {
       EXPECT_EQ(m.back(), "Error in TDACLI: The Tyndrel Agent Client could not execute a login for (jsmith) to (127.0.0.1:" +
                               web.Port() + ")");
     } else {
       EXPECT_EQ(m.back(), kNoResponse) << fault;
-      EXPECT_EQ(a.t->login.LastLoginResult,
+      EXPECT_EQ(a.t->login().LastLoginResult,
                 "[ERROR]WebService_LoginUser - Received the following Response: NO RESPONSE or 404 PAGE NOT FOUND!");
     }
   }
@@ -226,7 +227,7 @@ TEST(WebServiceOverHttp, AnOversizedBodyIsRefusedWhole) {
   EXPECT_EQ(m[m.size() - 2], "Trace in TDACLI: WebService_LoginUser - The request failed: the response is larger than "
                              "65536 bytes");
   EXPECT_EQ(m.back(), kNoResponse);
-  EXPECT_FALSE(a.t->login.LoginSucceeded);
+  EXPECT_FALSE(a.t->login().LoginSucceeded);
 }
 
 TEST(WebServiceOverHttp, LineBreaksInTheUserNeverReachTheWire) {
@@ -237,7 +238,7 @@ TEST(WebServiceOverHttp, LineBreaksInTheUserNeverReachTheWire) {
   a.t->settings.CurrentUser = "jsmith\r\nX-Injected: 1";
   WebService_LogOffUser(*a.t);
   EXPECT_TRUE(web.server.Requests().empty());
-  EXPECT_FALSE(a.t->login.LogoffSucceeded);
+  EXPECT_FALSE(a.t->login().LogoffSucceeded);
 }
 
 // ---- HTTPS
@@ -270,7 +271,7 @@ TEST(WebServiceOverHttps, LoginWithTheTestCaByAddressAndByName) {
     RealClientAgent a(platform::testing::MakeHttpClientTrustingOnly(pki.File("ca.pem")));
     a.t->settings.Server = server;
     LoginUser(*a.t);
-    EXPECT_TRUE(a.t->login.LoginSucceeded) << server << ": " << a.t->login.LastLoginResult;
+    EXPECT_TRUE(a.t->login().LoginSucceeded) << server << ": " << a.t->login().LastLoginResult;
     EXPECT_THAT(a.Messages(), Contains(HasSubstr("Performing an OpenURL() on: https://")));
   }
 }
@@ -317,7 +318,7 @@ TEST(WebServiceOverHttps, PlainHttpToTheHttpsPortFailsWithoutAnAnswer) {
   a.t->settings.Server = "127.0.0.1:" + web.Port();
   WebService_LoginUser(*a.t);
   EXPECT_EQ(a.Messages().back(), kNoResponse);
-  EXPECT_FALSE(a.t->login.LoginSucceeded);
+  EXPECT_FALSE(a.t->login().LoginSucceeded);
 }
 
 }  // namespace

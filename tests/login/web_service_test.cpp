@@ -6,10 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/host_identity.h"
+#include "common/local_host.h"
 #include "common/text.h"
 #include "login/drivers.h"
 #include "support/test_agent.h"
+#include "triggers/trigger_files.h"
 
 namespace tdacli {
 namespace {
@@ -114,7 +115,7 @@ TEST(WebServiceLogin, SuccessWithEveryFieldLogsStoresAndReports) {
   EXPECT_EQ(lines.back(),
             "Information in TDACLI: The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server "
             "(td.example.com:8080)");
-  const LoginState& l = f.t->login;
+  const LoginState& l = f.t->login();
   EXPECT_TRUE(l.LoginSucceeded);
   EXPECT_EQ(l.LastLoginResult,
             "The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server (td.example.com:8080)).");
@@ -142,22 +143,22 @@ TEST(WebServiceLogin, SuccessWithNoFieldsStillSucceeds) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|"));
   WebService_LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "The Tyndrel Agent Client Successfully Logged in User (jsmith) to Server (td.example.com:8080)).");
 }
 
 TEST(WebServiceLogin, ErrorReplyFailsWithTheLoginText) {
   WebFixture f;
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   f.t.http.Always(Xml("ERROR|NoMatchingWinName"));
   const size_t mark = f.Mark();
   WebService_LoginUser(*f.t);
   const auto lines = f.Since(mark);
   EXPECT_EQ(lines.back(),
             "Error in TDACLI: The Tyndrel Agent Client could not execute a login for (jsmith) to (td.example.com:8080)");
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult,
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult,
             "The Tyndrel Agent Client could not execute a login for (jsmith) to (td.example.com:8080)");
   EXPECT_FALSE(Exists(f.App("TDRegInfo.TXT")));
 }
@@ -166,7 +167,7 @@ TEST(WebServiceLogin, ErrorWinsOverSuccessInOneReply) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|ERROR|"));
   WebService_LoginUser(*f.t);
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
 }
 
 void ExpectNoResponse(WebFixture& f, const std::vector<std::string>& before_last) {
@@ -179,13 +180,13 @@ void ExpectNoResponse(WebFixture& f, const std::vector<std::string>& before_last
   for (const auto& l : before_last) expected.push_back(l);
   expected.push_back("Trace in TDACLI: " + text);
   EXPECT_THAT(lines, ElementsAreArray(expected));
-  EXPECT_FALSE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]" + text);
+  EXPECT_FALSE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]" + text);
 }
 
 TEST(WebServiceLogin, NotFoundStatusWithAnyBodyIsNoResponse) {
   WebFixture f;
-  f.t->login.LoginSucceeded = true;
+  f.t->WriteLogin().LoginSucceeded = true;
   f.t.http.Always("<html><body>Gone, but SUCCESS| anyway</body></html>", 404);
   WebService_LoginUser(*f.t);
   ExpectNoResponse(f, {"Trace in TDACLI: WebService_LoginUser - The web service answered with HTTP status 404"});
@@ -216,7 +217,7 @@ TEST(WebClientDifference, Status404IsNoResponseWhateverTheBody) {
 
   WebFixture g;
   g.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB9", 404);
-  WebService_PhoneHomeForScreenGrabberTasks(*g.t);
+  PhoneHomeForScreenGrabberTasks(*g.t);
   EXPECT_THAT(g.Since(0),
               ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                       "OpenURL() on: ") +
@@ -252,7 +253,7 @@ TEST(WebClientDifference, AFailedRequestAndAnotherStatusThan200EachAddOneTraceLi
   EXPECT_EQ(lines[3], "Trace in TDACLI: WebService_LoginUser - The web service answered with HTTP status 500");
   EXPECT_EQ(lines[4], "Trace in TDACLI: WebService_LoginUser - Received the following Response: " +
                           ReplaceAll(Xml("SUCCESS|"), "\r\n", "{CRLF}"));
-  EXPECT_TRUE(g.t->login.LoginSucceeded);
+  EXPECT_TRUE(g.t->login().LoginSucceeded);
 }
 
 TEST(WebServiceLogin, NotFoundInTheTextIsNoResponse) {
@@ -278,7 +279,7 @@ TEST(WebServiceLogin, RefusedConnectionTracesTheCauseThenNoResponse) {
 TEST(WebServiceLogin, TwentyInternetWaitsOfThirtySecondsThenAbort) {
   WebFixture f;
   f.t.internet.offline_checks = 1000;
-  f.t->login.LastLoginResult = "earlier";
+  f.t->WriteLogin().LastLoginResult = "earlier";
   const int64_t start = f.t.clock.NowMs();
 
   WebService_LoginUser(*f.t);
@@ -297,7 +298,7 @@ TEST(WebServiceLogin, TwentyInternetWaitsOfThirtySecondsThenAbort) {
   expected.push_back(
       "Error in TDACLI: The Tyndrel Agent Client could not execute a login for (jsmith) to (td.example.com:8080)");
   EXPECT_THAT(f.Since(0), ElementsAreArray(expected));
-  EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+  EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
 }
 
 TEST(WebServiceLogin, ConnectionAfterThreeWaitsGoesOn) {
@@ -309,19 +310,19 @@ TEST(WebServiceLogin, ConnectionAfterThreeWaitsGoesOn) {
   WebService_LoginUser(*f.t);
   EXPECT_EQ(f.t.clock.NowMs() - start, 3 * 30000);
   EXPECT_THAT(f.Since(0), ::testing::Contains("Trace in TDACLI: Internet Connection Successful via [Proxy]"));
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
 }
 
 TEST(WebServiceLogin, ClearsCaptureParametersAndReportsAParameterFileThatStays) {
   WebFixture f;
   WriteFile(f.App("100ScreenParam.TXT"), "old\r\n");
-  f.t->login.HundredScreensParam = "old";
-  f.t->login.UseWebCam = true;
+  f.t->WriteLogin().HundredScreensParam = "old";
+  f.t->WriteLogin().UseWebCam = true;
   f.t.http.Always("");
   WebService_LoginUser(*f.t);
   EXPECT_FALSE(Exists(f.App("100ScreenParam.TXT")));
-  EXPECT_EQ(f.t->login.HundredScreensParam, "");
-  EXPECT_FALSE(f.t->login.UseWebCam);
+  EXPECT_EQ(f.t->login().HundredScreensParam, "");
+  EXPECT_FALSE(f.t->login().UseWebCam);
 
   WebFixture g;
   WriteFile(g.App("100ScreenParam.TXT"), "old\r\n");
@@ -357,8 +358,8 @@ TEST(WebServiceLogin, ABadFlagIsTrappedAsTypeMismatch) {
   f.t.http.Always(Xml("SUCCESS|WEBCAM=perhaps|KEKINFO=k"));
   WebService_LoginUser(*f.t);
   EXPECT_EQ(f.Since(0).back(), "Error in TDACLI: Detected Error In WebService_LoginUser() Routine: 13, Type mismatch");
-  EXPECT_TRUE(f.t->login.LoginSucceeded);  // set before the fields are read
-  EXPECT_EQ(f.t->login.KekInfo, "");       // the fields after the bad one are not applied
+  EXPECT_TRUE(f.t->login().LoginSucceeded);  // set before the fields are read
+  EXPECT_EQ(f.t->login().KekInfo, "");       // the fields after the bad one are not applied
 }
 
 TEST(WebServiceLogin, LineBreaksNeverReachStoredValues) {
@@ -367,8 +368,8 @@ TEST(WebServiceLogin, LineBreaksNeverReachStoredValues) {
   WebService_LoginUser(*f.t);
   EXPECT_EQ(f.t->settings.UseTrace, "TrServer=evilue");
   EXPECT_EQ(f.t->settings.LocalTemp, "c:\\temp");
-  EXPECT_EQ(f.t->login.ValidIPMask, "10.0.");
-  EXPECT_EQ(f.t->login.KekInfo, "ab");
+  EXPECT_EQ(f.t->login().ValidIPMask, "10.0.");
+  EXPECT_EQ(f.t->login().KekInfo, "ab");
   for (const auto& line : Lines(f.App("TDRegInfo.TXT"))) EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos);
   EXPECT_THAT(Lines(f.App("TDRegInfo.TXT")), ::testing::Not(::testing::Contains("Server=evil")));
 }
@@ -381,7 +382,7 @@ TEST(WebServiceLogin, ANulInAFieldCutsTheStoredValueWithAWarning) {
   EXPECT_EQ(f.t->settings.UseTrace, "True");
   EXPECT_EQ(f.t->settings.LocalTemp, "c:\\temp");
   EXPECT_EQ(f.t->settings.SvrTemp, "\\\\fs\\t");
-  EXPECT_EQ(f.t->login.ValidIPMask, "10.");
+  EXPECT_EQ(f.t->login().ValidIPMask, "10.");
   EXPECT_EQ(ReadFile(f.App("TDRegInfo.TXT")).find('\0'), std::string::npos);
   EXPECT_EQ(ReadFile(f.App("TDIPMASK.INI")),
             "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=10.\r\n");
@@ -398,7 +399,7 @@ TEST(WebServicePhoneHome, ANulInATaskCutsTheJobFileLine) {
   using namespace std::string_literals;
   WebFixture f;
   f.t.http.Always("SUCCESS|SENDFRAMES|a@b@JOB8@c\0planted"s);
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(ReadFile(f.App("SendFrames-JOB8.TSF")), "a@b@JOB8@c\r\n");
   EXPECT_THAT(f.t.Messages(),
               ::testing::Contains("Warning in TDACLI: The value of (SendFrames) held a line break and was cut at it."));
@@ -414,7 +415,7 @@ struct Snapshot {
 };
 
 Snapshot Take(Agent& a) {
-  const LoginState& l = a.login;
+  const LoginState& l = a.login();
   return {a.settings.SvrTemp, a.settings.LocalTemp, a.settings.UseTrace, l.HundredScreensParam, l.ValidIPMask,
           l.KekInfo,         l.TDLiveID,           l.RepeaterIP,         l.RepeaterPort,         l.UseWebCam,
           l.PhoneHome,       l.PeerToPeerCapable,  l.NextPhoneHomeMs};
@@ -460,8 +461,8 @@ TEST(WebServiceLoginKeys, EachKeySetsOnlyWhatItNames) {
   };
   for (const Case& c : cases) {
     WebFixture f;
-    f.t->login.NextPhoneHomeMs = 5;
-    f.t->login.RepeaterIP = "old";
+    f.t->WriteLogin().NextPhoneHomeMs = 5;
+    f.t->WriteLogin().RepeaterIP = "old";
     f.t.clock.AdvanceBy(1234);
     Snapshot expected = Take(*f.t);
     expected.UseWebCam = false;  // cleared before the fetch
@@ -469,7 +470,7 @@ TEST(WebServiceLoginKeys, EachKeySetsOnlyWhatItNames) {
     if (expected.LocalTemp == "<app>cap") expected.LocalTemp = f.t->app_folder + "cap";
     f.t.http.Always(Xml("SUCCESS|" + c.field));
     WebService_LoginUser(*f.t);
-    EXPECT_TRUE(f.t->login.LoginSucceeded) << c.field;
+    EXPECT_TRUE(f.t->login().LoginSucceeded) << c.field;
     EXPECT_EQ(Take(*f.t), expected) << c.field;
   }
 }
@@ -479,8 +480,8 @@ TEST(WebServiceLoginKeys, AFieldIsTestedAgainstEveryKeyInTableOrder) {
   // One field holding two keys sets both, each from the text after its own key; the key may stand
   // anywhere in the field.
   ApplyLoginReplyFields(*f.t, "xIPMASK=KEKINFO=z|USETRACE=a USETRACE=b</string>");
-  EXPECT_EQ(f.t->login.ValidIPMask, "KEKINFO=z");
-  EXPECT_EQ(f.t->login.KekInfo, "z");
+  EXPECT_EQ(f.t->login().ValidIPMask, "KEKINFO=z");
+  EXPECT_EQ(f.t->login().KekInfo, "z");
   EXPECT_EQ(f.t->settings.UseTrace, "a USETRACE=b");
 }
 
@@ -502,7 +503,7 @@ TEST(WebServiceLogoff, SuccessErrorAndNoResponse) {
   {
     WebFixture f;
     f.t.http.Always(Xml("SUCCESS|"));
-    f.t->login.LastLoginResult = "earlier";
+    f.t->WriteLogin().LastLoginResult = "earlier";
     WebService_LogOffUser(*f.t);
     EXPECT_THAT(f.Since(0),
                 ElementsAre("Trace in TDACLI: WebService_LogOffUser - Performing an OpenURL() on: " + url,
@@ -510,41 +511,41 @@ TEST(WebServiceLogoff, SuccessErrorAndNoResponse) {
                                 ReplaceAll(Xml("SUCCESS|"), "\r\n", "{CRLF}"),
                             "Information in TDACLI: The Tyndrel Agent Client Successfully Logged off User (jsmith) to "
                             "Server (td.example.com:8080)"));
-    EXPECT_TRUE(f.t->login.LogoffSucceeded);
-    EXPECT_EQ(f.t->login.LastLoginResult, "earlier");
+    EXPECT_TRUE(f.t->login().LogoffSucceeded);
+    EXPECT_EQ(f.t->login().LastLoginResult, "earlier");
   }
   {
     WebFixture f;
-    f.t->login.LogoffSucceeded = true;
+    f.t->WriteLogin().LogoffSucceeded = true;
     f.t.http.Always(Xml("ERROR|"));
     WebService_LogOffUser(*f.t);
     const std::string text = "The Tyndrel Agent Client could not execute a logoff for (jsmith) to (td.example.com:8080)";
     EXPECT_EQ(f.Since(0).back(), "Error in TDACLI: " + text);
-    EXPECT_FALSE(f.t->login.LogoffSucceeded);
-    EXPECT_EQ(f.t->login.LastLoginResult, text);
+    EXPECT_FALSE(f.t->login().LogoffSucceeded);
+    EXPECT_EQ(f.t->login().LastLoginResult, text);
   }
   {
     WebFixture f;
-    f.t->login.LogoffSucceeded = true;
+    f.t->WriteLogin().LogoffSucceeded = true;
     WebService_LogOffUser(*f.t);
     const std::string text = "WebService_LogOffUser - Received the following Response: NO RESPONSE or 404 PAGE NOT FOUND!";
     EXPECT_EQ(f.Since(0).back(), "Trace in TDACLI: " + text);
-    EXPECT_FALSE(f.t->login.LogoffSucceeded);
-    EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]" + text);
+    EXPECT_FALSE(f.t->login().LogoffSucceeded);
+    EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]" + text);
   }
 }
 
 TEST(WebServiceStatus, ReportsTheAccessResult) {
   {
     WebFixture f;
-    f.t->TempAccessStatus = 3;
+    f.t->temp_access_status = 3;
     f.t.http.Always(Xml("SUCCESS|"));
     WebService_LoginStatus(*f.t);
     ASSERT_THAT(f.t.http.urls, ElementsAre(std::string(kUrlBase) + "StatusMethod?WinName=jsmith&Status=3"));
     EXPECT_EQ(f.Since(0).back(),
               "Warning in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (3) for User (jsmith). "
               "However the user does not have proper permissions!");
-    EXPECT_TRUE(f.t->login.StatusSucceeded);
+    EXPECT_TRUE(f.t->login().StatusSucceeded);
   }
   {
     WebFixture f;
@@ -552,17 +553,17 @@ TEST(WebServiceStatus, ReportsTheAccessResult) {
     WebService_LoginStatus(*f.t);
     EXPECT_EQ(f.Since(0).back(),
               "Trace in TDACLI: The Tyndrel Agent Client Successfully Updated Agent Status to (0) for User (jsmith).");
-    EXPECT_TRUE(f.t->login.StatusSucceeded);
+    EXPECT_TRUE(f.t->login().StatusSucceeded);
   }
   {
     WebFixture f;
-    f.t->login.StatusSucceeded = true;
+    f.t->WriteLogin().StatusSucceeded = true;
     f.t.http.Always(Xml("ERROR|"));
     WebService_LoginStatus(*f.t);
     const std::string text =
         "The Tyndrel Agent Client could not execute a status update for (jsmith) to (td.example.com:8080)";
     EXPECT_EQ(f.Since(0).back(), "Error in TDACLI: " + text);
-    EXPECT_FALSE(f.t->login.StatusSucceeded);
+    EXPECT_FALSE(f.t->login().StatusSucceeded);
   }
 }
 
@@ -571,7 +572,7 @@ TEST(WebServiceStatus, ReportsTheAccessResult) {
 TEST(WebServicePhoneHome, NothingToDo) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|NONE"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_THAT(f.t.http.urls, ElementsAre(kGrabberUrl));
   EXPECT_THAT(f.Since(0), ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - "
                                                   "Performing an OpenURL() on: ") + kGrabberUrl,
@@ -582,7 +583,7 @@ TEST(WebServicePhoneHome, NothingToDo) {
 TEST(WebServicePhoneHome, SendFramesTaskWritesTheJobFile) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|SENDFRAMES|2026-11-14 10:00{CRLF}@2026-11-14 11:00@JOB42|x@rest"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   const std::string file = f.App("SendFrames-JOB42.TSF");
   EXPECT_EQ(ReadFile(file), "2026-11-14 10:00@2026-11-14 11:00@JOB42|x@rest\r\n");
   const auto lines = f.Since(0);
@@ -592,14 +593,14 @@ TEST(WebServicePhoneHome, SendFramesTaskWritesTheJobFile) {
 TEST(WebServicePhoneHome, ATaskWithoutKeywordStillLogsReceipt) {
   WebFixture f;
   f.t.http.Always(Xml("SUCCESS|SOMETHING"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(f.Since(0).back(), "Trace in TDACLI: The Tyndrel Agent Client Received a Screen Grabber Task");
 }
 
 TEST(WebServicePhoneHome, ErrorLogsTheUrlAgain) {
   WebFixture f;
   f.t.http.Always(Xml("ERROR|"));
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   const std::string open = std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                        "OpenURL() on: ") + kGrabberUrl;
   EXPECT_THAT(f.Since(0),
@@ -614,12 +615,12 @@ TEST(WebServicePhoneHome, NotFoundEmptyAndRefused) {
   for (int status : {404, 200}) {
     WebFixture f;
     f.t.http.Always(status == 404 ? "SUCCESS|SENDFRAMES|a@b@c" : "", status);
-    WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+    PhoneHomeForScreenGrabberTasks(*f.t);
     EXPECT_EQ(f.Since(0).back(), no) << status;
     EXPECT_FALSE(Exists(f.App("SendFrames-c.TSF")));
   }
   WebFixture f;
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_THAT(f.Since(0),
               ElementsAre(std::string("Trace in TDACLI: WebService_PhoneHomeForScreenGrabberTasks - Performing an "
                                       "OpenURL() on: ") + kGrabberUrl,
@@ -631,7 +632,7 @@ TEST(WebServicePhoneHome, NotFoundEmptyAndRefused) {
 TEST(WebServicePhoneHome, LineBreaksInATaskDoNotSplitTheJobFile) {
   WebFixture f;
   f.t.http.Always("SUCCESS|SENDFRAMES|a\r\n@b\n@JOB7\r\nx");
-  WebService_PhoneHomeForScreenGrabberTasks(*f.t);
+  PhoneHomeForScreenGrabberTasks(*f.t);
   EXPECT_EQ(ReadFile(f.App("SendFrames-JOB7x.TSF")), "a@b@JOB7x\r\n");
 }
 

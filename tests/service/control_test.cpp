@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "login/login_fixture.h"
-#include "support/fault_file_system.h"
 #include "platform/file_times.h"
+#include "support/fault_file_system.h"
 #include "triggers/frames.h"
 
 namespace tdacli {
@@ -48,9 +48,9 @@ TEST_F(ControlChain, Code128RunsTheWholeLoginChain) {
   WriteSettings("jsmith");
   MediaTransferAnswers(131);
   Service_Control(*t, 128);
-  EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_TRUE(t->login.StatusSucceeded);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_TRUE(t->login().LoginSucceeded);
+  EXPECT_TRUE(t->login().StatusSucceeded);
+  EXPECT_EQ(t->temp_access_status, 0);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
   // The server heard the status report after the login.
   auto requests = server->Requests();
@@ -59,7 +59,7 @@ TEST_F(ControlChain, Code128RunsTheWholeLoginChain) {
   EXPECT_EQ(ReadFile(App("100Screen.KEK")), "KEK-0001\r\n");
   EXPECT_EQ(ReadFile(App("UseWebCam.TXT")), "WEBCAM=True\r\n");
   EXPECT_TRUE(Exists(App("TDACFTP.INI")));
-  EXPECT_EQ(t->login.LastLoginResult,
+  EXPECT_EQ(t->login().LastLoginResult,
             "The Tyndrel Agent Client Successfully Logged in User (jsmith).{CRLF}{CRLF}User has proper access to both "
             "temp folders.");
   auto msgs = t.Messages();
@@ -76,10 +76,10 @@ TEST_F(ControlChain, MediaTransferWithoutServerTempAccessIsReportedToTheServer) 
   WriteSettings("jsmith");
   MediaTransferAnswers(132);
   Service_Control(*t, 128);
-  EXPECT_EQ(t->TempAccessStatus, 2);
+  EXPECT_EQ(t->temp_access_status, 2);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS2"), requests.end());
-  EXPECT_NE(t->login.LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\fs01\\tdtemp\\"),
+  EXPECT_NE(t->login().LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\fs01\\tdtemp\\"),
             std::string::npos);
   auto msgs = t.Messages();
   EXPECT_NE(std::find(msgs.begin(), msgs.end(),
@@ -100,8 +100,8 @@ TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThr
   t->file_system = &files;
   const size_t mark = Mark();
   Service_Control(*t, 128);
-  EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_EQ(t->TempAccessStatus, 3);
+  EXPECT_TRUE(t->login().LoginSucceeded);
+  EXPECT_EQ(t->temp_access_status, 3);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS3"), requests.end());
   const std::string local = capture + kSepStr;
@@ -111,7 +111,7 @@ TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThr
   ASSERT_NE(at, msgs.end());
   ASSERT_NE(at + 1, msgs.end());
   EXPECT_EQ(*(at + 1), "Error in TDACLI: TD Agent Client Can't Write to Local Temp of: " + local);
-  EXPECT_NE(t->login.LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + local +
+  EXPECT_NE(t->login().LastLoginResult.find("{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + local +
                                           "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\fs01\\tdtemp\\"),
             std::string::npos);
   EXPECT_TRUE(std::filesystem::is_empty(capture));  // no test file left behind
@@ -120,7 +120,7 @@ TEST_F(ControlChain, ALocalTempFolderOnAFullDiskIsReportedAsDiskFullAndStatusThr
   files.SpaceBack();
   MediaTransferAnswers(131);
   Service_Control(*t, 128);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_EQ(t->temp_access_status, 0);
   requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS0"), requests.end());
 }
@@ -132,7 +132,7 @@ TEST_F(ControlChain, MediaTransferThatNeverAnswersCostsThirtyOneSecondsOfClock) 
   const int64_t start = Now();
   Service_Control(*t, 128);
   EXPECT_GE(Now() - start, 31'000);
-  EXPECT_EQ(t->TempAccessStatus, 2);
+  EXPECT_EQ(t->temp_access_status, 2);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
 }
 
@@ -141,7 +141,7 @@ TEST_F(ControlChain, UnknownUserSendsNoStatusReportButStillWipesAndNotifies) {
   WriteSettings("nobody");
   MediaTransferAnswers(131);
   Service_Control(*t, 128);
-  EXPECT_FALSE(t->login.LoginSucceeded);
+  EXPECT_FALSE(t->login().LoginSucceeded);
   for (const auto& r : server->Requests()) EXPECT_NE(r.rfind("STATUS", 0), 0u) << r;
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
   auto msgs = t.Messages();
@@ -156,7 +156,7 @@ TEST_F(ControlChain, NoScreenCaptureSkipsTheTempCheckButWritesTheFiles) {
   WriteSettings("jsmith");
   MediaTransferAnswers(131);
   Service_Control(*t, 128);
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
   for (const auto& r : server->Requests()) EXPECT_NE(r.rfind("STATUS", 0), 0u) << r;
   EXPECT_TRUE(Exists(App("100ScreenParam.TXT")));
@@ -200,7 +200,7 @@ TEST_F(ControlChain, Code133LogsOffTellsTheScreenCaptureAndCleansUpAtLogout) {
   ASSERT_TRUE(platform::SetFileModifiedLocal(old, {2026, 11, 1, 10, 0, 0}));
   WriteFile(App("100ScreenParam.TXT"), "SCR:010|ATLOGO:2|010|001\r\n");
   Service_Control(*t, 133);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACSC:130"}));
   EXPECT_FALSE(Exists(old));
   auto msgs = t.Messages();
@@ -224,10 +224,10 @@ TEST_F(ControlChain, Code133WithAScheduleDigitThatIsNoNumberDeletesNoFrame) {
   ASSERT_TRUE(platform::SetFileModifiedLocal(old, {2026, 11, 4, 10, 0, 0}));
   WriteFile(App("100ScreenParam.TXT"), "SCR:010|ATLOGO:x|010|001\r\n");
   Service_Control(*t, 133);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   EXPECT_TRUE(Exists(old));
-  EXPECT_EQ(t->screen.line, "SCR:010|ATLOGO:x|010|001");
-  EXPECT_EQ(t->screen.schedule, "02:00 AM");
+  EXPECT_EQ(t->screen().line, "SCR:010|ATLOGO:x|010|001");
+  EXPECT_EQ(t->screen().schedule, "02:00 AM");
   auto msgs = t.Messages();
   EXPECT_EQ(msgs.back(), "Trace in TDACLI: Successfully Sent Message [130] to TDACSC!");
   for (const auto& m : msgs) EXPECT_EQ(m.find("frame files"), std::string::npos) << m;

@@ -9,6 +9,7 @@
 #include "service/control.h"
 #include "support/test_agent.h"
 
+
 namespace tdacli {
 namespace {
 
@@ -32,9 +33,9 @@ TEST(Lifecycle, ServiceRunLogsTheExactBanner) {
             "Tyndrel - Agent Client Configuration\r\n[Config]\r\nExt=4711\r\nServer=10.1.1.9\r\nUseTrace=False\r\n"
             "NotificationMethod=Manual\r\nListeningPorts=1,0,2,3\r\n");
   StartService(t);
-  const uint16_t port = t->listener().Listener().LocalPort();
+  const uint16_t port = listener::ListenerOf(*t).Listener().LocalPort();
   ASSERT_NE(port, 0);
-  EXPECT_EQ(t->listener().Listener().State(), 2);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 2);
   const std::string banner =
       "2026-11-14 11:15:03 PM  -  Information in TDACLI: TD Agent Client Login Service Started\r\n"
       "\r\n"
@@ -51,8 +52,8 @@ TEST(Lifecycle, ServiceRunLogsTheExactBanner) {
   EXPECT_EQ(trace.substr(trace.size() - banner.size()), banner);
   EXPECT_EQ(t.event_log.entries.back().first, 4);
   EXPECT_EQ(t.service_host.running_reports, 1);
-  EXPECT_TRUE(t->tmrMessage.Enabled());
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());  // "Manual" is not the file-message method
+  EXPECT_TRUE(t->request_file_timer.Enabled());
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());  // "Manual" is not the file-message method
 }
 
 TEST(Lifecycle, ServiceRunTraceOpensWithStartupFormLoadAndLocalIp) {
@@ -72,8 +73,8 @@ TEST(Lifecycle, ServiceRunTraceOpensWithStartupFormLoadAndLocalIp) {
   int startup = 0;
   for (const auto& m : msgs) startup += m.find("*  STARTUP  *") != std::string::npos;
   EXPECT_EQ(startup, 1);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());  // default "FileMessage"
-  EXPECT_EQ(t->tmrPollForLogin.Interval(), 3000);
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());  // default "FileMessage"
+  EXPECT_EQ(t->trigger_file_timer.Interval(), 3000);
 }
 
 TEST(Lifecycle, StartupWorkRunsOnceAfterOneSecond) {
@@ -88,7 +89,7 @@ TEST(Lifecycle, StartupWorkRunsOnceAfterOneSecond) {
   std::string trace = ReadFile(t.ProgramTrace());
   EXPECT_NE(trace.find("Service Started"), std::string::npos);
   EXPECT_EQ(trace.find("Service Started"), trace.rfind("Service Started"));
-  EXPECT_FALSE(t->LoadTimer.Enabled());
+  EXPECT_FALSE(t->startup_timer.Enabled());
 }
 
 TEST(Lifecycle, UserSessionRunDefersTheSocketAndSaysSo) {
@@ -99,7 +100,7 @@ TEST(Lifecycle, UserSessionRunDefersTheSocketAndSaysSo) {
   t->loop().RunFor(1000);
   EXPECT_EQ(t.service_host.install_calls, 0);
   EXPECT_TRUE(t.dialogs.shown.empty());
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   auto msgs = t.Messages();
   for (const auto& m : msgs) EXPECT_EQ(m.find("Form_Load Invoked"), std::string::npos);
   EXPECT_NE(std::find(msgs.begin(), msgs.end(),
@@ -135,7 +136,7 @@ TEST(Lifecycle, PortInUseGivesThirtyWarningsTwoSecondsApartThenTheBanner) {
   std::string trace = ReadFile(t.ProgramTrace());
   EXPECT_LT(trace.find("attempting again (30)"), trace.find("Service Started"));
   EXPECT_NE(trace.find("Listening Port: " + std::to_string(port) + "\r\n"), std::string::npos);
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   // The warnings stay out of the event log.
   for (const auto& e : t.event_log.entries) EXPECT_EQ(e.second.find("attempting again"), std::string::npos);
   // Two seconds apart.
@@ -163,16 +164,16 @@ TEST(Lifecycle, AfterTheRetriesTheListenerKeepsTryingQuietlyEveryThirtySeconds) 
   t->loop().RunFor(70'000);
   const std::string trace = ReadFile(t.ProgramTrace());
   ASSERT_NE(trace.find("Listening Port: " + std::to_string(port) + "\r\n"), std::string::npos);
-  EXPECT_TRUE(t->listener().RetryingListen());
+  EXPECT_TRUE(listener::ListenerOf(*t).RetryingListen());
   const size_t lines = Lines(t.ProgramTrace()).size();
   t->loop().RunFor(120'000);  // four quiet attempts while the port is taken
   EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
-  EXPECT_NE(t->listener().Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_NE(listener::ListenerOf(*t).Listener().State(), platform::TcpSocket::kListening);
   blocker.reset();  // the port is free: the next attempt takes it
   t->loop().RunFor(30'000);
-  EXPECT_EQ(t->listener().Listener().State(), platform::TcpSocket::kListening);
-  EXPECT_EQ(t->listener().Listener().LocalPort(), port);
-  EXPECT_FALSE(t->listener().RetryingListen());
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), platform::TcpSocket::kListening);
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().LocalPort(), port);
+  EXPECT_FALSE(listener::ListenerOf(*t).RetryingListen());
   EXPECT_EQ(Lines(t.ProgramTrace()).size(), lines);
 }
 
@@ -222,10 +223,10 @@ TEST(Lifecycle, ServiceStartBesideTheUserSessionMarkerEndsAtOnceAsFailedAndSaysW
   EXPECT_EQ(t.service_host.install_calls, 0);
   EXPECT_TRUE(t.dialogs.shown.empty());
   // Nothing of a run started: no start-up timer, no listener, no login timers.
-  EXPECT_FALSE(t->LoadTimer.Enabled());
-  EXPECT_FALSE(t->tmrMessage.Enabled());
-  EXPECT_FALSE(t->tmrPollForLogin.Enabled());
-  EXPECT_EQ(t->listener().Listener().State(), 0);
+  EXPECT_FALSE(t->startup_timer.Enabled());
+  EXPECT_FALSE(t->request_file_timer.Enabled());
+  EXPECT_FALSE(t->trigger_file_timer.Enabled());
+  EXPECT_EQ(listener::ListenerOf(*t).Listener().State(), 0);
   const std::string line = "Error in TDACLI: THINTERMINAL - Started by the Service Manager, but [" +
                            t.dir.File("thinterminal.dat") +
                            "] is present: the agent runs in each user's session on this computer, so the service "
@@ -320,13 +321,13 @@ TEST(Lifecycle, PauseContinueAndUnknownCodesAreRefusedWithWarnings) {
 TEST(Lifecycle, ReplyCodesSetTheReplyFlags) {
   TestAgent t;
   Service_Control(*t, 131);
-  EXPECT_EQ(t->MediaTransferReply, 1);
+  EXPECT_EQ(t->media_transfer_reply.value(), 1);
   Service_Control(*t, 132);
-  EXPECT_EQ(t->MediaTransferReply, 2);
+  EXPECT_EQ(t->media_transfer_reply.value(), 2);
   Service_Control(*t, 141);
-  EXPECT_EQ(t->TraceFileReply, "1");
+  EXPECT_EQ(t->trace_file_reply.Text(), "1");
   Service_Control(*t, 142);
-  EXPECT_EQ(t->TraceFileReply, "2");
+  EXPECT_EQ(t->trace_file_reply.Text(), "2");
   EXPECT_FALSE(Exists(t.ProgramTrace()));
 }
 

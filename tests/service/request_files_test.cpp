@@ -12,6 +12,7 @@
 #include "service/control.h"
 #include "service/lifecycle.h"
 
+
 namespace fs = std::filesystem;
 
 namespace tdacli {
@@ -30,8 +31,8 @@ constexpr const char* kStop = "Information in TDACLI: *  STOP  *";
 
 struct RequestFileTest : ::testing::Test, testing::LoginFixture {
   RequestFileTest() {
-    t->tmrMessage.on_tick = [this] { tmrMessage_Timer(*t); };
-    t->tmrMessage.SetInterval(1000);
+    t->request_file_timer.on_tick = [this] { tmrMessage_Timer(*t); };
+    t->request_file_timer.SetInterval(1000);
   }
   std::string Request(const std::string& name, const std::string& content) {
     const std::string path = App(name);
@@ -139,7 +140,7 @@ TEST_F(RequestFileTest, ACodeGoesThroughTheControlHandler) {
   EXPECT_EQ(t.Messages(), (std::vector<std::string>{Discarded(129), "Trace in TDACLI: Processed Message Request: Code=129"}));
   Request("20261114231503.TDACLI", "Code=142");
   tmrMessage_Timer(*t);
-  EXPECT_EQ(t->TraceFileReply, "2");
+  EXPECT_EQ(t->trace_file_reply.Text(), "2");
 }
 
 TEST_F(RequestFileTest, OnlyTheFirstLineCounts) {
@@ -152,7 +153,7 @@ TEST_F(RequestFileTest, StopMySelfEndsTheProcessWithoutTheStopBanner) {
   Request("20261114231501.TDACLI", "Code=200\r\n");
   const std::string path = Request("20261114231502.TDACLI", "STOP=MySelf\r\n");
   const std::string later = Request("20261114231503.TDACLI", "Code=201\r\n");
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(10, [&] { return t->Ended(); }));
   EXPECT_FALSE(Exists(path));
   EXPECT_TRUE(Exists(later));  // the process ended before it
@@ -167,7 +168,7 @@ TEST_F(RequestFileTest, TwoFilesAreWorkedOffOnePerTickInNameOrder) {
   const std::string b = Request("20261114231502.TDACLI", "Code=201\r\n");
   const std::string a = Request("20261114231501.TDACLI", "Code=200\r\n");
   std::vector<std::pair<int, int64_t>> seen;
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(1.5, [&] { return !Exists(a); }));
   EXPECT_TRUE(Exists(b));
   EXPECT_EQ(Now() - start, 1'000);
@@ -301,6 +302,9 @@ struct RequestChain : RequestFileTest {
 TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait) {
   loginsim::UserRecord u = testing::Jsmith();
   u.server_temp = "\\\\fs01\\tdtemp\\";
+  // The write test's file, named by user and second, is written into the test's own folder: tests
+  // that run side by side at the same simulated second would otherwise share one in a Windows folder.
+  u.local_temp = "C:\\%APPDIR%\\Temp";
   u.hundred_screen = "SCR:010|ATLOGO:2|010|001";
   StartServer(testing::Users({u}));
   WriteSettings();
@@ -308,10 +312,10 @@ TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait)
   MediaTransferByFiles(131);
   const std::string login = Request("20261114231502.TDACLI", "Code=128\r\n");
   const int64_t start = Now();
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(60, [&] { return !Exists(login); }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_EQ(t->TempAccessStatus, 0);   // the 131 answer arrived inside the wait
+  EXPECT_TRUE(t->login().LoginSucceeded);
+  EXPECT_EQ(t->temp_access_status, 0);   // the 131 answer arrived inside the wait
   EXPECT_LT(Now() - start, 10'000);    // long before the 31 s without an answer
   auto msgs = t.Messages();
   // The 128 file was handled once, not again inside itself.
@@ -332,6 +336,9 @@ TEST_F(RequestChain, ACode128FileRunsTheLoginChainAndACode131FileAnswersItsWait)
 TEST_F(RequestChain, TicksInsideAWaitingRequestTakeTheNextFilesInNameOrder) {
   loginsim::UserRecord u = testing::Jsmith();
   u.server_temp = "\\\\fs01\\tdtemp\\";
+  // The write test's file, named by user and second, is written into the test's own folder: tests
+  // that run side by side at the same simulated second would otherwise share one in a Windows folder.
+  u.local_temp = "C:\\%APPDIR%\\Temp";
   StartServer(testing::Users({u}));
   WriteSettings();
   WriteFile(App("thinterminal.dat"), "");
@@ -339,14 +346,14 @@ TEST_F(RequestChain, TicksInsideAWaitingRequestTakeTheNextFilesInNameOrder) {
   Request("20261114231502.TDACLI", "Code=128\r\n");
   Request("20261114231503.TDACLI", "Code=200\r\n");
   Request("20261114231504.TDACLI", "Code=201\r\n");
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(60, [&] { return Has(t.Messages(), "Trace in TDACLI: Processed Message Request: Code=128"); }));
   auto msgs = t.Messages();
   auto at = [&](const std::string& m) { return std::find(msgs.begin(), msgs.end(), m) - msgs.begin(); };
   EXPECT_LT(at(Discarded(200)), at(Discarded(201)));
   EXPECT_LT(at("Trace in TDACLI: Processed Message Request: Code=201"),
             at("Trace in TDACLI: Processed Message Request: Code=128"));
-  EXPECT_EQ(t->TempAccessStatus, 2);  // no answer
+  EXPECT_EQ(t->temp_access_status, 2);  // no answer
 }
 
 TEST_F(RequestChain, AFloodOfWaitingRequestsNestsOnlySoDeep) {
@@ -364,7 +371,7 @@ TEST_F(RequestChain, AFloodOfWaitingRequestsNestsOnlySoDeep) {
   probe.SetInterval(100);
   probe.on_tick = [&] { deepest = std::max(deepest, t->requests.in_hand.size()); };
   probe.SetEnabled(true);
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   ASSERT_TRUE(t->WaitUntil(3600, [&] {
     return Count(t.Messages(), "Trace in TDACLI: Processed Message Request: Code=133") == 20;
   }));
@@ -385,15 +392,15 @@ TEST_F(RequestChain, InUserSessionModeTheListenerOpensAfterTheLoginFromARequestF
   WriteFile(App("TDRegInfo.TXT"), "Tyndrel - Agent Client Configuration\r\n[Config]\r\nServer=" + server->address() +
                                       "\r\nCurrentUser=jsmith\r\nListeningPorts=1," + std::to_string(port) + ",2,3\r\n");
   WriteFile(App("thinterminal.dat"), "");
-  t->tmrMessage.on_tick = nullptr;  // wired by the start-up itself
+  t->request_file_timer.on_tick = nullptr;  // wired by the start-up itself
   t->startup_banner_written = false;
   Form_Load(*t);
-  ASSERT_TRUE(t->WaitUntil(5, [&] { return t->tmrMessage.Enabled(); }));
-  EXPECT_FALSE(t->listener().Listener().State() == 2);
+  ASSERT_TRUE(t->WaitUntil(5, [&] { return t->request_file_timer.Enabled(); }));
+  EXPECT_FALSE(listener::ListenerOf(*t).Listener().State() == 2);
   const std::string login = Request("20261114231502.TDACLI", "Code=128\r\n");
   ASSERT_TRUE(t->WaitUntil(60, [&] { return !Exists(login); }));
-  EXPECT_TRUE(t->login.LoginSucceeded);
-  EXPECT_TRUE(t->listener().Listener().State() == 2);
+  EXPECT_TRUE(t->login().LoginSucceeded);
+  EXPECT_TRUE(listener::ListenerOf(*t).Listener().State() == 2);
   EXPECT_TRUE(Has(t.Messages(), "Trace in TDACLI: Service is Now Listening on Port (" + std::to_string(port) + ")"));
 }
 

@@ -4,9 +4,12 @@
 
 #include "common/files.h"
 #include "service/control.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/notify_new_listening_port.h"
+#include "siblings/request_file.h"
 #include "support/test_agent.h"
 #include "triggers/logoff.h"
+#include "triggers/temp_access.h"
 
 namespace tdacli {
 namespace {
@@ -104,7 +107,7 @@ TEST_F(Delivery, AnswerOf132EndsTheWaitAtOnceWithFalse) {
   const int64_t start = t.clock.NowMs();
   EXPECT_FALSE(RequestServerTempCheck(*t));
   EXPECT_EQ(t.clock.NowMs() - start, 300);
-  EXPECT_EQ(t->MediaTransferReply, 2);
+  EXPECT_EQ(t->media_transfer_reply.value(), 2);
 }
 
 TEST_F(Delivery, NoAnswerGivesFalseAfterThirtyOneWaits) {
@@ -116,7 +119,7 @@ TEST_F(Delivery, NoAnswerGivesFalseAfterThirtyOneWaits) {
 }
 
 TEST_F(Delivery, ReplyFlagIsClearedBeforeAsking) {
-  t->MediaTransferReply = 1;  // a stale answer of an earlier request
+  t->media_transfer_reply.Resolve(1);  // a stale answer of an earlier request
   EXPECT_FALSE(RequestServerTempCheck(*t));
 }
 
@@ -148,9 +151,9 @@ TEST_F(Delivery, LoginNoticeToTheMediaTransferFollowsTheRunMode) {
 
 TEST_F(Delivery, TempCheckWithServerTempNotApplicableDoesNothing) {
   t->settings.SvrTemp = "N/A";
-  t->TempAccessStatus = 3;
+  t->temp_access_status = 3;
   EXPECT_EQ(CheckTempFolderAccess(*t), 0);
-  EXPECT_EQ(t->TempAccessStatus, 0);
+  EXPECT_EQ(t->temp_access_status, 0);
   EXPECT_TRUE(t.service_control.sent.empty());
   EXPECT_FALSE(Exists(t.ProgramTrace()));
 }
@@ -160,11 +163,11 @@ TEST_F(Delivery, TempCheckWithBothFoldersWritable) {
   t->settings.CurrentUser = "jsmith";
   t->settings.SvrTemp = "\\\\srv\\temp";
   t->settings.LocalTemp = t.dir.File("local") + kSepStr + "cap";  // created on the way
-  t->login.LastLoginResult = "The Tyndrel Agent Client Successfully Logged in User (jsmith).";
+  t->WriteLogin().LastLoginResult = "The Tyndrel Agent Client Successfully Logged in User (jsmith).";
   EXPECT_EQ(CheckTempFolderAccess(*t), 0);
   EXPECT_EQ(t->settings.LocalTemp, t.dir.File("local") + kSepStr + "cap" + kSepStr);
   EXPECT_TRUE(FolderExists(t->settings.LocalTemp));
-  EXPECT_EQ(t->login.LastLoginResult,
+  EXPECT_EQ(t->login().LastLoginResult,
             "The Tyndrel Agent Client Successfully Logged in User (jsmith).{CRLF}{CRLF}User has proper access to both "
             "temp folders.");
   EXPECT_EQ(t.Messages().back(), "Trace in TDACLI: User has proper access to both temp folders");
@@ -175,10 +178,10 @@ TEST_F(Delivery, TempCheckWithNeitherFolderWritable) {
   t->settings.SvrTemp = "\\\\srv\\temp";
   t->settings.LocalTemp = t.dir.path() + kSepStr;
   t->refuse_delete = [](const std::string&) { return true; };
-  t->login.LastLoginResult = "X";
+  t->WriteLogin().LastLoginResult = "X";
   EXPECT_EQ(CheckTempFolderAccess(*t), 3);
-  EXPECT_EQ(t->TempAccessStatus, 3);
-  EXPECT_EQ(t->login.LastLoginResult,
+  EXPECT_EQ(t->temp_access_status, 3);
+  EXPECT_EQ(t->login().LastLoginResult,
             "X{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp of: " + t->settings.LocalTemp +
                 "{CRLF}{CRLF}[ERROR]User Can't Write to Server Temp of: \\\\srv\\temp");
   auto msgs = t.Messages();
@@ -187,7 +190,7 @@ TEST_F(Delivery, TempCheckWithNeitherFolderWritable) {
             msgs.end());
   // Successive checks accumulate.
   CheckTempFolderAccess(*t);
-  EXPECT_NE(t->login.LastLoginResult.find("\\\\srv\\temp{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp"),
+  EXPECT_NE(t->login().LastLoginResult.find("\\\\srv\\temp{CRLF}{CRLF}[ERROR]User Can't Write to Local Temp"),
             std::string::npos);
 }
 

@@ -1,12 +1,13 @@
-#include "siblings/messaging.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 
 #include "common/logging.h"
+#include "siblings/notify_new_listening_port.h"
+#include "siblings/request_file.h"
 #include "support/test_agent.h"
+
 
 namespace tdacli {
 namespace {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,8 @@
 #include "platform/host_identity.h"
 #include "platform/internet.h"
 #include "platform/service_host.h"
-#include "service/agent.h"
+#include "platform/tcp_socket.h"
+#include "service/wiring.h"
 
 namespace tdacli::testing {
 
@@ -183,5 +185,27 @@ struct TestAgent {
   std::vector<std::string> Messages() const { return TraceMessages(ProgramTrace()); }
   std::string ip_part = "192-168-5-20";
 };
+
+// A port number below 32768 (the listener's port is a 16-bit signed value) that is free now, held by
+// the returned socket while it lives.
+inline std::unique_ptr<platform::TcpSocket> HoldLowPort(platform::EventLoop& loop, uint16_t& port) {
+  std::random_device seed;
+  for (uint16_t p = static_cast<uint16_t>(21000 + seed() % 11000);; ++p) {
+    if (p >= 32000) p = 21000;
+    auto socket = std::make_unique<platform::TcpSocket>(loop);
+    socket->SetLocalPort(p);
+    if (!socket->Listen()) {
+      port = p;
+      return socket;
+    }
+  }
+}
+
+// A port number below 32768 that is free now (nothing holds it afterwards).
+inline uint16_t FreeListenPort(platform::EventLoop& loop) {
+  uint16_t port = 0;
+  HoldLowPort(loop, port);
+  return port;
+}
 
 }  // namespace tdacli::testing

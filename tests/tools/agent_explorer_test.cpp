@@ -217,7 +217,7 @@ TEST_F(AgentExplorerExchange, GetInfoAndSetAgainstAnAgent) {
   EXPECT_EQ(x.status, Exchange::kReplied);
   EXPECT_EQ(x.reply, "|SETEXT|<Extension>4711;");
   EXPECT_EQ(testing::ReadFile(ConfigFile()), testing::SettingsFile("4711"));
-  EXPECT_EQ(t->listener().ListenConnectionIndex, 2);
+  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 2);
 }
 
 TEST_F(AgentExplorerExchange, NoReplyWithinTheTimeOut) {

@@ -20,8 +20,8 @@ struct CaptureFiles : ::testing::Test {
 };
 
 TEST_F(CaptureFiles, ParamAndKeyFilesHoldOneLineEach) {
-  t->login.KekInfo = "KEK:abc:123";
-  t->login.HundredScreensParam = "100:010|AT-LOG:2|010|001";
+  t->WriteLogin().KekInfo = "KEK:abc:123";
+  t->WriteLogin().HundredScreensParam = "100:010|AT-LOG:2|010|001";
   Make100ScreensParamFile(*t);
   EXPECT_EQ(ReadFile(t.dir.File("100Screen.KEK")), "KEK:abc:123\r\n");
   EXPECT_EQ(ReadFile(t.dir.File("100ScreenParam.TXT")), "100:010|AT-LOG:2|010|001\r\n");
@@ -35,8 +35,8 @@ TEST_F(CaptureFiles, ParamAndKeyFilesHoldOneLineEach) {
 
 TEST_F(CaptureFiles, KekOfNotApplicableWritesOnlyTheParamFile) {
   for (const char* kek : {"N/A", ""}) {
-    t->login.KekInfo = kek;
-    t->login.HundredScreensParam = "NOTSET";
+    t->WriteLogin().KekInfo = kek;
+    t->WriteLogin().HundredScreensParam = "NOTSET";
     Make100ScreensParamFile(*t);
     EXPECT_FALSE(Exists(t.dir.File("100Screen.KEK"))) << kek;
     EXPECT_EQ(ReadFile(t.dir.File("100ScreenParam.TXT")), "NOTSET\r\n");
@@ -45,13 +45,13 @@ TEST_F(CaptureFiles, KekOfNotApplicableWritesOnlyTheParamFile) {
 
 TEST_F(CaptureFiles, OlderKeyFileStaysWhenNoKeyArrives) {
   WriteFile(t.dir.File("100Screen.KEK"), "old\r\n");
-  t->login.KekInfo = "N/A";
+  t->WriteLogin().KekInfo = "N/A";
   Make100ScreensParamFile(*t);
   EXPECT_EQ(ReadFile(t.dir.File("100Screen.KEK")), "old\r\n");
 }
 
 TEST_F(CaptureFiles, WebCamTriggerIsWrittenOnceAndLeftUntouched) {
-  t->login.UseWebCam = true;
+  t->WriteLogin().UseWebCam = true;
   HandleWebCamTrigger(*t);
   EXPECT_EQ(ReadFile(t.dir.File("UseWebCam.TXT")), "WEBCAM=True\r\n");
   WriteFile(t.dir.File("UseWebCam.TXT"), "edited by the capture program\r\n");
@@ -64,7 +64,7 @@ TEST_F(CaptureFiles, WebCamTriggerIsWrittenOnceAndLeftUntouched) {
 
 TEST_F(CaptureFiles, WebCamOffRemovesTheTrigger) {
   WriteFile(t.dir.File("UseWebCam.TXT"), "WEBCAM=True\r\n");
-  t->login.UseWebCam = false;
+  t->WriteLogin().UseWebCam = false;
   HandleWebCamTrigger(*t);
   EXPECT_FALSE(Exists(t.dir.File("UseWebCam.TXT")));
   EXPECT_EQ(t.Messages().back(),
@@ -73,23 +73,23 @@ TEST_F(CaptureFiles, WebCamOffRemovesTheTrigger) {
 
 TEST_F(CaptureFiles, ScreenParamsDefaultWithoutAFile) {
   LoadScreenParams(*t);
-  EXPECT_EQ(t->screen.line, "NOTSET");
-  EXPECT_EQ(t->screen.first_number, 10);
-  EXPECT_EQ(t->screen.schedule, "02:00 AM");
-  EXPECT_EQ(t->screen.max_age_days, 4);
-  EXPECT_EQ(t->screen.second_number, 10);
-  EXPECT_EQ(t->screen.third_number, 1);
+  EXPECT_EQ(t->screen().line, "NOTSET");
+  EXPECT_EQ(t->screen().first_number, 10);
+  EXPECT_EQ(t->screen().schedule, "02:00 AM");
+  EXPECT_EQ(t->screen().max_age_days, 4);
+  EXPECT_EQ(t->screen().second_number, 10);
+  EXPECT_EQ(t->screen().third_number, 1);
 }
 
 TEST_F(CaptureFiles, ScreenParamsReadAllFields) {
   WriteFile(t.dir.File("100ScreenParam.TXT"), "\r\nSCR:025|ATLOGO:3|030|005\r\nnext\r\n");
   LoadScreenParams(*t);
-  EXPECT_EQ(t->screen.line, "SCR:025|ATLOGO:3|030|005");
-  EXPECT_EQ(t->screen.first_number, 25);
-  EXPECT_EQ(t->screen.schedule, "ATLOGOUT");
-  EXPECT_EQ(t->screen.max_age_days, 3);
-  EXPECT_EQ(t->screen.second_number, 30);
-  EXPECT_EQ(t->screen.third_number, 5);
+  EXPECT_EQ(t->screen().line, "SCR:025|ATLOGO:3|030|005");
+  EXPECT_EQ(t->screen().first_number, 25);
+  EXPECT_EQ(t->screen().schedule, "ATLOGOUT");
+  EXPECT_EQ(t->screen().max_age_days, 3);
+  EXPECT_EQ(t->screen().second_number, 30);
+  EXPECT_EQ(t->screen().third_number, 5);
 }
 
 TEST(ScreenParamLine, ScheduleFieldForms) {

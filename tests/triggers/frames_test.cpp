@@ -74,7 +74,7 @@ TEST_F(Frames, PatternMatchesAnywhereInTheUpperCasedName) {
 }
 
 TEST_F(Frames, MaximumAgeComesFromTheSchedule) {
-  t->screen.max_age_days = 1;
+  t->WriteScreen().max_age_days = 1;
   std::string y = Frame("y.TVF", 13, 23);
   CleanupFrames(*t, "Log Off");
   EXPECT_FALSE(Exists(y));
@@ -112,7 +112,7 @@ TEST_F(Frames, FrameFolderWithANameTheSystemCannotTakeLogsThatFault) {
 }
 
 TEST_F(Frames, WipeOutEndsWithItsErrorLineWhenTheApplicationFolderCannotBeListed) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   std::string f = Frame("a.TVF", 14);
   t->app_folder = t.dir.File("gone") + kSepStr;
   WipeOut(*t);
@@ -123,7 +123,7 @@ TEST_F(Frames, WipeOutEndsWithItsErrorLineWhenTheApplicationFolderCannotBeListed
 }
 
 TEST_F(Frames, WipeOutAfterAFailedLoginOnlyWarns) {
-  t->login.LoginSucceeded = false;
+  t->WriteLogin().LoginSucceeded = false;
   std::string f = Frame("a.TVF", 14);
   WipeOut(*t);
   EXPECT_TRUE(Exists(f));
@@ -133,7 +133,7 @@ TEST_F(Frames, WipeOutAfterAFailedLoginOnlyWarns) {
 }
 
 TEST_F(Frames, WipeOutRemovesAllCaptureActivity) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   for (const char* n : {"a.TVF", "b.TVF.ENC", "c.TFF.ENC", "d.tff", "e.TDK", "f.CAM"}) Frame(n, 14);
   std::string keep = Frame("keep.txt", 14);
   WriteFile(t.dir.File("SendFrames-1.TSF"), "x");
@@ -152,7 +152,7 @@ TEST_F(Frames, WipeOutRemovesAllCaptureActivity) {
 }
 
 TEST_F(Frames, WipeOutWithoutFrameFolderSkipsTheFirstPass) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   std::filesystem::remove_all(frames);
   WriteFile(t.dir.File("a.TSF"), "x");
   WipeOut(*t);
@@ -163,13 +163,13 @@ TEST_F(Frames, WipeOutWithoutFrameFolderSkipsTheFirstPass) {
 }
 
 TEST_F(Frames, WipeOutWithNothingToRemoveLogsNothing) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   WipeOut(*t);
   EXPECT_FALSE(Exists(t.ProgramTrace()));
 }
 
 TEST_F(Frames, FileThatCannotBeWipedIsReported) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   std::string f = Frame("a.TVF", 14);
   t->refuse_delete = [&](const std::string& p) { return p == f; };
   WipeOut(*t);
@@ -178,7 +178,7 @@ TEST_F(Frames, FileThatCannotBeWipedIsReported) {
 }
 
 TEST_F(Frames, WipeOutLeavesFoldersNamedLikeFramesAlone) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   std::filesystem::create_directory(frames + kSepStr + "held.TVF");
   WriteFile(frames + kSepStr + "held.TVF" + kSepStr + "inside.TVF", "x");
   std::filesystem::create_directory(t.dir.File("jobs.TSF"));
@@ -225,7 +225,7 @@ TEST_F(FramesWithLinks, CleanupFramesNeitherAgesNorDeletesALink) {
 }
 
 TEST_F(FramesWithLinks, WipeOutLeavesLinksInBothFolders) {
-  t->login.LoginSucceeded = true;
+  t->WriteLogin().LoginSucceeded = true;
   const std::string frame_victim = Victim("frame.TVF");
   const std::string job_victim = Victim("job.TSF");
   std::filesystem::create_symlink(frame_victim, frames + kSepStr + "a.TVF");

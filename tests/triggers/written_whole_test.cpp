@@ -11,7 +11,8 @@
 
 #include "common/files.h"
 #include "config/result_files.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
+#include "siblings/request_file.h"
 #include "support/fault_file_system.h"
 #include "support/test_agent.h"
 #include "triggers/capture_files.h"
@@ -48,10 +49,10 @@ std::vector<Writer> Writers() {
        "[Tyndrel - Agent Client - Valid IP Mask]\r\n\r\n[Config]\r\nIPMask=192.168.5.\r\n"},
       {"TDLiveID.INI", "TDLiveID.INI",
        [](Agent& a) {
-         a.login.TDLiveID = "48213";
-         a.login.RepeaterIP = "10.1.2.3";
-         a.login.RepeaterPort = "5020";
-         a.login.PeerToPeerCapable = true;
+         a.WriteLogin().TDLiveID = "48213";
+         a.WriteLogin().RepeaterIP = "10.1.2.3";
+         a.WriteLogin().RepeaterPort = "5020";
+         a.WriteLogin().PeerToPeerCapable = true;
          SaveLiveID(a);
        },
        "[LiveID]\r\nTDLiveID=48213\r\nRepeaterIP=10.1.2.3\r\nRepeaterPort=5020\r\nPeerToPeerCapable=True\r\n"},
@@ -64,21 +65,21 @@ std::vector<Writer> Writers() {
        "HTTPPortNumber=5018\r\nHTTPConnect=1\r\nAuthRequired=0\r\n"},
       {"100ScreenParam.TXT", "100ScreenParam.TXT",
        [](Agent& a) {
-         a.login.KekInfo = "N/A";
-         a.login.HundredScreensParam = "SCR:010|ATLOGO:2|010|001";
+         a.WriteLogin().KekInfo = "N/A";
+         a.WriteLogin().HundredScreensParam = "SCR:010|ATLOGO:2|010|001";
          Make100ScreensParamFile(a);
        },
        "SCR:010|ATLOGO:2|010|001\r\n"},
       {"100Screen.KEK", "100Screen.KEK",
        [](Agent& a) {
-         a.login.KekInfo = "KEK-0001";
-         a.login.HundredScreensParam = "SCR:010";
+         a.WriteLogin().KekInfo = "KEK-0001";
+         a.WriteLogin().HundredScreensParam = "SCR:010";
          Make100ScreensParamFile(a);
        },
        "KEK-0001\r\n"},
       {"UseWebCam.TXT", "UseWebCam.TXT",
        [](Agent& a) {
-         a.login.UseWebCam = true;
+         a.WriteLogin().UseWebCam = true;
          HandleWebCamTrigger(a);
        },
        "WEBCAM=True\r\n"},
@@ -153,10 +154,10 @@ TEST(WrittenWhole, OnAFullDiskEachWriterLogsDiskFullAndLeavesNothingBehind) {
   // Full for everything but the trace, so that the lines can be read back.
   files.full = [&](const std::string& p) { return p.find("TraceFile") == std::string::npos; };
   t->file_system = &files;
-  t->login.KekInfo = "KEK-0001";
-  t->login.HundredScreensParam = "SCR:010";
+  t->WriteLogin().KekInfo = "KEK-0001";
+  t->WriteLogin().HundredScreensParam = "SCR:010";
   Make100ScreensParamFile(*t);
-  t->login.UseWebCam = true;
+  t->WriteLogin().UseWebCam = true;
   HandleWebCamTrigger(*t);
   SendFrames(*t, "|SENDFRAMES|a@b@job7@c");
   MakeRequestFile(*t, "TDACSC", "Code=135");

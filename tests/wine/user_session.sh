@@ -20,10 +20,24 @@ cp "$TDACLI" "$WORK/tdacli.exe"
 : >"$WORK/thinterminal.dat"
 printf 'ListeningPorts=0,0,0,0\r\n' >"$WORK/TDRegInfo.TXT"
 
+WINESERVER=/usr/lib/wine/wineserver
+[ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
 PID=
-cleanup() { [ -n "$PID" ] && kill -KILL "$PID" 2>/dev/null; }
+cleanup() {
+  [ -n "$PID" ] && kill -KILL "$PID" 2>/dev/null
+  WINEPREFIX=$PREFIX "$WINESERVER" -k >/dev/null 2>&1
+}
 trap cleanup EXIT
 fail() { fail_showing "$*" "$WORK"/*TraceFile.TXT "$LOG"; }
+
+step "the prefix's session up, its service manager done starting services"
+# A program started by hand while Wine's service manager is still starting the services of a new
+# session can take the control pipe meant for one of them, and would then be told that the service
+# manager started it. The session is brought up first and kept for the whole run.
+WINEDEBUG=-all "$WINE_RUN" "--prefix=$PREFIX" wineboot </dev/null >/dev/null 2>&1 || fail "wineboot"
+WINEPREFIX=$PREFIX "$WINESERVER" -w
+WINEPREFIX=$PREFIX "$WINESERVER" -p
+WINEDEBUG=-all "$WINE_RUN" "--prefix=$PREFIX" wineboot </dev/null >/dev/null 2>&1 || fail "wineboot"
 
 step "start by hand in user-session mode"
 (cd "$WORK" && WINEDEBUG=+eventlog exec "$WINE_RUN" "--prefix=$PREFIX" tdacli.exe) </dev/null >"$LOG" 2>&1 &

@@ -1,6 +1,6 @@
 #pragma once
 // libcurl behind HttpClient. `ca_file` empty: the system's CA store (production); otherwise only that
-// CA is trusted (reachable only through the test seam in platform/testing/).
+// CA is trusted (reachable only through the test seam in seams/test_ca.h).
 #include <string>
 
 #include "platform/internet.h"

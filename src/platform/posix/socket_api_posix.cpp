@@ -1,6 +1,5 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -145,21 +144,6 @@ uint16_t LocalPort(SocketHandle h) {
   socklen_t len = sizeof a;
   if (getsockname(static_cast<int>(h), reinterpret_cast<sockaddr*>(&a), &len) != 0) return 0;
   return ntohs(a.sin_port);
-}
-
-std::string ResolveIPv4(const std::string& host) {
-  if (host.empty()) return "";
-  in_addr a{};
-  if (inet_pton(AF_INET, host.c_str(), &a) == 1) return host;
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* res = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return "";
-  char buf[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr, buf, sizeof buf);
-  freeaddrinfo(res);
-  return buf;
 }
 
 }  // namespace tdacli::platform::sockapi

@@ -1,7 +1,7 @@
 #pragma once
 // WinHTTP behind HttpClient. `ca_pem` empty: the system's certificate validation (production);
 // otherwise the server's chain must end in exactly that CA (reachable only through the test seam in
-// platform/testing/).
+// seams/test_ca.h).
 #include <string>
 
 #include "platform/internet.h"

@@ -1,4 +1,4 @@
-#include "common/host_identity.h"
+#include "common/local_host.h"
 
 #include <algorithm>
 

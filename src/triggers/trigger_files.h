@@ -7,8 +7,12 @@ namespace tdacli {
 
 class Agent;
 
-// One tick of `tmrPollForLogin`: the timer is off for the whole pass and on again at its end.
+// One tick of the trigger-file timer (`tmrPollForLogin`): the timer is off for the whole pass and on
+// again at its end.
 void tmrPollForLogin_Timer(Agent& agent);
+// The phone-home call for screen-grabber tasks: a task's send-frames job is written, then its receipt
+// logged.
+void PhoneHomeForScreenGrabberTasks(Agent& agent);
 // Runs the codec installer "TSCC.msi" hidden, without waiting for it, and logs the size of its log.
 void InstallCodec(Agent& agent);
 // After a login that returned a usable live id: the live id file, the remote-control settings and,

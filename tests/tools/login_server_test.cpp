@@ -216,9 +216,9 @@ TEST(LoginServerSimulator, OnceServesOneConnection) {
   f.Drain();
   EXPECT_TRUE(finished);
   EXPECT_TRUE(f.server->Finished());
-  f.t->login.LastLoginResult.clear();
+  f.t->WriteLogin().LastLoginResult.clear();
   LoginUser(*f.t);  // nobody listens any more
-  EXPECT_EQ(f.t->login.LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
+  EXPECT_EQ(f.t->login().LastLoginResult, "[ERROR]Login Attempt - Timeout connecting socket for login");
 }
 
 TEST(LoginServerSimulator, ParallelServersShareThePortOnDifferentLoopbackAddresses) {
@@ -229,7 +229,7 @@ TEST(LoginServerSimulator, ParallelServersShareThePortOnDifferentLoopbackAddress
   EXPECT_NE(second.address(), f.server->address());
   f.t->settings.Server = second.address();
   LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
   f.t->WaitUntil(5, [&] { return second.Requests().size() >= 10; });
   EXPECT_EQ(second.Requests().size(), 10u);
   EXPECT_TRUE(f.server->Requests().empty());
@@ -251,15 +251,15 @@ TEST(LoginServerSimulator, ServesFromItsOwnThread) {
   f.t->settings.Server = thread.server().address();
   LoginUser(*f.t);
   LogOffUser(*f.t);
-  f.t->TempAccessStatus = 1;
+  f.t->temp_access_status = 1;
   LoginStatus(*f.t);
   // The agent is done once it has its answer; the server thread records the agent's last words at its
   // own pace: wait for them before stopping it.
   EXPECT_TRUE(testing::Eventually([&] { return thread.server().Requests().size() >= 15; }));
   thread.Stop();
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_TRUE(f.t->login.LogoffSucceeded);
-  EXPECT_TRUE(f.t->login.StatusSucceeded);
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_TRUE(f.t->login().LogoffSucceeded);
+  EXPECT_TRUE(f.t->login().StatusSucceeded);
   const auto requests = thread.server().Requests();
   ASSERT_EQ(requests.size(), 15u);
   EXPECT_EQ(requests[10], "Logoffjsmith:192.168.5.20");
@@ -344,8 +344,8 @@ TEST(LoginServerProgram, ServesAnAgentLoginEndToEndAndWritesTheTranscript) {
   f.t.clock.idle_grace_ms = 5000;  // the server is another process answering in real time
   f.t->settings.Server = address;
   LoginUser(*f.t);
-  EXPECT_TRUE(f.t->login.LoginSucceeded);
-  EXPECT_EQ(f.t->login.TDLiveID, "48213");
+  EXPECT_TRUE(f.t->login().LoginSucceeded);
+  EXPECT_EQ(f.t->login().TDLiveID, "48213");
   EXPECT_EQ(f.t->settings.LocalTemp, "C:\\WINDOWS\\temp");
 
   // --once: the program ends after the connection, its last line says so.

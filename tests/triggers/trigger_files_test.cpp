@@ -1,7 +1,5 @@
 // The trigger-file login poller: logins and logoffs from files, their retries, the codec install, the
 // live id and the phone-home schedule, on the simulated clock against the login server simulator.
-#include "triggers/poller.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,6 +7,7 @@
 #include "login/login_fixture.h"
 #include "service/control.h"
 #include "service/request_files.h"
+#include "triggers/trigger_files.h"
 
 namespace tdacli {
 namespace {
@@ -31,8 +30,8 @@ size_t At(const std::vector<std::string>& msgs, const std::string& m) {
 
 struct TriggerFilePoller : ::testing::Test, testing::LoginFixture {
   TriggerFilePoller() {
-    t->tmrPollForLogin.on_tick = [this] { tmrPollForLogin_Timer(*t); };
-    t->tmrMessage.on_tick = [this] { tmrMessage_Timer(*t); };
+    t->trigger_file_timer.on_tick = [this] { tmrPollForLogin_Timer(*t); };
+    t->request_file_timer.on_tick = [this] { tmrMessage_Timer(*t); };
     // TDACMT answers the server-temp check at once, through the control handler; every code sent is
     // noted with the clock.
     t.service_control.on_send = [this](const std::string& service, int code) {
@@ -58,8 +57,8 @@ struct TriggerFilePoller : ::testing::Test, testing::LoginFixture {
   }
   // Starts the poller as the start-up work does and runs the loop until `done` or `seconds` of clock.
   bool RunPoller(double seconds, const std::function<bool()>& done) {
-    t->tmrPollForLogin.SetInterval(3000);
-    t->tmrPollForLogin.SetEnabled(true);
+    t->trigger_file_timer.SetInterval(3000);
+    t->trigger_file_timer.SetEnabled(true);
     return t->WaitUntil(seconds, done);
   }
   std::vector<std::string> Sent() const {
@@ -82,7 +81,7 @@ TEST_F(TriggerFilePoller, LoginFileLogsTheUserInRunsThePostLoginStepsAndGoes) {
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
   EXPECT_FALSE(Exists(LoginFile()));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(t->poller.retry_counter, 0);
   auto msgs = t.Messages();
   const size_t notified = At(msgs,
@@ -100,7 +99,7 @@ TEST_F(TriggerFilePoller, LoginFileLogsTheUserInRunsThePostLoginStepsAndGoes) {
   EXPECT_EQ(ReadFile(App("UseWebCam.TXT")), "WEBCAM=True\r\n");
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:131"}));
   // The timer is on again at the end of the pass.
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 TEST_F(TriggerFilePoller, TheFileTriggeredLoginRunsTheTempCheckAndStatusReport) {
@@ -110,7 +109,7 @@ TEST_F(TriggerFilePoller, TheFileTriggeredLoginRunsTheTempCheckAndStatusReport) 
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
   EXPECT_EQ(Sent(), (std::vector<std::string>{"TDACMT:130", "TDACMT:131"}));
-  EXPECT_TRUE(t->login.StatusSucceeded);
+  EXPECT_TRUE(t->login().StatusSucceeded);
   auto requests = server->Requests();
   EXPECT_NE(std::find(requests.begin(), requests.end(), "STATUS0"), requests.end());
 }
@@ -158,7 +157,7 @@ TEST_F(TriggerFilePoller, LogoffFileGoesBeforeTheLogoffRuns) {
   };
   tmrPollForLogin_Timer(*t);
   EXPECT_TRUE(file_gone_at_logoff);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   auto msgs = t.Messages();
   EXPECT_EQ(msgs.front(), "Trace in TDACLI: Received notification user (jsmith) just logged off.");
   EXPECT_EQ(msgs.back(), "Trace in TDACLI: Deleted File After LogOff [" + LogoffFile() + "]");
@@ -208,7 +207,7 @@ TEST_F(TriggerFilePoller, AFailingLoginEarnsSixteenAttemptsWithFifteenWaitsThenT
   // The giving-up tick is the last: nothing more happens for the missing file.
   t->WaitSeconds(30);
   EXPECT_EQ(sends.size(), 16u);
-  EXPECT_TRUE(t->tmrPollForLogin.Enabled());
+  EXPECT_TRUE(t->trigger_file_timer.Enabled());
 }
 
 TEST_F(TriggerFilePoller, ALoginFileThatSurvivesGivingUpStartsAFreshRoundOfAttempts) {
@@ -228,7 +227,7 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
   WriteFile(LoginFile(), "");
   int depth = 0, max_depth = 0;
   std::vector<int64_t> starts, ends;
-  t->tmrPollForLogin.on_tick = [&] {
+  t->trigger_file_timer.on_tick = [&] {
     max_depth = std::max(max_depth, ++depth);
     starts.push_back(Now());
     tmrPollForLogin_Timer(*t);
@@ -240,7 +239,7 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
   std::vector<bool> enabled_in_pass;
   probe.SetInterval(1000);
   probe.on_tick = [&] {
-    if (depth > 0) enabled_in_pass.push_back(t->tmrPollForLogin.Enabled());
+    if (depth > 0) enabled_in_pass.push_back(t->trigger_file_timer.Enabled());
   };
   probe.SetEnabled(true);
   ASSERT_TRUE(RunPoller(120, [&] { return ends.size() >= 3u; }));
@@ -254,9 +253,9 @@ TEST_F(TriggerFilePoller, TheTimerIsOffWhileThePassWaitsAndTheNextTickComesThree
 TEST_F(TriggerFilePoller, RequestFilesAreHandledDuringTheRetryWait) {
   Start("nobody");
   WriteFile(LoginFile(), "");
-  t->tmrMessage.SetEnabled(true);
+  t->request_file_timer.SetEnabled(true);
   bool in_pass = false, written = false, handled_in_wait = false;
-  t->tmrPollForLogin.on_tick = [&] {
+  t->trigger_file_timer.on_tick = [&] {
     in_pass = true;
     tmrPollForLogin_Timer(*t);
     in_pass = false;
@@ -268,7 +267,7 @@ TEST_F(TriggerFilePoller, RequestFilesAreHandledDuringTheRetryWait) {
     if (!written) {
       WriteFile(App("20261114231510.TDACLI"), "Code=141\r\n");
       written = true;
-    } else if (t->TraceFileReply == "1") {
+    } else if (t->trace_file_reply.Text() == "1") {
       handled_in_wait = true;
     }
   };
@@ -340,7 +339,7 @@ TEST_F(TriggerFilePoller, ACodecInstallThatCannotStartLogsProcessIdZeroAndStillD
   // No installer, no log: the size line is left out silently.
   EXPECT_FALSE(HasPrefix(msgs, "Trace in TDACLI: INSTALL CODEC: Install Log ["));
   EXPECT_TRUE(Has(msgs, "Trace in TDACLI: Deleted TSCC.bat after Install!"));
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
 }
 
 #ifndef _WIN32
@@ -386,8 +385,8 @@ TEST_P(PollerLiveId, AnUnusableLiveIdSkipsActOnLiveID) {
   Start("jsmith", u);
   WriteFile(LoginFile(), "");
   tmrPollForLogin_Timer(*t);
-  ASSERT_TRUE(t->login.LoginSucceeded);
-  EXPECT_EQ(t->login.TDLiveID, GetParam());
+  ASSERT_TRUE(t->login().LoginSucceeded);
+  EXPECT_EQ(t->login().TDLiveID, GetParam());
   EXPECT_FALSE(Exists(App("TDLiveID.INI")));
   for (auto& e : std::filesystem::directory_iterator(t.dir.path())) EXPECT_NE(e.path().extension(), ".TDACLD");
   EXPECT_FALSE(HasPrefix(t.Messages(), "Trace in TDACLI: Saved [TDLiveID="));
@@ -398,8 +397,8 @@ INSTANTIATE_TEST_SUITE_P(ZeroMinusOneEmpty, PollerLiveId, ::testing::Values("0",
 TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOffNoCallIsEverMade) {
   int calls = 0;
   t->poller.phone_home = [&](Agent&) { ++calls; };
-  t->login.PhoneHome = false;
-  t->login.NextPhoneHomeMs = 0;  // long past
+  t->WriteLogin().PhoneHome = false;
+  t->WriteLogin().NextPhoneHomeMs = 0;  // long past
   RunPoller(120, [] { return false; });
   EXPECT_EQ(calls, 0);
 }
@@ -407,9 +406,9 @@ TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOffNoCallIsEverMade) {
 TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOnTheCallComesWhenDueAndThirtySecondsLaterAgain) {
   std::vector<int64_t> calls;
   t->poller.phone_home = [&](Agent&) { calls.push_back(Now()); };
-  t->login.PhoneHome = true;
+  t->WriteLogin().PhoneHome = true;
   const int64_t start = Now();
-  t->login.NextPhoneHomeMs = start + 7'000;
+  t->WriteLogin().NextPhoneHomeMs = start + 7'000;
   RunPoller(80, [] { return false; });
   // Ticks every 3 s: the first one past the time is at 9 s; then 30 s later on, the first tick past it.
   ASSERT_GE(calls.size(), 3u);
@@ -417,7 +416,7 @@ TEST_F(TriggerFilePoller, WithThePhoneHomeFlagOnTheCallComesWhenDueAndThirtySeco
   EXPECT_GT(calls[1] - calls[0], 30'000);
   EXPECT_LE(calls[1] - calls[0], 33'000);
   EXPECT_GT(calls[2] - calls[1], 30'000);
-  EXPECT_EQ(t->login.NextPhoneHomeMs, calls.back() + 30'000);
+  EXPECT_EQ(t->login().NextPhoneHomeMs, calls.back() + 30'000);
 }
 
 TEST_F(TriggerFilePoller, FoldersNamedLikeTheTriggerFilesAreNoTriggersAndStay) {
@@ -439,7 +438,7 @@ TEST_F(TriggerFilePoller, ALinkNamedPerformLogoffGoesItselfAndItsTargetKeepsItsM
   std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
   std::filesystem::create_symlink(victim, LogoffFile());
   tmrPollForLogin_Timer(*t);
-  EXPECT_TRUE(t->login.LogoffSucceeded);
+  EXPECT_TRUE(t->login().LogoffSucceeded);
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(LogoffFile())));
   EXPECT_EQ(ReadFile(victim), "outside");
   EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
@@ -454,7 +453,7 @@ TEST_F(TriggerFilePoller, ALinkNamedTDLiveIDGoesBeforeTheLoginAndItsTargetStays)
   std::filesystem::permissions(victim, std::filesystem::perms::owner_read, std::filesystem::perm_options::replace);
   std::filesystem::create_symlink(victim, App("TDLiveID.INI"));
   LoginUser(*t);
-  EXPECT_TRUE(t->login.LoginSucceeded);
+  EXPECT_TRUE(t->login().LoginSucceeded);
   EXPECT_EQ(ReadFile(victim), "outside");
   EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms::owner_read);
   EXPECT_FALSE(std::filesystem::is_symlink(App("TDLiveID.INI")));

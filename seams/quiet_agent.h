@@ -5,8 +5,8 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/quiet_facilities.h"
-#include "service/agent.h"
+#include "seams/quiet_facilities.h"
+#include "service/wiring.h"
 
 namespace tdacli {
 

@@ -1,5 +1,5 @@
 #include "platform/posix/curl_http_client.h"
-#include "platform/testing/test_ca.h"
+#include "seams/test_ca.h"
 
 namespace tdacli::platform::testing {
 

@@ -1,34 +1,29 @@
-#include "triggers/poller.h"
+#include "triggers/trigger_files.h"
 
 #include <filesystem>
 #include <system_error>
 
+#include "common/errors.h"
 #include "common/files.h"
 #include "common/logging.h"
 #include "config/configuration.h"
 #include "config/result_files.h"
 #include "login/drivers.h"
+#include "login/login_results.h"
 #include "login/web_service.h"
 #include "platform/process_start.h"
-#include "siblings/messaging.h"
+#include "siblings/delivery.h"
 #include "state/agent.h"
+#include "triggers/capture_files.h"
 #include "triggers/logoff.h"
 #include "triggers/post_login.h"
+
 
 namespace tdacli {
 
 namespace {
 
 constexpr int16_t kGiveUpAt = 16;  // one trigger file earns 16 attempts, although the text says 15
-
-// The poll routine goes on past any failing step.
-template <typename Fn>
-void Ignoring(Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::exception&) {
-  }
-}
 
 bool UsableLiveID(const std::string& id) { return !id.empty() && id != "0" && id != "-1"; }
 
@@ -73,7 +68,7 @@ void PerformFileLogin(Agent& agent) {
   Ignoring([&] { LoginUser(agent); });
   if (agent.Ended()) return;
 
-  const bool succeeded = agent.login.LoginSucceeded;
+  const bool succeeded = agent.login().LoginSucceeded;
   if (succeeded) {
     poller.retry_counter = 0;
     DeleteFile(agent, login_file);
@@ -83,7 +78,7 @@ void PerformFileLogin(Agent& agent) {
       else
         LogMessage(agent, "Deleted File After login [" + login_file + "]", "Trace");
     });
-    if (UsableLiveID(agent.login.TDLiveID)) Ignoring([&] { ActOnLiveID(agent); });
+    if (UsableLiveID(agent.login().TDLiveID)) Ignoring([&] { ActOnLiveID(agent); });
   }
 
   Ignoring([&] { RunPostLoginSteps(agent); });
@@ -133,7 +128,7 @@ void tmrPollForLogin_Timer(Agent& agent) {
   // Off for the whole pass, so that its waits (up to 31 s for the media-transfer service, 15 s between
   // attempts, 20 s of codec install) never start a second pass; the next tick comes 3 s after this one
   // has ended.
-  agent.tmrPollForLogin.SetEnabled(false);
+  agent.trigger_file_timer.SetEnabled(false);
 
   if (FileExists(agent.AppPath("PerformLogin.TXT"))) PerformFileLogin(agent);
   if (agent.Ended()) return;
@@ -142,19 +137,25 @@ void tmrPollForLogin_Timer(Agent& agent) {
   if (FileExists(agent.AppPath("PerformLogoff.TXT"))) PerformFileLogoff(agent);
   if (agent.Ended()) return;
 
-  LoginState& login = agent.login;
+  const LoginState& login = agent.login();
   if (login.PhoneHome && agent.clock().NowMs() > login.NextPhoneHomeMs) {
     Ignoring([&] {
       if (agent.poller.phone_home)
         agent.poller.phone_home(agent);
       else
-        WebService_PhoneHomeForScreenGrabberTasks(agent);
+        PhoneHomeForScreenGrabberTasks(agent);
     });
     if (agent.Ended()) return;
-    login.NextPhoneHomeMs = agent.clock().NowMs() + 30'000;
+    ScheduleNextPhoneHome(agent);
   }
 
-  agent.tmrPollForLogin.SetEnabled(true);
+  agent.trigger_file_timer.SetEnabled(true);
+}
+
+void PhoneHomeForScreenGrabberTasks(Agent& agent) {
+  const PhoneHomeOutcome got = WebService_PhoneHomeForScreenGrabberTasks(agent);
+  if (got.send_frames) SendFramesForGrabberTask(agent, *got.send_frames);
+  if (got.task_received) AcknowledgeGrabberTask(agent);
 }
 
 void InstallCodec(Agent& agent) {
@@ -181,9 +182,12 @@ void InstallCodec(Agent& agent) {
 }
 
 void ActOnLiveID(Agent& agent) {
+  CutReceivedValues(agent, {{&LoginState::TDLiveID, "TDLiveID"},
+                            {&LoginState::RepeaterIP, "RepeaterIP"},
+                            {&LoginState::RepeaterPort, "RepeaterPort"}});
   SaveLiveID(agent);
   CreateRemoteControlSettings(agent);
-  if (!agent.login.PeerToPeerCapable) RequestRemoteControlLoad(agent);
+  if (!agent.login().PeerToPeerCapable) RequestRemoteControlLoad(agent);
 }
 
 }  // namespace tdacli

@@ -1,7 +1,7 @@
 #pragma once
 // Test seam: an HTTP client that trusts only the given CA certificate (PEM) instead of the system's
 // roots, for tests and benchmarks that serve HTTPS with a CA made at test time. Lives in the library
-// `tdacli_platform_testing`, which the agent itself never links.
+// `tdacli_seams`, which the agent itself never links.
 #include <memory>
 #include <string>
 

@@ -1,8 +1,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/testing/test_ca.h"
 #include "platform/win32/winhttp_client.h"
+#include "seams/test_ca.h"
 
 namespace tdacli::platform::testing {
 

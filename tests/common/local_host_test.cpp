@@ -1,11 +1,10 @@
-#include "common/host_identity.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
 
 #include "common/files.h"
+#include "common/local_host.h"
 #include "common/logging.h"
 #include "common/text.h"
 #include "platform/platform.h"

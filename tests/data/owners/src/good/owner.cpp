@@ -1,0 +1,2 @@
+#include "state/holder.h"
+void Set(Holder& h) { h.WriteThing().n = 1; }
