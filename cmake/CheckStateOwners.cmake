@@ -2,36 +2,17 @@
 # state" table of ARCHITECTURE.md may be called only from files of the folder its row names. Everyone
 # else reads the state through its const accessor.
 #   cmake -DSOURCE_DIR=<tree holding src/> [-DARCHITECTURE=<file>] -P CheckStateOwners.cmake
-cmake_minimum_required(VERSION 3.25)
-if(NOT SOURCE_DIR)
-  message(FATAL_ERROR "usage: cmake -DSOURCE_DIR=<dir> [-DARCHITECTURE=<file>] -P CheckStateOwners.cmake")
-endif()
-get_filename_component(SOURCE_DIR "${SOURCE_DIR}" ABSOLUTE)
-if(NOT ARCHITECTURE)
-  set(ARCHITECTURE ${SOURCE_DIR}/ARCHITECTURE.md)
-endif()
+include(${CMAKE_CURRENT_LIST_DIR}/ArchitectureTable.cmake)
 
-# The table: "| `State` | `folder/` | `WriteAccessor()` |" rows under the heading, up to the next one.
-file(STRINGS ${ARCHITECTURE} doc_lines ENCODING UTF-8)
-set(in_table OFF)
+# The table: "| `State` | `folder/` | `WriteAccessor()` |" rows.
+architecture_table_rows("Who writes the shared state" rows)
 set(writers "")
-foreach(line IN LISTS doc_lines)
-  if(line MATCHES "^## ")
-    if(line STREQUAL "## Who writes the shared state")
-      set(in_table ON)
-    else()
-      set(in_table OFF)
-    endif()
-    continue()
-  endif()
-  if(in_table AND line MATCHES "^\\| `[A-Za-z_]+` \\| `([a-z_]+)/` \\| `([A-Za-z_]+)\\(\\)` \\|")
+foreach(line IN LISTS rows)
+  if(line MATCHES "^\\| `[A-Za-z_]+` \\| `([a-z_]+)/` \\| `([A-Za-z_]+)\\(\\)` \\|")
     list(APPEND writers ${CMAKE_MATCH_2})
     set(owner_${CMAKE_MATCH_2} ${CMAKE_MATCH_1})
   endif()
 endforeach()
-if(NOT writers)
-  message(FATAL_ERROR "${ARCHITECTURE}: no \"Who writes the shared state\" table found")
-endif()
 
 file(GLOB_RECURSE files RELATIVE ${SOURCE_DIR}/src ${SOURCE_DIR}/src/*.h ${SOURCE_DIR}/src/*.cpp)
 list(SORT files)

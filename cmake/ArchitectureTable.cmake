@@ -1,0 +1,35 @@
+# Shared by the checks that hold the source tree to ARCHITECTURE.md: they take the same arguments and
+# read one table of that document each.
+#   cmake -DSOURCE_DIR=<tree holding src/> [-DARCHITECTURE=<file>] -P <check>.cmake
+cmake_minimum_required(VERSION 3.25)
+if(NOT SOURCE_DIR)
+  cmake_path(GET CMAKE_SCRIPT_MODE_FILE FILENAME check)
+  message(FATAL_ERROR "usage: cmake -DSOURCE_DIR=<dir> [-DARCHITECTURE=<file>] -P ${check}")
+endif()
+get_filename_component(SOURCE_DIR "${SOURCE_DIR}" ABSOLUTE)
+if(NOT ARCHITECTURE)
+  set(ARCHITECTURE ${SOURCE_DIR}/ARCHITECTURE.md)
+endif()
+
+# Sets <out> to the table rows ("| ... |" lines) under the "## <heading>" heading, up to the next
+# heading. A document without that table is a broken check, not a passing one.
+function(architecture_table_rows heading out)
+  file(STRINGS ${ARCHITECTURE} doc_lines ENCODING UTF-8)
+  set(in_table OFF)
+  set(rows "")
+  foreach(line IN LISTS doc_lines)
+    if(line MATCHES "^## ")
+      if(line STREQUAL "## ${heading}")
+        set(in_table ON)
+      else()
+        set(in_table OFF)
+      endif()
+    elseif(in_table AND line MATCHES "^\\|")
+      list(APPEND rows "${line}")
+    endif()
+  endforeach()
+  if(NOT rows)
+    message(FATAL_ERROR "${ARCHITECTURE}: no \"${heading}\" table found")
+  endif()
+  set(${out} "${rows}" PARENT_SCOPE)
+endfunction()
