@@ -3,11 +3,17 @@
 // agents and in a browser: tests/e2e/serve_linux.sh (E2E.ServeApiLinux, E2E.ServeBrowserLinux).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "support/test_agent.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/tcp_socket.h"
 #include "web/audit.h"
+#include "web/engine.h"
 #include "web/floor.h"
 #include "web/requests.h"
 #include "web/serve.h"
@@ -316,6 +322,53 @@ TEST(ServeFloor, FiltersAndExportsInFleetsFormats) {
   EXPECT_EQ(ExportJson(floor, {}), fleet::FormatJson(o, {}, "2026-11-14T08:00:00"));
   EXPECT_EQ(ExportJson(floor, {}), "{\n  \"command\": \"getver\",\n  \"time\": \"2026-11-14T08:00:00\",\n"
                                    "  \"summary\": {\n    \"hosts\": 0\n  },\n  \"hosts\": []\n}\n");
+}
+
+// --- the engine's queue --------------------------------------------------------------------------
+
+// Requests that talk to agents wait in a queue of kMaxQueuedJobs behind the job in hand; one more is
+// refused at once (the HTTP answer is 503) instead of piling up threads and memory behind a slow agent.
+TEST(ServeEngine, AJobBeyondTheQueueIsRefusedAtOnce) {
+  auto clock = platform::MakeSystemClock();
+  platform::EventLoop loop(*clock);
+  // An agent that takes connections and never greets: the job in hand waits for it.
+  platform::TcpSocket agent(loop);
+  agent.SetLocalHost("127.0.0.1");
+  std::vector<std::unique_ptr<platform::TcpSocket>> held;
+  int connections = 0;
+  agent.on_connection_request = [&](int64_t id) {
+    ++connections;
+    held.push_back(std::make_unique<platform::TcpSocket>(loop));
+    EXPECT_FALSE(held.back()->Accept(agent, id));
+  };
+  ASSERT_FALSE(agent.Listen());
+  const fleet::Host host{"127.0.0.1", agent.LocalPort()};
+
+  Engine engine(Engine::Settings{{host}, 4, 5, 0});
+  std::vector<std::thread> callers;
+  std::atomic<int> answered{0}, refused{0};
+  auto call = [&] {
+    callers.emplace_back([&] {
+      std::optional<Exchange> x = engine.RunCommand(host, "|GETINFO|", 60);
+      ++(x ? answered : refused);
+    });
+  };
+  call();
+  ASSERT_TRUE(loop.RunUntil(clock->NowMs() + 20000, [&] { return connections == 1; }));
+  for (size_t i = 0; i < kMaxQueuedJobs + 1; ++i) call();
+  // The job in hand waits up to 60 s for its greeting; the refusal comes long before it ends.
+  const int64_t give_up = clock->NowMs() + 20000;
+  while (refused.load() == 0 && clock->NowMs() < give_up) loop.RunFor(10);
+  EXPECT_EQ(refused.load(), 1);
+  EXPECT_EQ(answered.load(), 0);
+  EXPECT_EQ(connections, 1);
+
+  // The agent goes away: every job that got into the queue is served, each with its failure.
+  agent.Close();
+  held.clear();
+  for (std::thread& t : callers) t.join();
+  EXPECT_EQ(answered.load(), static_cast<int>(kMaxQueuedJobs) + 1);
+  EXPECT_EQ(refused.load(), 1);
 }
 
 // --- the audit log -------------------------------------------------------------------------------
