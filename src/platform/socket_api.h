@@ -22,6 +22,8 @@ SocketHandle CreateTcp(int* error);
 void CloseSocket(SocketHandle h);
 // A zero linger time (SO_LINGER {1, 0}): closing the socket then resets the connection.
 void SetAbortiveClose(SocketHandle h);
+// Ends the sending side only (the peer reads the end of the data); receiving goes on.
+void ShutdownSend(SocketHandle h);
 int Bind(SocketHandle h, uint16_t port);  // any address; returns 0 or error number
 // One local IPv4 address only (several servers can share a port on different loopback addresses).
 int BindTo(SocketHandle h, const std::string& ipv4, uint16_t port);

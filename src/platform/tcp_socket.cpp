@@ -153,7 +153,7 @@ SocketError TcpSocket::Accept(TcpSocket& from, int64_t request_id) {
 }
 
 SocketError TcpSocket::SendData(std::string_view data) {
-  if (state_ != kConnected) return Err(kWrongState);
+  if (state_ != kConnected || shutdown_send_) return Err(kWrongState);
   if (send_limit_ != 0 && !send_queue_.empty() && send_queue_.size() + data.size() > send_limit_)
     return Err(kOutputFull);
   if (!send_queue_.empty()) {
@@ -192,6 +192,13 @@ void TcpSocket::FlushSend() {
     }
     return;
   }
+  if (shutdown_send_) sockapi::ShutdownSend(handle_);
+}
+
+void TcpSocket::ShutdownSend() {
+  if (state_ != kConnected || shutdown_send_) return;
+  shutdown_send_ = true;
+  if (send_queue_.empty()) sockapi::ShutdownSend(handle_);
 }
 
 std::string TcpSocket::GetData() {
@@ -235,6 +242,7 @@ void TcpSocket::Close() {
   data_notified_ = false;
   peeked_ = 0;
   send_queue_.clear();
+  shutdown_send_ = false;
   pending_request_id_ = 0;
 }
 

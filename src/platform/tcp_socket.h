@@ -77,6 +77,10 @@ class TcpSocket : public SocketSink {
   // Ends the connection abortively: the peer sees a reset (10054) instead of an orderly close. A login
   // server simulator uses it to play a server that breaks off the conversation.
   void Reset();
+  // Ends the sending side in order, after any output still queued, and goes on receiving: the peer
+  // sees the end of the data, and its own close then arrives as Close. A console uses it to learn that
+  // the agent has taken its departure in before it connects again.
+  void ShutdownSend();
 
   // Caps the output waiting to be sent (0: no cap); SendData() beyond it fails with kOutputFull.
   void SetSendLimit(size_t bytes) { send_limit_ = bytes; }
@@ -133,6 +137,7 @@ class TcpSocket : public SocketSink {
   std::string send_queue_;
   size_t send_limit_ = 0;
   bool drain_unread_ = false;
+  bool shutdown_send_ = false;    // ShutdownSend() asked: no more output once the queue is sent
   std::string held_;              // drained arrival kept for GetData()
   bool held_taken_ = false;       // the announced arrival has been moved into held_
   bool in_request_handler_ = false;

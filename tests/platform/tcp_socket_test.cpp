@@ -148,6 +148,52 @@ TEST(TcpSocket, ResetOfASocketThatIsNotConnectedIsAClose) {
   EXPECT_LT(TcpSocket::OpenSocketCount(), open);
 }
 
+TEST(TcpSocket, ShutdownSendEndsTheDataForThePeerAndKeepsReadingUntilItClosesInReturn) {
+  SimulatedClock clock;
+  Pair p(clock);
+  std::string at_server, at_client;
+  bool server_saw_close = false, client_saw_close = false;
+  p.accepted.on_data_arrival = [&](size_t) { at_server += p.accepted.GetData(); };
+  p.accepted.on_close = [&] {
+    at_server += p.accepted.GetData();
+    server_saw_close = true;
+    // Still able to answer: only the client's sending side is closed.
+    p.accepted.Close();
+  };
+  p.client.on_data_arrival = [&](size_t) { at_client += p.client.GetData(); };
+  p.client.on_close = [&] {
+    at_client += p.client.GetData();
+    client_saw_close = true;
+  };
+  ASSERT_FALSE(p.client.SendData("last words"));
+  p.client.ShutdownSend();
+  EXPECT_EQ(p.client.State(), TcpSocket::kConnected);
+  EXPECT_TRUE(p.client.SendData("more"));  // nothing may follow the end
+  ASSERT_TRUE(p.loop.RunUntil(clock.NowMs() + 5000, [&] { return server_saw_close; }));
+  EXPECT_EQ(at_server, "last words");
+  ASSERT_TRUE(p.loop.RunUntil(clock.NowMs() + 5000, [&] { return client_saw_close; }));
+  EXPECT_EQ(at_client, "");
+}
+
+TEST(TcpSocket, ShutdownSendWaitsForQueuedOutput) {
+  SimulatedClock clock;
+  Pair p(clock);
+  // More than the socket buffers take at once: part of it waits in the queue.
+  const std::string big(8 << 20, 'x');
+  ASSERT_FALSE(p.client.SendData(big));
+  ASSERT_GT(p.client.PendingSendBytes(), 0u);
+  p.client.ShutdownSend();
+  size_t received = 0;
+  bool closed = false;
+  p.accepted.on_data_arrival = [&](size_t) { received += p.accepted.GetData().size(); };
+  p.accepted.on_close = [&] {
+    received += p.accepted.GetData().size();
+    closed = true;
+  };
+  ASSERT_TRUE(p.loop.RunUntil(clock.NowMs() + 20000, [&] { return closed; }));
+  EXPECT_EQ(received, big.size());
+}
+
 TEST(TcpSocket, RefusedConnectionRaisesError10061) {
   SimulatedClock clock;
   EventLoop loop(clock);

@@ -210,14 +210,17 @@ TEST_F(AgentExplorerExchange, GetInfoAndSetAgainstAnAgent) {
   Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), "|GETINFO|", 15);
   EXPECT_EQ(x.status, Exchange::kReplied);
   EXPECT_EQ(x.reply, kInfo);
-  // Let the agent see the first connection's close: a close arriving after the next connection was
-  // accepted would close that newer one.
-  t->loop().RunFor(100);
+  // The exchange ends only once the agent has taken in the console's departure: a close it saw after
+  // the next connection was accepted would close that newer one. So the next one may follow at once.
+  listener::CommandListener& l = listener::ListenerOf(*t);
+  EXPECT_EQ(l.ListenConnectionIndex, 1);
+  EXPECT_EQ(l.ElementState(1), TcpSocket::kClosed);
   x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), "|SETEXT|4711;", 15);
   EXPECT_EQ(x.status, Exchange::kReplied);
   EXPECT_EQ(x.reply, "|SETEXT|<Extension>4711;");
   EXPECT_EQ(testing::ReadFile(ConfigFile()), testing::SettingsFile("4711"));
-  EXPECT_EQ(listener::ListenerOf(*t).ListenConnectionIndex, 2);
+  EXPECT_EQ(l.ListenConnectionIndex, 2);
+  EXPECT_EQ(l.ElementState(2), TcpSocket::kClosed);
 }
 
 TEST_F(AgentExplorerExchange, NoReplyWithinTheTimeOut) {
@@ -241,7 +244,6 @@ TEST_F(AgentExplorerExchange, EverySubCommandIsAnswered) {
     Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", Port(), o.command, o.timeout_seconds);
     EXPECT_EQ(x.status, Exchange::kReplied) << args[0];
     EXPECT_FALSE(x.reply.empty()) << args[0];
-    t->loop().RunFor(100);
   }
 }
 
@@ -258,7 +260,6 @@ TEST_F(AgentExplorerExchange, SendFramesChoppedIntoPieces) {
               n - 1)
         << n;
     EXPECT_EQ(testing::ReadFile(t->AppPath("SendFrames-JOB6.TSF")), "|SENDFRAMES|a@b@JOB6\r\n");
-    t->loop().RunFor(100);
   }
 }
 

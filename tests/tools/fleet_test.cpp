@@ -590,6 +590,11 @@ TEST_F(FleetRun, SetShowsTheChangeAndAppliesItOnlyWhenAsked) {
   EXPECT_EQ(rs[0].sets[2].result, "would change");
   EXPECT_EQ(testing::ReadFile(ConfigFile()), testing::SettingsFile());
   EXPECT_EQ(SummaryLine(o, rs), "1 host: 1 ok; 2 would change, 1 unchanged");
+  // The run ends only once the agent has taken in the console's departure, so the next run's
+  // connection cannot be closed by that late close.
+  listener::CommandListener& l = listener::ListenerOf(*t);
+  EXPECT_EQ(l.ListenConnectionIndex, 1);
+  EXPECT_EQ(l.ElementState(1), platform::TcpSocket::kClosed);
 
   o.apply = true;
   rs = RunOn(o);

@@ -67,6 +67,8 @@ void SetAbortiveClose(SocketHandle h) {
   setsockopt(static_cast<int>(h), SOL_SOCKET, SO_LINGER, &l, sizeof l);
 }
 
+void ShutdownSend(SocketHandle h) { shutdown(static_cast<int>(h), SHUT_WR); }
+
 int Bind(SocketHandle h, uint16_t port) {
   // Lets a restarted agent take its port back from connections in TIME_WAIT; a port that another
   // program listens on still fails with "address in use".

@@ -67,6 +67,8 @@ void SetAbortiveClose(SocketHandle h) {
   setsockopt(S(h), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&l), sizeof l);
 }
 
+void ShutdownSend(SocketHandle h) { shutdown(S(h), SD_SEND); }
+
 int Bind(SocketHandle h, uint16_t port) {
   // No SO_REUSEADDR here: on Windows it lets a second listener take a port that is already in use
   // instead of failing with "address in use", which the start-up retries depend on.

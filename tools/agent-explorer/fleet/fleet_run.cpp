@@ -8,6 +8,7 @@
 
 #include "fleet.h"
 #include "platform/socket_api.h"
+#include "shared/exchange.h"
 #include "platform/tcp_socket.h"
 
 namespace tdacli::explorer::fleet {
@@ -162,11 +163,15 @@ class Conversation {
     socket_.on_connect = [this] { connected_ = true; };
     socket_.on_data_arrival = [this](size_t) { Arrived(socket_.GetData()); };
     socket_.on_close = [this] {
+      if (closing_) return Let();
       std::string rest = socket_.GetData();
       if (!rest.empty()) Arrived(std::move(rest));
       if (!done_) PeerClosed();
     };
-    socket_.on_error = [this](int number, const std::string& description) { Failed(number, description); };
+    socket_.on_error = [this](int number, const std::string& description) {
+      if (closing_) return Let();
+      Failed(number, description);
+    };
   }
 
   void Start() {
@@ -176,11 +181,14 @@ class Conversation {
     if (platform::SocketError e = socket_.Connect()) Failed(e.number, e.description);
   }
 
-  bool done() const { return done_; }
-  int64_t Deadline() const { return done_ ? kNever : stage_deadline_; }
+  // The result is final and the connection let go: the conversation's place is free.
+  bool released() const { return done_ && !closing_; }
+  int64_t Deadline() const { return closing_ ? close_deadline_ : done_ ? kNever : stage_deadline_; }
 
-  // The loop passed this conversation's deadline: whatever came so far, the stage did not finish.
+  // The loop passed this conversation's deadline: whatever came so far, the stage did not finish; or
+  // the agent did not close in return in time, and the connection goes anyway.
   void Expire() {
+    if (closing_ && Now() >= close_deadline_) return Let();
     if (done_ || Now() < stage_deadline_) return;
     if (step_ == Step::kSet) sets_failed_reason_ = "no reply";
     Finish("timeout");
@@ -204,6 +212,21 @@ class Conversation {
       const bool in_hand = k + 1 == set_next_ && !sets_failed_reason_.empty();
       r.result = "failed: " + (in_hand ? sets_failed_reason_ : std::string("not sent"));
     }
+    ++finished_;
+    // An agent that answered everything is given the chance to take in the console's departure before
+    // the next connection to it (kAgentCloseWaitMs); any other peer is simply closed.
+    if (out_.state == "ok" && socket_.State() == platform::TcpSocket::kConnected) {
+      closing_ = true;
+      close_deadline_ = Now() + kAgentCloseWaitMs;
+      socket_.ShutdownSend();
+      return;
+    }
+    socket_.Close();
+  }
+
+  // Lets the connection go after the console's orderly departure.
+  void Let() {
+    closing_ = false;
     socket_.Close();
     ++finished_;
   }
@@ -340,9 +363,9 @@ class Conversation {
   platform::TcpSocket socket_;
   const int64_t timeout_ms_;
   Step step_ = Step::kGreeting;
-  bool connected_ = false, done_ = false;
+  bool connected_ = false, done_ = false, closing_ = false;
   std::string buffer_;
-  int64_t stage_deadline_ = kNever, sent_at_ = 0;
+  int64_t stage_deadline_ = kNever, sent_at_ = 0, close_deadline_ = kNever;
   std::vector<size_t> pending_sets_;  // indexes into o_.values of the SETs to send
   size_t set_next_ = 0;               // pending_sets_[set_next_ - 1] is in hand
   std::string sets_failed_reason_;
@@ -386,12 +409,12 @@ std::vector<HostResult> Run(platform::EventLoop& loop, const Options& o,
     if (finished == seen) loop.RunUntil(deadline, [&] { return finished != seen; });
     const int64_t now = loop.clock().NowMs();
     for (Slot& s : active)
-      if (!s.c->done() && s.c->Deadline() <= now) s.c->Expire();
+      if (s.c->Deadline() <= now) s.c->Expire();
     seen = finished;
     // Finished conversations give their place to the next hosts (their sockets are closed already).
     size_t kept = 0;
     for (Slot& s : active) {
-      if (s.c->done()) {
+      if (s.c->released()) {
         ++p.done;
         if (results[s.index].state != "ok") ++p.failed;
         continue;

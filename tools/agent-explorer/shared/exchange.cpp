@@ -19,15 +19,19 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
 
   platform::TcpSocket socket(loop);
   std::string received;
-  bool connected = false, closed = false, failed = false;
+  bool connected = false, closed = false, failed = false, answered = false;
   int64_t last_data_ms = 0;
   socket.on_connect = [&] { connected = true; };
+  // Once the reply is taken, whatever else comes is read and dropped.
   socket.on_data_arrival = [&](size_t) {
-    received += socket.GetData();
+    std::string data = socket.GetData();
+    if (answered) return;
+    received += data;
     last_data_ms = clock.NowMs();
   };
   socket.on_close = [&] {
-    received += socket.GetData();
+    std::string data = socket.GetData();
+    if (!answered) received += data;
     closed = true;
   };
   socket.on_error = [&](int number, const std::string& description) {
@@ -91,7 +95,12 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
     if (closed || failed || received.size() == before || clock.NowMs() >= deadline) break;
   }
   result.status = Exchange::kReplied;
-  result.reply = received;
+  result.reply = std::move(received);
+  answered = true;
+  if (!closed && !failed) {
+    socket.ShutdownSend();
+    loop.RunUntil(clock.NowMs() + kAgentCloseWaitMs, [&] { return closed || failed; });
+  }
   socket.Close();
   return result;
 }

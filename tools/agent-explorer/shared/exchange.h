@@ -14,6 +14,13 @@ namespace tdacli::explorer {
 // 30-second stages and the 31-second temp-folder check): its reply takes longer than any other.
 inline constexpr double kLoginTimeoutSeconds = 180;
 
+// An agent's close event closes its newest console connection, whichever connection closed. A console
+// that connects again before the agent has taken in the close of its last connection would have the
+// new one closed under it. So a console that got its answer ends its sending side and waits, at most
+// this long, for the agent to close in return (its close event closed the connection it served)
+// before it lets the connection go.
+inline constexpr int kAgentCloseWaitMs = 2000;
+
 // One exchange with a listener on `loop`.
 struct Exchange {
   enum Status {
