@@ -136,6 +136,7 @@ std::shared_ptr<const Floor> BuildFloor(std::vector<fleet::HostResult> results, 
   auto f = std::make_shared<Floor>();
   f->scan = scan;
   f->time = scan ? TimeText(started) : "";
+  f->started_ms = started_ms;
   f->results = std::move(results);
   f->common = CommonValues(f->results);
   const int64_t start_seconds = platform::SecondsFromLocal(started);

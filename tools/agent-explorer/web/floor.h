@@ -37,6 +37,7 @@ std::string AgentVersion(const fleet::HostResult& r);
 struct Floor {
   uint64_t scan = 0;                       // 0: nothing scanned yet
   std::string time;                        // when the scan started, "YYYY-MM-DDTHH:MM:SS"
+  int64_t started_ms = 0;                  // the same on the engine's clock (milliseconds)
   std::vector<fleet::HostResult> results;  // in the order of the host list
   std::vector<std::string> answered;       // per row: the time of its answer
   std::vector<std::vector<std::string>> drift;
