@@ -268,16 +268,17 @@ def run():
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
                     "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", f"{tls}/key.pem", "-out", f"{tls}/cert.pem"],
                    check=True, capture_output=True)
-    server = subprocess.Popen([args.explorer, "serve", "--hosts", f.key(1), "--listen", "127.0.0.1:0", "--tls-cert",
+    # Beyond loopback (every address), as it may be with TLS; reached here through loopback.
+    server = subprocess.Popen([args.explorer, "serve", "--hosts", f.key(1), "--listen", "0.0.0.0:0", "--tls-cert",
                                f"{tls}/cert.pem", "--tls-key", f"{tls}/key.pem", "--audit-log", f"{tls}/audit.jsonl"],
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     try:
         line = server.stdout.readline().decode()
-        m = re.match(r"agent-explorer serve: (https://127\.0\.0\.1:\d+/login\?token=[0-9a-f]{64}) \(1 host, audit log ",
+        m = re.match(r"agent-explorer serve: https://0\.0\.0\.0:(\d+)/login\?token=([0-9a-f]{64}) \(1 host, audit log ",
                      line)
         check(m, f"the HTTPS start-up line: {line!r}")
         context = ssl.create_default_context(cafile=f"{tls}/cert.pem")
-        h = Console(m.group(1), context)
+        h = Console(f"https://127.0.0.1:{m.group(1)}/login?token={m.group(2)}", context)
         status, headers, _ = h.request("GET", "/login?token=" + h.token, bearer=False)
         same(status, 303, "/login over HTTPS")
         check(headers["Set-Cookie"].endswith("; HttpOnly; SameSite=Strict; Secure"), "a Secure cookie under TLS")
