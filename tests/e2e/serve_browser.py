@@ -40,6 +40,13 @@ def run():
     wait = WebDriverWait(d, 60)
     shot = lambda name: d.save_screenshot(f"{args.shots}/{name}.png")
 
+    def click_row(host, inside):
+        # A row's control, brought to the middle of the window first: where the browser left the page
+        # scrolled, the row may lie under the table's sticky header, which would take the click.
+        e = d.find_element(By.CSS_SELECTOR, f"#hosts tr[data-host='{host}'] {inside}")
+        d.execute_script("arguments[0].scrollIntoView({block: 'center'})", e)
+        e.click()
+
     def shown_hosts():
         # The rows in the page once the filter's pass has ended.
         wait.until(lambda _: d.execute_script("return !document.getElementById('hosts').dataset.pending"))
@@ -124,7 +131,7 @@ def run():
         Select(d.find_element(By.ID, "state-filter")).select_by_value("")
 
         step("a seat with its component report")
-        d.find_element(By.CSS_SELECTOR, f"#hosts tr[data-host='{f.key(8)}'] a").click()
+        click_row(f.key(8), "a")
         wait.until(lambda _: d.find_elements(By.CSS_SELECTOR, "#seat-components tbody tr"))
         check(d.find_element(By.ID, "floor").get_attribute("hidden") is not None, "the floor hidden in the seat view")
         same(d.find_element(By.ID, "seat-title").text, f.key(8), "the seat's title")
@@ -137,7 +144,7 @@ def run():
         wait.until(lambda _: d.execute_script("return document.body.dataset.ready === '1'"))
         before = {i: f.read_settings(i) for i in f.agents}
         for i in (4, 5):
-            d.find_element(By.CSS_SELECTOR, f"#hosts tr[data-host='{f.key(i)}'] input[type=checkbox]").click()
+            click_row(f.key(i), "input[type=checkbox]")
         d.find_element(By.CSS_SELECTOR, "#change summary").click()
         Select(d.find_element(By.ID, "change-setting")).select_by_value("ext")
         d.find_element(By.ID, "change-value").send_keys("7777")
