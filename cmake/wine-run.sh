@@ -14,7 +14,8 @@ export WINEDEBUG="${WINEDEBUG:--all}"
 # No Mono or Gecko installer dialog, no window: nothing may wait for a user.
 export WINEDLLOVERRIDES="mscoree,mshtml="
 export DISPLAY=
-WINE=/usr/lib/wine/wine64
+# Wine started through wine.sh, with the layout of its address space fixed (see there).
+WINE="$(cd "$(dirname "$0")" && pwd)/wine.sh"
 
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
   mkdir -p "$(dirname "$WINEPREFIX")"

@@ -20,7 +20,8 @@ cmake --preset windows -DTDACLI_HOST_AGENT="$HOST_AGENT"
 cmake --build --preset windows -j "$JOBS"
 
 # --- Wine: the build tree's private prefix, one server for the whole run
-WINE=/usr/lib/wine/wine64
+# Wine started through cmake/wine.sh, with the layout of its address space fixed (see there).
+WINE=$PWD/cmake/wine.sh
 WINESERVER=/usr/lib/wine/wineserver
 [ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
 export WINEPREFIX="$PWD/build/windows/wineprefix"

@@ -173,9 +173,10 @@ server_heard() { has_line "$WORK/transcript.txt" "^\[[0-9]+\] C> $1\$"; }
 no_errors_logged() { ! messages | grep -q '^Error in ' || fail "an error was logged: $(messages | grep '^Error in ')"; }
 # Code $1 goes to TDACLI through the script's control(), and is sent.
 send_code() {
-  local out
+  local out rc
   out=$(control TDACLI "$1")
-  [ "$out" = "code $1 sent to TDACLI" ] || fail "code $1 not delivered: $out"
+  rc=$?
+  [ "$out" = "code $1 sent to TDACLI" ] || fail "code $1 not delivered (exit status $rc): $out"
 }
 # The process $1, a child of this shell, ends within $2 seconds with exit status 0.
 ends_with_status_0() {

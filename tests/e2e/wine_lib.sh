@@ -7,7 +7,8 @@
 # unless given). At exit the services of the run are removed, Wine ended and the simulator stopped.
 begin_wine_run() {
   STARTED=$(date +%s%N)
-  WINE=/usr/lib/wine/wine64
+  # Wine started through cmake/wine.sh, with the layout of its address space fixed (see there).
+  WINE=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../cmake" && pwd)/wine.sh
   WINESERVER=/usr/lib/wine/wineserver
   [ -x "$WINESERVER" ] || WINESERVER=$(command -v wineserver)
   APP=$WORK/app

@@ -56,6 +56,17 @@ grep -qF "Version: 3.0 (Build: $((100 + REVISION)))" "$trace" || fail "banner la
 grep -q 'Listening Port: [1-9][0-9]*' "$trace" || fail "banner lacks the listening port"
 grep -qF "Information in TDACLI: TD Agent Client Login Service Started" "$trace" || fail "banner category"
 
+step "the service manager's process for the service has its address-space layout fixed, as wine.sh starts Wine"
+# ADDR_NO_RANDOMIZE (0x0040000) in the personality of the service's process, found by this prefix.
+svc_pid=
+for p in $(pgrep -f 'tdacli\.exe'); do
+  tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null | grep -qxF "WINEPREFIX=$WINEPREFIX" && svc_pid=$p
+done
+[ -n "$svc_pid" ] || fail "no process of the service in this prefix"
+personality=$(cat "/proc/$svc_pid/personality")
+(( 0x$personality & 0x0040000 )) || fail "the service runs with a randomized layout (personality $personality)"
+grep -q '^7d0[0-9a-f]*-[0-9a-f]* .*\[heap\]$' "/proc/$svc_pid/maps" || fail "the heap does not follow the loader: $(grep '\[heap\]' "/proc/$svc_pid/maps")"
+
 step "user-defined control code 200"
 out=$(svctool control TDACLI 200); grep -qx 'result=0' <<<"$out" || fail "ControlService(200): $out"
 wait_for 30 trace_says "Warning in TDACLI: The message (200) was recevied and discarded. The service does not recognize that request" ||
