@@ -221,9 +221,12 @@ bool SaveWholeFile(platform::FileSystem& files, const std::string& path, std::st
       return true;
   }
   const std::string temporary = how.temporary.empty() ? TemporaryNameBeside(path) : how.temporary;
-  // A link under the temporary name goes itself (the write would refuse to follow it); a leftover
-  // file of an earlier save cut short is simply written over.
-  if (files.Kind(temporary) == platform::EntryKind::kLink) files.Remove(temporary);
+  // Whatever is under the temporary name goes first, so that the write always makes a new file: a
+  // link goes itself (the write would refuse to follow it), and a leftover of an earlier save cut
+  // short might still share its bytes with another name (a hard link left by a rename that could not
+  // remove its old name), which writing over it would change too.
+  const platform::EntryKind left = files.Kind(temporary);
+  if (left == platform::EntryKind::kLink || left == platform::EntryKind::kFile) files.Remove(temporary);
   const platform::FileResult written = files.Write(temporary, content, how.flush);
   if (!written) {
     error = FileWriteFault(written, temporary);

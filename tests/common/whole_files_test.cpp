@@ -159,6 +159,22 @@ TEST(SaveWholeFile, ALinkUnderTheTemporaryNameGoesItselfAndItsTargetIsUntouched)
   EXPECT_FALSE(fs::exists(fs::symlink_status(t.dir.File("~TDIPMASK_INI.tdtmp"))));
 }
 
+TEST(SaveWholeFile, ALeftoverSharingItsBytesWithAnotherNameIsNotWrittenThrough) {
+  TestAgent t;
+  testing::TempDir outside;
+  const std::string other = outside.File("other.txt");
+  WriteFile(other, "outside");
+  // A rename that kept its target links the file under the new name and then removes the old one; a
+  // removal that failed leaves the temporary name as a second name of the same bytes.
+  fs::create_hard_link(other, t.dir.File("~TDIPMASK_INI.tdtmp"));
+  TrappedError error;
+  ASSERT_TRUE(SaveWholeFile(platform::SystemFileSystem(), t.dir.File("TDIPMASK.INI"), "mask\r\n", {}, error));
+  EXPECT_EQ(ReadFile(t.dir.File("TDIPMASK.INI")), "mask\r\n");
+  EXPECT_EQ(ReadFile(other), "outside");
+  EXPECT_EQ(fs::hard_link_count(other), 1u);
+  EXPECT_FALSE(fs::exists(t.dir.File("~TDIPMASK_INI.tdtmp")));
+}
+
 TEST(SaveWholeFile, ALinkUnderTheFilesNameIsReplacedByTheFileAndItsTargetIsUntouched) {
   TestAgent t;
   testing::TempDir outside;

@@ -107,7 +107,23 @@ TEST(FileSystem, RemoveTakesReadOnlyFilesButNeverFolders) {
   EXPECT_TRUE(fs::is_directory(dir.File("empty.TXT")));
 }
 
-#ifndef _WIN32
+#ifdef _WIN32
+TEST(FileSystem, WriteRefusesASymbolicLinkUnderTheName) {
+  testing::TempDir dir, outside;
+  const std::string victim = outside.File("victim.txt");
+  WriteFile(victim, "outside");
+  const std::string link = dir.File("TDLiveID.INI");
+  std::error_code ec;
+  fs::create_symlink(fs::u8path(victim), fs::u8path(link), ec);
+  if (ec) GTEST_SKIP() << "no symbolic links here: " << ec.message();
+  ASSERT_EQ(Files().Kind(link), EntryKind::kLink);
+  EXPECT_EQ(Files().Write(link, "planted", false).fault, FileFault::kAccessDenied);
+  EXPECT_EQ(ReadFile(victim), "outside");
+  ASSERT_TRUE(Files().Remove(link));
+  EXPECT_EQ(Files().Kind(link), EntryKind::kMissing);
+  EXPECT_EQ(ReadFile(victim), "outside");
+}
+#else
 TEST(FileSystem, LinksAreNeitherFollowedNorWrittenThrough) {
   testing::TempDir dir, outside;
   const std::string victim = outside.File("victim.txt");

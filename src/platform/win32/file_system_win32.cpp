@@ -95,6 +95,11 @@ class Win32FileSystem final : public FileSystem {
 
   FileResult Write(const std::string& path, std::string_view bytes, bool flush) override {
     const std::wstring w = Wide(path);
+    // CreateFileW would follow a link planted under the name: it is refused, as O_NOFOLLOW refuses
+    // it on POSIX.
+    const DWORD a = Attributes(w);
+    if (a != INVALID_FILE_ATTRIBUTES && (a & FILE_ATTRIBUTE_REPARSE_POINT) && !(a & FILE_ATTRIBUTE_DIRECTORY))
+      return Fault(ERROR_CANT_ACCESS_FILE);
     HANDLE h = Create(w);
     if (h == INVALID_HANDLE_VALUE) {
       const DWORD error = GetLastError();
