@@ -277,6 +277,35 @@ TEST(AgentExplorerTimeOut, NoGreetingFromAPortWhereNothingAnswers) {
   EXPECT_LT(t.clock.NowMs() - start, 15000);
 }
 
+// A peer on the console port that sends without end: what it sent is dropped once it passes the bound,
+// and the connection is closed, before or after its greeting.
+void SendWithoutEnd(bool greet) {
+  testing::TestAgent t;
+  TcpSocket peer(t->loop()), accepted(t->loop());
+  peer.SetLocalPort(0);
+  ASSERT_FALSE(peer.Listen());
+  const std::string flood(3 * explorer::kMaxExchangeBytes, 'x');
+  // Greeted, it floods as its reply to the command; otherwise at once.
+  peer.on_connection_request = [&](int64_t id) {
+    accepted.Accept(peer, id);
+    accepted.SendData(greet ? std::string("|READY|") : flood);
+  };
+  accepted.on_data_arrival = [&](size_t) {
+    accepted.GetData();
+    accepted.SendData(flood);
+  };
+  t.clock.idle_grace_ms = 500;  // the flood crosses the network stack in real time
+  const int64_t start = t.clock.NowMs();
+  Exchange x = explorer::RunExchange(t->loop(), "127.0.0.1", peer.LocalPort(), "|GETINFO|", 60);
+  EXPECT_EQ(x.status, Exchange::kTooLong);
+  EXPECT_EQ(x.reply, "");
+  EXPECT_EQ(x.error, "more than 1048576 bytes");
+  EXPECT_LT(t.clock.NowMs() - start, 60000);
+}
+
+TEST(AgentExplorerBound, APeerThatSendsWithoutEndBeforeItsGreetingIsCutOff) { SendWithoutEnd(false); }
+TEST(AgentExplorerBound, APeerThatSendsWithoutEndAsItsReplyIsCutOff) { SendWithoutEnd(true); }
+
 TEST(AgentExplorerTimeOut, RefusedConnection) {
   testing::TestAgent t;
   uint16_t port = 0;

@@ -89,6 +89,9 @@ int main(int argc, char** argv) {
     case Exchange::kNoReply:
       std::cerr << "agent-explorer: no reply to " << o.name << " within " << o.timeout_seconds << " s\n";
       return kExitNoReply;
+    case Exchange::kTooLong:
+      std::cerr << "agent-explorer: " << o.host << ":" << o.port << " sent " << x.error << "; the connection was closed\n";
+      return kExitNoReply;
     case Exchange::kReplied:
       break;
   }

@@ -19,20 +19,32 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
 
   platform::TcpSocket socket(loop);
   std::string received;
-  bool connected = false, closed = false, failed = false, answered = false;
+  bool connected = false, closed = false, failed = false, answered = false, too_long = false;
   int64_t last_data_ms = 0;
+  // Takes what arrived, up to kMaxExchangeBytes in all; what passes it ends the exchange.
+  auto take = [&](const std::string& data) {
+    if (answered || too_long) return;
+    if (received.size() + data.size() > kMaxExchangeBytes) {
+      too_long = true;
+      return;
+    }
+    received += data;
+  };
   socket.on_connect = [&] { connected = true; };
   // Once the reply is taken, whatever else comes is read and dropped.
   socket.on_data_arrival = [&](size_t) {
-    std::string data = socket.GetData();
-    if (answered) return;
-    received += data;
+    take(socket.GetData());
     last_data_ms = clock.NowMs();
   };
   socket.on_close = [&] {
-    std::string data = socket.GetData();
-    if (!answered) received += data;
+    take(socket.GetData());
     closed = true;
+  };
+  auto cut_off = [&] {
+    result.status = Exchange::kTooLong;
+    result.error = "more than " + std::to_string(kMaxExchangeBytes) + " bytes";
+    socket.Close();
+    return result;
   };
   socket.on_error = [&](int number, const std::string& description) {
     failed = true;
@@ -47,16 +59,22 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
     return result;
   }
 
-  // The greeting: the connection and "|READY|" within the time-out.
+  // The greeting: the connection and "|READY|" within the time-out. Each arrival is searched from
+  // where the last search could not have missed it, never from the start again.
   constexpr std::string_view kReady = "|READY|";
+  size_t ready_at = std::string::npos, searched = 0;
   bool greeted = loop.RunUntil(clock.NowMs() + timeout_ms, [&] {
-    return failed || closed || received.find(kReady) != std::string::npos;
+    if (ready_at == std::string::npos && received.size() > searched) {
+      ready_at = received.find(kReady, searched > kReady.size() ? searched - kReady.size() : 0);
+      searched = received.size();
+    }
+    return failed || closed || too_long || ready_at != std::string::npos;
   });
   if (failed && !connected) {
     result.status = Exchange::kConnectFailed;
     return result;
   }
-  const size_t ready_at = received.find(kReady);
+  if (ready_at == std::string::npos && too_long) return cut_off();
   if (!greeted || ready_at == std::string::npos) {
     result.status = Exchange::kNoGreeting;
     socket.Close();
@@ -79,10 +97,11 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
   // The reply has no terminator: it is complete when no more data comes for a moment.
   const int64_t deadline = clock.NowMs() + timeout_ms;
   if (received.empty()) {
-    loop.RunUntil(deadline, [&] { return !received.empty() || closed || failed; });
+    loop.RunUntil(deadline, [&] { return !received.empty() || closed || failed || too_long; });
   } else {
     last_data_ms = clock.NowMs();
   }
+  if (too_long) return cut_off();
   if (received.empty()) {
     result.status = Exchange::kNoReply;
     socket.Close();
@@ -91,7 +110,9 @@ Exchange RunExchange(platform::EventLoop& loop, const std::string& host, uint16_
   for (;;) {
     const int64_t quiet_until = last_data_ms + settle_ms;
     const size_t before = received.size();
-    loop.RunUntil(std::min(quiet_until, deadline), [&] { return received.size() != before || closed || failed; });
+    loop.RunUntil(std::min(quiet_until, deadline),
+                  [&] { return received.size() != before || closed || failed || too_long; });
+    if (too_long) return cut_off();
     if (closed || failed || received.size() == before || clock.NowMs() >= deadline) break;
   }
   result.status = Exchange::kReplied;

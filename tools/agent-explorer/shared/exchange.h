@@ -1,6 +1,7 @@
 #pragma once
 // What every mode of agent-explorer shares: one exchange with an agent's command listener (greeting,
 // one command, its reply) and the program's exit codes.
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -21,6 +22,11 @@ inline constexpr double kLoginTimeoutSeconds = 180;
 // before it lets the connection go.
 inline constexpr int kAgentCloseWaitMs = 2000;
 
+// What one exchange keeps of what a peer sends, the greeting and the reply together. An agent's longest
+// reply, its component report, holds a few kilobytes; a peer that sends without end is cut off here
+// instead of filling the console's memory.
+inline constexpr size_t kMaxExchangeBytes = size_t{1} << 20;
+
 // One exchange with a listener on `loop`.
 struct Exchange {
   enum Status {
@@ -28,6 +34,7 @@ struct Exchange {
     kConnectFailed,  // the connection could not be made
     kNoGreeting,     // no "|READY|" within the time-out
     kNoReply,        // no reply within the time-out
+    kTooLong,        // the peer sent more than kMaxExchangeBytes: the connection was closed
   };
   Status status = kConnectFailed;
   std::string reply;
