@@ -12,7 +12,7 @@ import subprocess
 import tempfile
 import time
 
-from serve_lib import Console, Failed, Floor, check, main, same, step
+from serve_lib import Console, Failed, Floor, check, hostile_requests, main, same, step
 
 AGENT_VERSION = {8: "3, 0, 0, 7", 9: "2, 1, 0, 15"}
 
@@ -210,6 +210,8 @@ def run():
     s.close()
     check(sent < (32 << 20), "an endless header was read to 32 MiB")
     same(c.request("GET", "/api/scan")[0], 200, "the console after an endless header")
+
+    hostile_requests(c)
 
     step("bounds: a client that trickles is cut after 10 s; one address holds at most 8 connections")
     # A first request answered on the connection makes sure the console holds it; the second trickles.

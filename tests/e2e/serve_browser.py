@@ -213,6 +213,13 @@ def run():
         same(f.read_settings(7), f.with_value(7, "PopWinName", "true"), "agent 7's TDRegInfo.TXT")
         shot("seat-change")
 
+        step("marks that turn the text around are shown escaped; an address with a bare '%' still opens")
+        same(d.execute_script("return visibleText(arguments[0])", "a\u202eb\u2066c\u200fd\x01e"),
+             "a\\u202Eb\\u2066c\\u200Fd\\x01e", "direction marks and a control character as text")
+        d.get(c.origin() + "/?again#%")
+        wait.until(lambda _: d.execute_script("return document.body.dataset.ready === '1'"))
+        check(d.find_element(By.ID, "floor").is_displayed(), "the floor after an address with a bare '%'")
+
         step("the browser's console: no error, no policy violation")
         logs = [e for e in d.get_log("browser") if e["level"] == "SEVERE"]
         same(logs, [], "errors in the browser's console")

@@ -2,6 +2,7 @@
 the rows the console must show for it."""
 import http.client
 import json
+import socket
 import ssl
 import sys
 import time
@@ -123,6 +124,70 @@ class Floor:
         """Every host in the order of the host list."""
         return [self.key(i) for i in range(self.n + 1)] + [self.peer(p) for p in
                                                            ("silent", "wrong", "flood", "trickle", "hostile", "dead")]
+
+
+def raw_exchange(c, data, limit=20):
+    """Sends `data` as it stands on a connection of its own to the (plain HTTP) console and reads until
+    the console closes it or `limit` seconds pass: (what came, whether the console closed)."""
+    s = socket.create_connection((c.host, c.port), timeout=limit)
+    got, closed = b"", False
+    deadline = time.time() + limit
+    try:
+        s.sendall(data)
+        while time.time() < deadline:
+            s.settimeout(max(0.1, deadline - time.time()))
+            chunk = s.recv(65536)
+            if not chunk:
+                closed = True
+                break
+            got += chunk
+    except socket.timeout:
+        pass
+    except OSError:
+        closed = True
+    s.close()
+    return got, closed
+
+
+def hostile_requests(c):
+    """Requests made to hurt the console: each is answered or refused, none ends a worker, makes it spin
+    or smuggles a second request; the console answers afterwards."""
+    auth = b"Authorization: Bearer " + c.token.encode() + b"\r\n"
+
+    step("bounds: a range the library's pattern would recurse through is never matched")
+    got, closed = raw_exchange(c, b"GET /api/hosts HTTP/1.1\r\nHost: h\r\nRange: bytes=" + b"1" * 8150 + b"-\r\n\r\n")
+    check(got.startswith(b"HTTP/1.1 401 "), f"a long Range without a token: {got[:60]!r}")
+    whole = c.request("GET", "/api/hosts")[2]
+    for rng in [b"bytes=0-99999999999", b"bytes=" + b",".join([b"0-"] * 2700), b"bytes=5-9"]:
+        got, closed = raw_exchange(c, b"GET /api/hosts HTTP/1.1\r\nHost: h\r\nConnection: close\r\n" + auth +
+                                   b"Range: " + rng + b"\r\n\r\n")
+        head, _, body = got.partition(b"\r\n\r\n")
+        check(head.startswith(b"HTTP/1.1 200 ") and closed, f"Range {rng[:30]!r}: {head[:60]!r}, closed {closed}")
+        same(len(body), len(whole), f"Range {rng[:30]!r}: the whole answer")
+
+    step("bounds: a refused request's body is never taken for the next request")
+    inner = b"POST /api/scan HTTP/1.1\r\nHost: h\r\nX-CSRF-Token: planted\r\nContent-Length: 0\r\n\r\n"
+    got, closed = raw_exchange(c, b"POST /api/set HTTP/1.1\r\nHost: h\r\nContent-Type: application/json\r\n"
+                               b"Content-Length: %d\r\n\r\n" % len(inner) + inner)
+    same((got.count(b"HTTP/1.1 "), got.startswith(b"HTTP/1.1 401 "), closed), (1, True, True),
+         f"one 401 and the connection closed ({got[:80]!r})")
+
+    step("bounds: a request's head within 32 KiB")
+    filler = b"".join(b"a%d: b\r\n" % i for i in range(4000))
+    check(len(filler) > 32 << 10, "the filler passes 32 KiB")
+    got, closed = raw_exchange(c, b"GET /api/scan HTTP/1.1\r\nHost: h\r\n" + auth + filler + b"\r\n")
+    same((got, closed), (b"", True), "a head of more than 32 KiB: closed without an answer")
+    got, closed = raw_exchange(c, b"GET /api/scan HTTP/1.1\r\nHost: h\r\nConnection: close\r\n" + auth +
+                               b"".join(b"a%d: b\r\n" % i for i in range(2000)) + b"\r\n")
+    check(got.startswith(b"HTTP/1.1 200 "), f"a head of 18 KiB is served: {got[:60]!r}")
+
+    step("bounds: a path longer than 2048 bytes, a multipart body")
+    status, _, payload = c.request("GET", "/api/hosts/" + "a" * 3000)
+    same((status, json.loads(payload)), (414, {"error": "the path is longer than 2048 bytes"}), "a long path")
+    status, _, payload = c.request("POST", "/api/scan", b"--x\r\n\r\n--x--\r\n",
+                                   headers={"Content-Type": "multipart/form-data; boundary=x", "Origin": c.origin()})
+    same((status, json.loads(payload)), (415, {"error": "a body is JSON, never multipart"}), "a multipart body")
+    same(c.request("GET", "/api/scan")[0], 200, "the console after the hostile requests")
 
 
 def main(run):

@@ -2,7 +2,7 @@
 agents 1..N answer with the values fleet_lib.sh gave them."""
 import argparse
 
-from serve_lib import Console, check, main, same, step
+from serve_lib import Console, check, hostile_requests, main, same, step
 
 
 def run():
@@ -26,6 +26,7 @@ def run():
         same((r["state"], r["computer"], r["ext"], r["server"], r["listening_ports"]),
              ("ok", args.computer, str(4000 + i), "10.1.1.5", f"5001,{ports[i]},6001,6002"), f"agent {i}'s row")
     step("/api/hosts answered for every agent")
+    hostile_requests(c)
 
 
 if __name__ == "__main__":

@@ -147,6 +147,8 @@ TEST(FleetOutput, CsvQuotingAndTheFormulaGuard) {
   EXPECT_EQ(CsvField("+4711"), "'+4711");
   EXPECT_EQ(CsvField("-3"), "'-3");
   EXPECT_EQ(CsvField("@SUM(A1)"), "'@SUM(A1)");
+  // A computer name that a ';'-separating spreadsheet would split into a formula cell stays one text.
+  EXPECT_EQ(CsvField("PC01;=HYPERLINK(\"x\")"), "\"PC01;=HYPERLINK(\"\"x\"\")\"");
   EXPECT_EQ(CsvField("a=b"), "a=b");
   EXPECT_EQ(CsvField("line\r\nbreak"), "line\\r\\nbreak");
   EXPECT_EQ(CsvField(std::string("\n=cmd")), "\\n=cmd");

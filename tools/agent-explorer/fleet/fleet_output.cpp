@@ -107,7 +107,9 @@ std::string CsvField(std::string_view value) {
   std::string v = EscapeControls(value);
   // A spreadsheet runs a cell that starts like a formula; the quote mark makes it text.
   if (!v.empty() && (v[0] == '=' || v[0] == '+' || v[0] == '-' || v[0] == '@')) v.insert(0, 1, '\'');
-  if (v.find_first_of(",\"\r\n") == std::string::npos) return v;
+  // Quoted also at a ';': a spreadsheet set to a locale that separates fields by ';' would otherwise
+  // split the value there, and the piece after it would start a cell of its own, a formula perhaps.
+  if (v.find_first_of(",;\"\r\n") == std::string::npos) return v;
   std::string q = "\"";
   for (char c : v) {
     if (c == '"') q += '"';

@@ -30,6 +30,11 @@ inline constexpr int kRequestSeconds = 10;
 inline constexpr int kResponseSeconds = 60;
 inline constexpr int kIoSeconds = 5;
 inline constexpr size_t kMaxRequestBytes = (1 << 20) + (64 << 10);
+// The request line and the headers together: a browser sends one or two kilobytes. Without this bound
+// only the whole request's would hold them, and a megabyte of short headers parses into tens.
+inline constexpr size_t kMaxHeadBytes = 32 << 10;
+// The longest path a request may name; the routes match it against patterns.
+inline constexpr size_t kMaxPathBytes = 2048;
 inline constexpr int kRequestsPerConnection = 100;
 // Sessions kept at once (the least recently used goes first) and how long an unused one lasts.
 inline constexpr size_t kMaxSessions = 256;

@@ -37,6 +37,11 @@ ScanStatus Engine::status() const {
   return status_;
 }
 
+std::pair<std::shared_ptr<const Floor>, ScanStatus> Engine::FloorAndStatus() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {floor_, status_};
+}
+
 bool Engine::Queue(std::function<void(platform::EventLoop&)> job) {
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fleet/fleet.h"
@@ -43,6 +44,9 @@ class Engine {
   bool RequestScan();
   std::shared_ptr<const Floor> floor() const;
   ScanStatus status() const;
+  // Both at one moment: the rows and the count of finished scans that /api/hosts gives together must
+  // belong to the same scan, or the page would keep older rows as the newer scan's.
+  std::pair<std::shared_ptr<const Floor>, ScanStatus> FloorAndStatus() const;
 
   // fleet set over `hosts` (without `apply`: GETINFO only, "would change" or "unchanged"); nothing
   // when the queue is full.

@@ -2,14 +2,18 @@
 // bounds, sessions, the routes of the page and the API.
 #include <httplib.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <list>
 #include <map>
+#include <cstring>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 
@@ -116,6 +120,12 @@ class Watchdog {
 };
 
 // A connection's byte stream (plain or TLS) with its request bounds: httplib parses from it.
+//
+// A request's head (its line and headers) is taken whole before httplib sees a byte of it, within
+// kMaxHeadBytes, and any Range header in it is renamed out of the way. The console serves no part of
+// an answer, and the library would match a range of up to eight kilobytes against a regular
+// expression whose recursion runs a worker's stack out, before any check of ours could refuse the
+// request; a range past an answer's end would make it spin.
 class BoundedStream : public httplib::Stream {
  public:
   BoundedStream(socket_t sock, void* ssl, Watchdog& watchdog, uint64_t id)
@@ -124,26 +134,28 @@ class BoundedStream : public httplib::Stream {
   // A new request: it must arrive whole within kRequestSeconds and kMaxRequestBytes.
   void BeginRequest() {
     read_ = 0;
+    head_taken_ = false;
     writing_ = false;
     watchdog_.Arm(id_, kRequestSeconds);
   }
   // The handler runs (its own time is bounded by what it waits for); the answer comes next.
   void HandlerStarts() { watchdog_.Disarm(id_); }
+  // The answer given, the connection ends: what the client sent beyond the request's head (a body
+  // nobody read) must not be taken for its next request.
+  void CloseAfterAnswer() { close_after_ = true; }
+  bool closes_after_answer() const { return close_after_; }
 
   bool is_readable() const override { return true; }
   bool is_writable() const override { return true; }
 
   ssize_t read(char* ptr, size_t size) override {
-    if (at_ == end_) {
+    if (!head_taken_ && !TakeHead()) return -1;
+    if (at_ == pending_.size()) {
       if (read_ >= kMaxRequestBytes) return -1;
-      const ssize_t n = Receive(buffer_, sizeof buffer_);
-      if (n <= 0) return -1;
-      at_ = 0;
-      end_ = static_cast<size_t>(n);
-      read_ += end_;
+      if (!ReceiveMore()) return -1;
     }
-    const size_t n = std::min(size, end_ - at_);
-    std::memcpy(ptr, buffer_ + at_, n);
+    const size_t n = std::min(size, pending_.size() - at_);
+    std::memcpy(ptr, pending_.data() + at_, n);
     at_ += n;
     return static_cast<ssize_t>(n);
   }
@@ -167,6 +179,47 @@ class BoundedStream : public httplib::Stream {
   socket_t socket() const override { return sock_; }
 
  private:
+  // Appends what the connection brings next to the bytes not yet handed out.
+  bool ReceiveMore() {
+    if (at_ == pending_.size()) {
+      pending_.clear();
+      at_ = 0;
+    }
+    char buf[4096];
+    const ssize_t n = Receive(buf, sizeof buf);
+    if (n <= 0) return false;
+    pending_.append(buf, static_cast<size_t>(n));
+    read_ += static_cast<size_t>(n);
+    return true;
+  }
+
+  // Waits for the blank line that ends the head, within kMaxHeadBytes, and renames its Range headers.
+  bool TakeHead() {
+    pending_.erase(0, at_);
+    at_ = 0;
+    size_t end = std::string::npos, searched = 0;
+    for (;;) {
+      // The first blank line, CR LF or a bare LF; a search goes back over what could begin one.
+      const size_t from = searched > 2 ? searched - 2 : 0;
+      const size_t crlf = pending_.find("\n\r\n", from), lf = pending_.find("\n\n", from);
+      end = std::min(crlf, lf);
+      if (end != std::string::npos) break;
+      searched = pending_.size();
+      if (pending_.size() > kMaxHeadBytes || !ReceiveMore()) return false;
+    }
+    if (end > kMaxHeadBytes) return false;
+    constexpr std::string_view kRange = "range:";
+    for (size_t line = pending_.find('\n'); line < end; line = pending_.find('\n', line + 1)) {
+      if (pending_.size() - (line + 1) < kRange.size()) break;
+      bool range = true;
+      for (size_t i = 0; i < kRange.size() && range; ++i)
+        range = std::tolower(static_cast<unsigned char>(pending_[line + 1 + i])) == kRange[i];
+      if (range) pending_[line + 1] = 'X';
+    }
+    head_taken_ = true;
+    return true;
+  }
+
   ssize_t Receive(char* buf, size_t size) {
 #ifdef TDACLI_SERVE_TLS
     if (ssl_) {
@@ -197,9 +250,9 @@ class BoundedStream : public httplib::Stream {
   void* ssl_;
   Watchdog& watchdog_;
   uint64_t id_;
-  char buffer_[4096];
-  size_t at_ = 0, end_ = 0, read_ = 0;
-  bool writing_ = false;
+  std::string pending_;  // received, handed out up to at_
+  size_t at_ = 0, read_ = 0;
+  bool head_taken_ = false, writing_ = false, close_after_ = false;
 };
 
 // The connections in hand per client address.
@@ -312,7 +365,7 @@ class BoundedServer : public httplib::Server {
       for (int left = kRequestsPerConnection; left > 0 && is_running(); --left) {
         stream.BeginRequest();
         bool closed = false;
-        if (!process_request(stream, left == 1, closed, nullptr) || closed) break;
+        if (!process_request(stream, left == 1, closed, nullptr) || closed || stream.closes_after_answer()) break;
       }
       t_stream = nullptr;
     }
@@ -490,8 +543,8 @@ class Console {
                 }));
     server_.Get("/api/hosts", Handler([this](const Request&, Response& s) {
                   // The floor's rows are written from the floor itself: every reader shares one copy.
-                  auto floor = engine_.floor();
-                  auto head = std::make_shared<std::string>(HostsJsonHead(*floor, engine_.status()));
+                  auto [floor, status] = engine_.FloorAndStatus();
+                  auto head = std::make_shared<std::string>(HostsJsonHead(*floor, status));
                   const size_t length = head->size() + floor->rows_json.size() + 1;
                   s.set_content_provider(length, kJsonType, [floor, head](size_t offset, size_t, httplib::DataSink& sink) {
                     const std::string_view parts[] = {*head, floor->rows_json, "}"};
@@ -503,7 +556,9 @@ class Console {
                       const size_t n = std::min<size_t>(part.size() - offset, 65536);
                       return sink.write(part.data() + offset, n);
                     }
-                    return true;
+                    // Past the end: nothing more will come, and an answer that wrote nothing would be
+                    // asked again for ever.
+                    return false;
                   });
                 }));
     server_.Get(R"(/api/hosts/([^/]+))", Handler([this](const Request& q, Response& s) {
@@ -575,12 +630,16 @@ class Console {
     // its highest quality would spend seconds and tens of megabytes on a floor's export. The library
     // hands the request over as const although it owns it and reads the header only later.
     const_cast<Request&>(q).headers.erase("Accept-Encoding");
+    // No part of an answer is served (the stream renames Range headers already).
+    const_cast<Request&>(q).ranges.clear();
+    // The routes match the path against patterns whose recursion grows with it.
+    if (q.path.size() > kMaxPathBytes) return Refuse(s, 414, "the path is longer than " + std::to_string(kMaxPathBytes) + " bytes");
     if (q.path == "/login" && q.method == "GET") return httplib::Server::HandlerResponse::Unhandled;
     std::string csrf;
     const Auth auth = Authenticate(q, &csrf);
     if (auth == Auth::kNone) {
       s.set_header("WWW-Authenticate", "Bearer");
-      s.set_header("Connection", "close");
+      CloseAfterAnswer(s);
       if (q.path.rfind("/api/", 0) == 0) {
         Error(s, 401, "no valid session or token");
       } else {
@@ -599,21 +658,36 @@ class Console {
       else
         allowed = origin.empty() || SameOrigin(origin, Scheme(), host);
       if (!allowed) {
-        s.set_header("Connection", "close");
+        CloseAfterAnswer(s);
         Error(s, 403,
               auth == Auth::kSession ? "a change needs the session's CSRF token and the console's own Origin"
                                      : "a change from another origin");
         return httplib::Server::HandlerResponse::Handled;
       }
     }
+    // The console takes JSON bodies only; the library would take a multipart body apart before the
+    // route is known.
+    if (q.is_multipart_form_data()) return Refuse(s, 415, "a body is JSON, never multipart");
     return httplib::Server::HandlerResponse::Unhandled;
+  }
+
+  // The connection ends with this answer: a body the request may carry is never read, and must not be
+  // taken for the client's next request.
+  static void CloseAfterAnswer(Response& s) {
+    s.set_header("Connection", "close");
+    if (t_stream) t_stream->CloseAfterAnswer();
+  }
+  static httplib::Server::HandlerResponse Refuse(Response& s, int status, const std::string& why) {
+    CloseAfterAnswer(s);
+    Error(s, status, why);
+    return httplib::Server::HandlerResponse::Handled;
   }
 
   void Login(const Request& q, Response& s) {
     const std::string token = q.get_param_value("token");
     if (!SameSecret(token, config_.token)) {
       s.status = 401;
-      s.set_header("Connection", "close");
+      CloseAfterAnswer(s);
       s.set_content("No valid access token: open the address agent-explorer serve printed when it started.\n",
                     "text/plain; charset=utf-8");
       return;
@@ -681,6 +755,7 @@ class Console {
       case Exchange::kConnectFailed: j["status"] = "no connection"; break;
       case Exchange::kNoGreeting: j["status"] = "no greeting"; break;
       case Exchange::kNoReply: j["status"] = "no reply"; break;
+      case Exchange::kTooLong: j["status"] = "reply too long"; break;
     }
     // At most what a fleet reply may hold.
     const std::string reply = x->reply.substr(0, fleet::kMaxReplyBytes);

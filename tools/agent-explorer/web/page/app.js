@@ -15,13 +15,20 @@ let sortKey = '', sortUp = true;
 let lastScans = -1;
 let polling = false;
 
-// Control characters an agent sent, shown as fleet's outputs show them (\0, \t, \r, \n, \xNN).
-const CONTROL = /[\x00-\x1f\x7f]/;
+// Control characters an agent sent, shown as fleet's outputs show them (\0, \t, \r, \n, \xNN), and
+// the marks that turn the direction of the text around (\uNNNN), with which a value could make the
+// ones beside it read as something else.
+const CONTROL = /[\x00-\x1f\x7f\u200e\u200f\u202a-\u202e\u2066-\u2069]/;
+const CONTROLS = new RegExp(CONTROL.source, 'g');
 function visibleText(value) {
   const s = value === null || value === undefined ? '' : String(value);
   if (!CONTROL.test(s)) return s;
-  return s.replace(/[\x00-\x1f\x7f]/g, (c) => ({ '\0': '\\0', '\t': '\\t', '\r': '\\r', '\n': '\\n' })[c] ||
-    '\\x' + c.charCodeAt(0).toString(16).toUpperCase().padStart(2, '0'));
+  return s.replace(CONTROLS, (c) => {
+    const named = { '\0': '\\0', '\t': '\\t', '\r': '\\r', '\n': '\\n' }[c];
+    if (named) return named;
+    const code = c.charCodeAt(0).toString(16).toUpperCase();
+    return code.length <= 2 ? '\\x' + code.padStart(2, '0') : '\\u' + code.padStart(4, '0');
+  });
 }
 
 function text(tag, value, cls) {
@@ -400,7 +407,9 @@ async function showAudit() {
 // --- views -----------------------------------------------------------------------------------
 
 function route() {
-  const hash = decodeURIComponent(location.hash.slice(1));
+  // An address typed or pasted by hand may hold a '%' that starts no escape.
+  let hash;
+  try { hash = decodeURIComponent(location.hash.slice(1)); } catch (e) { hash = ''; }
   const view = hash.startsWith('seat/') ? 'seat' : hash === 'audit' ? 'audit' : 'floor';
   for (const id of ['floor', 'seat', 'audit']) $(id).hidden = id !== view;
   $('nav-floor').classList.toggle('current', view !== 'audit');
