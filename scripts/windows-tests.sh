@@ -48,6 +48,8 @@ trap stop_server EXIT
 # which keep its standard output open for as long as they run: start them here, away from the output
 # pipes through which ctest waits for each test to finish.
 "$WINE" wineboot </dev/null >/dev/null 2>&1
+# The desktop, likewise: opened here and kept open for the whole run (see cmake/wine-desktop.sh).
+cmake/wine-desktop.sh
 
 # --- tests
 set +e
