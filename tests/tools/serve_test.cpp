@@ -141,6 +141,18 @@ TEST(ServeRequests, HostOfAPath) {
     EXPECT_EQ(ParseHostKey(bad), std::nullopt) << bad;
 }
 
+TEST(ServeRequests, HeadLengthAndRangeHeaders) {
+  EXPECT_EQ(HeadLength("GET / HTTP/1.1\r\nHost: h\r\n\r\nbody"), 27u);
+  EXPECT_EQ(HeadLength("GET / HTTP/1.1\nHost: h\n\nbody"), 24u);
+  EXPECT_EQ(HeadLength("GET / HTTP/1.1\nHost: h\n\r\n\n"), 25u);
+  EXPECT_EQ(HeadLength("GET / HTTP/1.1\r\nHost: h\r\n"), std::string_view::npos);
+  EXPECT_EQ(HeadLength(""), std::string_view::npos);
+  // Only headers: the request line is none, and a body keeps its bytes.
+  std::string h = "Range: / HTTP/1.1\r\nrange: bytes=0-1\r\nX-Range: 1\r\nRANGE:2\r\nRang: 3\r\n\r\nRange: body";
+  RenameRangeHeaders(h, HeadLength(h));
+  EXPECT_EQ(h, "Range: / HTTP/1.1\r\nXange: bytes=0-1\r\nX-Range: 1\r\nXANGE:2\r\nRang: 3\r\n\r\nRange: body");
+}
+
 TEST(ServeRequests, SetBody) {
   SetRequest r = ParseSetRequest(
       R"({"hosts": ["pc1:5002", "pc2:5002", "pc1:5002"], "settings": {"server": "10.1.1.9", "ext": "4711"}, "apply": false})");

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -197,25 +196,11 @@ class BoundedStream : public httplib::Stream {
   bool TakeHead() {
     pending_.erase(0, at_);
     at_ = 0;
-    size_t end = std::string::npos, searched = 0;
-    for (;;) {
-      // The first blank line, CR LF or a bare LF; a search goes back over what could begin one.
-      const size_t from = searched > 2 ? searched - 2 : 0;
-      const size_t crlf = pending_.find("\n\r\n", from), lf = pending_.find("\n\n", from);
-      end = std::min(crlf, lf);
-      if (end != std::string::npos) break;
-      searched = pending_.size();
+    size_t length;
+    while ((length = HeadLength(pending_)) == std::string::npos)
       if (pending_.size() > kMaxHeadBytes || !ReceiveMore()) return false;
-    }
-    if (end > kMaxHeadBytes) return false;
-    constexpr std::string_view kRange = "range:";
-    for (size_t line = pending_.find('\n'); line < end; line = pending_.find('\n', line + 1)) {
-      if (pending_.size() - (line + 1) < kRange.size()) break;
-      bool range = true;
-      for (size_t i = 0; i < kRange.size() && range; ++i)
-        range = std::tolower(static_cast<unsigned char>(pending_[line + 1 + i])) == kRange[i];
-      if (range) pending_[line + 1] = 'X';
-    }
+    if (length > kMaxHeadBytes) return false;
+    RenameRangeHeaders(pending_, length);
     head_taken_ = true;
     return true;
   }
@@ -543,8 +528,9 @@ class Console {
                 }));
     server_.Get("/api/hosts", Handler([this](const Request&, Response& s) {
                   // The floor's rows are written from the floor itself: every reader shares one copy.
-                  auto [floor, status] = engine_.FloorAndStatus();
-                  auto head = std::make_shared<std::string>(HostsJsonHead(*floor, status));
+                  const auto snapshot = engine_.FloorAndStatus();
+                  const auto floor = snapshot.first;
+                  auto head = std::make_shared<std::string>(HostsJsonHead(*floor, snapshot.second));
                   const size_t length = head->size() + floor->rows_json.size() + 1;
                   s.set_content_provider(length, kJsonType, [floor, head](size_t offset, size_t, httplib::DataSink& sink) {
                     const std::string_view parts[] = {*head, floor->rows_json, "}"};

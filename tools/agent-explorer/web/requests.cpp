@@ -2,6 +2,7 @@
 #include "web/requests.h"
 
 #include <algorithm>
+#include <cctype>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -155,6 +156,25 @@ bool SameOrigin(std::string_view origin, std::string_view scheme, std::string_vi
     if (a != b && !(((a | 0x20) == (b | 0x20)) && (a | 0x20) >= 'a' && (a | 0x20) <= 'z')) return false;
   }
   return true;
+}
+
+size_t HeadLength(std::string_view bytes) {
+  const size_t crlf = bytes.find("\n\r\n"), lf = bytes.find("\n\n");
+  if (crlf == std::string_view::npos && lf == std::string_view::npos) return std::string_view::npos;
+  return crlf < lf ? crlf + 3 : lf + 2;
+}
+
+void RenameRangeHeaders(std::string& bytes, size_t head_length) {
+  constexpr std::string_view kRange = "range:";
+  const size_t end = std::min(head_length, bytes.size());
+  // Each header begins after a line end; the request line before the first is none.
+  for (size_t at = bytes.find('\n'); at != std::string::npos && at + 1 + kRange.size() <= end;
+       at = bytes.find('\n', at + 1)) {
+    bool range = true;
+    for (size_t i = 0; i < kRange.size() && range; ++i)
+      range = std::tolower(static_cast<unsigned char>(bytes[at + 1 + i])) == kRange[i];
+    if (range) bytes[at + 1] = 'X';
+  }
 }
 
 }  // namespace tdacli::explorer::web

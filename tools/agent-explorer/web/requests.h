@@ -30,6 +30,13 @@ struct SetRequest {
 };
 SetRequest ParseSetRequest(std::string_view body);
 
+// How long a request's head (its line and headers) is at the start of `bytes`: up to and with the
+// blank line that ends it (CR LF, or a bare LF), or npos while that line has not come.
+size_t HeadLength(std::string_view bytes);
+// Renames every Range header among the first `head_length` bytes (its first letter becomes 'X'), the
+// length of everything kept as it is: the console serves no part of an answer.
+void RenameRangeHeaders(std::string& bytes, size_t head_length);
+
 // The value of cookie `name` in a Cookie header ("" when it is not there).
 std::string CookieValue(std::string_view header, std::string_view name);
 // The token of "Authorization: Bearer TOKEN" ("" when the header is another scheme).
