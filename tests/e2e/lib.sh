@@ -16,18 +16,18 @@ fail_showing() {
   done
   exit 1
 }
-# Takes the command line's "--option value" pairs into variables. Each spec "option=VAR" names an
+# Takes the command line's "--option value" pairs into variables. Each entry "option=VAR" names an
 # option that must be given, "option=VAR?" one that may be left out (VAR keeps the value it has); then
 # "--" and the arguments:  take_options tdacli=TDACLI agents=N? -- "$@"
 # An unknown option or a missing one ends the run with exit code 2.
 take_options() {
   local -A var_of=()
-  local required=() spec option
+  local required=() entry option
   while [ "$1" != -- ]; do
-    option=${1%%=*} spec=${1#*=}
+    option=${1%%=*} entry=${1#*=}
     shift
-    var_of[$option]=${spec%\?}
-    [ "$spec" != "${spec%\?}" ] || { required+=("$spec"); printf -v "$spec" '%s' ""; }
+    var_of[$option]=${entry%\?}
+    [ "$entry" != "${entry%\?}" ] || { required+=("$entry"); printf -v "$entry" '%s' ""; }
   done
   shift
   while [ $# -gt 0 ]; do
@@ -37,8 +37,8 @@ take_options() {
     printf -v "${var_of[$option]}" '%s' "$2"
     shift 2
   done
-  for spec in "${required[@]}"; do
-    [ -n "${!spec}" ] || { echo "missing arguments" >&2; exit 2; }
+  for entry in "${required[@]}"; do
+    [ -n "${!entry}" ] || { echo "missing arguments" >&2; exit 2; }
   done
 }
 
@@ -89,12 +89,12 @@ prepare_login_run() {
 # writing what it hears to $WORK/NAME.log, and waits for their endpoints. STANDIN_PID_OF[NAME] is its
 # process; all are stopped with the run.
 start_standins() {
-  local spec name answer
+  local entry name answer
   declare -gA STANDIN_PID_OF=()
   step "stand-ins (name:answers) $*"
-  for spec; do
-    name=${spec%%:*} answer=()
-    [ "$name" = "$spec" ] || answer=(--answer "${spec#*:}")
+  for entry; do
+    name=${entry%%:*} answer=()
+    [ "$name" = "$entry" ] || answer=(--answer "${entry#*:}")
     "$STANDIN" --name "$name" --app-dir "$APP" "${answer[@]}" --log "$WORK/$name.log" 2>"$WORK/$name.err" &
     STANDIN_PID_OF[$name]=$!
     PIDS+=("$!")
