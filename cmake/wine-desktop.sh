@@ -8,11 +8,15 @@
 # it. When that program is a test, ctest waits for the desktop's process too, which lives on as long
 # as the tests beside it keep the desktop open: the test passes and still runs into its time-out. A
 # desktop opened before the tests is also there when a test's program first needs it, however busy
-# the machine is then (a program gives the desktop's process 10 seconds to come up). Not for a prefix
-# whose session a test ends: "wineboot --end-session" waits for the window held here.
+# the machine is then (a program gives the desktop's process 10 seconds to come up). A test that ends
+# its prefix's session ends the window held here first ("wineboot --end-session" would wait for it):
+# --pid-file says which process holds it.
+#
+#   wine-desktop.sh [--pid-file F]
 set -u
 : "${WINEPREFIX:?set WINEPREFIX}"
 "$(cd "$(dirname "$0")" && pwd)/wine.sh" notepad </dev/null >/dev/null 2>&1 &
+[ "${1:-}" = --pid-file ] && echo "$!" >"$2"
 # The desktop's process of this prefix (by the prefix in its environment), within a minute.
 for _ in $(seq 1 600); do
   for p in $(pgrep -f 'explorer\.exe /desktop'); do

@@ -36,6 +36,29 @@ end_wine_run() {
   fi
   return 0
 }
+# Opens the desktop of the prefix $1 before a program's form needs it, held by a window of its own
+# (cmake/wine-desktop.sh): a program gives the desktop's process 10 seconds to come up, which a busy
+# machine does not always allow, and a form made without a desktop never hears that the session ends.
+# The words after the prefix are put before the command (setpriv ... --). DESKTOP_KEEPER: the process
+# that holds it.
+open_desktop() {
+  local prefix=$1
+  shift
+  "$@" env WINEPREFIX="$prefix" "$(cd "$(dirname "${BASH_SOURCE[0]}")/../../cmake" && pwd)/wine-desktop.sh" \
+    --pid-file "$WORK/desktop-keeper.pid" || fail "the desktop of $prefix did not open"
+  DESKTOP_KEEPER=$(cat "$WORK/desktop-keeper.pid")
+}
+# Once the program's form is on the desktop it holds it: the window that held it goes, as the end of
+# the session would wait for it. Ended is gone, or a zombie that whoever inherited it has yet to reap.
+release_desktop() {
+  keeper_ended() {
+    local state
+    state=$(ps -o stat= -p "$DESKTOP_KEEPER" 2>/dev/null)
+    [ -z "$state" ] || [ "${state:0:1}" = Z ]
+  }
+  kill -KILL "$DESKTOP_KEEPER" 2>/dev/null
+  wait_for 20 keeper_ended || fail "the desktop's keeper did not end"
+}
 # Makes the private prefix and starts its Wine server for the rest of the run.
 start_wine() {
   step "private prefix and service manager"

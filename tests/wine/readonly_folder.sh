@@ -15,6 +15,8 @@ export LC_ALL=C
 
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/../e2e/lib.sh"
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/../e2e/wine_lib.sh"
 take_options wine-run=WINE_RUN prefix=PREFIX tdacli=TDACLI svctool=SVCTOOL work=WORK -- "$@"
 
 WINE_RUN=$(cd "$(dirname "$WINE_RUN")" && pwd)/$(basename "$WINE_RUN")
@@ -80,6 +82,7 @@ agent "$app" "$WORK/root.log" /u /s
 
 step "user-session mode: no event-log entry, no file, ended by the end of the session"
 app=$(folder session thinterminal.dat)
+open_desktop "$PREFIX" "${NO_OVERRIDE[@]}"
 agent "$app" "$WORK/session.log" &
 PID=$!
 # The hidden form exists once the start-up checks are behind it.
@@ -90,6 +93,7 @@ form_or_end() {
 }
 wait_for 120 form_or_end
 [ -n "$found" ] || fail "the agent's form never appeared"
+release_desktop
 WINEDEBUG=-all wine_run wineboot --end-session </dev/null >>"$WORK/wineboot.log" 2>&1 ||
   fail "wineboot --end-session failed"
 ends_with_status_0 "$PID" 60

@@ -10,6 +10,8 @@ set -u
 
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "$0")/../e2e/lib.sh"
+# shellcheck source=tests/e2e/wine_lib.sh
+source "$(dirname "$0")/../e2e/wine_lib.sh"
 take_options wine-run=WINE_RUN prefix=PREFIX tdacli=TDACLI work=WORK -- "$@"
 
 APP=$WORK
@@ -39,10 +41,15 @@ WINEPREFIX=$PREFIX "$WINESERVER" -w
 WINEPREFIX=$PREFIX "$WINESERVER" -p
 WINEDEBUG=-all "$WINE_RUN" "--prefix=$PREFIX" wineboot </dev/null >/dev/null 2>&1 || fail "wineboot"
 
+step "the prefix's desktop open before the agent's form needs it"
+open_desktop "$PREFIX"
+
 step "start by hand in user-session mode"
 (cd "$WORK" && WINEDEBUG=+eventlog exec "$WINE_RUN" "--prefix=$PREFIX" tdacli.exe) </dev/null >"$LOG" 2>&1 &
 PID=$!
 wait_for 90 trace_says "Running As: UserSession (Terminal Server)" || fail "no user-session banner"
+grep -qF "The explorer process failed to start" "$LOG" && fail "the agent's form found no desktop"
+release_desktop
 trace=$(program_trace)
 grep -qF "Trace! in TDACLI: THINTERMINAL - Deferring opening of socket until after login!" "$trace" ||
   fail "listening socket not deferred"
